@@ -1,0 +1,474 @@
+#include "sim/SensorLogic.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "sim/FlashContent.h"
+
+namespace vbridge {
+
+namespace {
+
+constexpr uint8_t kClassControl = 0xA1;
+constexpr uint8_t kClassData = 0xA0;
+constexpr uint8_t kCodeStatus = 0x80;
+constexpr uint8_t kCodeInside = 0x81;
+constexpr uint8_t kCodeArm = 0x00;
+constexpr uint8_t kCodeImageBlock = 0x80;
+constexpr uint8_t kCodeOscilloscope = 0xE4;
+
+constexpr uint8_t kLatticeReadId = 0xE0;
+constexpr uint8_t kLatticeEnable = 0xC6;
+constexpr uint8_t kLatticeBurst = 0x7A;
+constexpr uint8_t kLatticeReadStatus = 0x3C;
+constexpr uint8_t kLatticeDisable = 0x26;
+constexpr uint32_t kLatticeDone = 0x100;
+constexpr uint32_t kLatticeEnabled = 0x200;
+
+// What an FPGA without configuration puts on the bus: read as a status
+// word it is flags 0x22, size 2, version 8, diode 0x88.
+constexpr uint8_t kUnconfiguredPattern = 0x22;
+
+// A threshold under the dark level triggers at once; the sensor then runs a
+// dummy integration of this length.
+constexpr uint32_t kDummyIntegrationMs = 300;
+// From the end of the integration to the image being ready.
+constexpr uint32_t kReadoutPreparationMs = 20;
+constexpr int kRampMs = 5;
+
+uint32_t mix(uint32_t x)
+{
+    x ^= x >> 16;
+    x *= 0x7feb352du;
+    x ^= x >> 15;
+    x *= 0x846ca68bu;
+    x ^= x >> 16;
+    return x;
+}
+
+void putBigEndian16(uint8_t* bytes, uint16_t value)
+{
+    bytes[0] = static_cast<uint8_t>(value >> 8);
+    bytes[1] = static_cast<uint8_t>(value);
+}
+
+}  // namespace
+
+SensorLogic::SensorLogic(uint32_t seed)
+    : seed_(seed)
+{
+}
+
+int SensorLogic::width() const
+{
+    return sizeCode == 2 ? 1300 : 1000;
+}
+
+int SensorLogic::height() const
+{
+    return sizeCode == 2 ? 1706 : 1506;
+}
+
+void SensorLogic::configurationReset()
+{
+    configured = false;
+    configMode_ = false;
+    done_ = false;
+    burst_ = false;
+    phase_ = Phase::Idle;
+}
+
+void SensorLogic::trigger(const Exposure& exposure)
+{
+    pendingTrigger_ = true;
+    pending_ = exposure;
+}
+
+uint8_t SensorLogic::flags() const
+{
+    uint8_t value = 0x40;
+    switch (phase_) {
+    case Phase::Idle:
+        value = 0x40;
+        break;
+    case Phase::Armed:
+        value = 0x44;
+        break;
+    case Phase::Exposing:
+        value = 0x45;
+        break;
+    case Phase::Integrated:
+        value = 0x46;
+        break;
+    case Phase::ImageReady:
+        value = 0x48;
+        break;
+    }
+    if (off)
+        value |= 0x10;
+    if (linkLost)
+        value |= 0x20;
+    return value;
+}
+
+void SensorLogic::startExposure(Clock::time_point start, uint32_t durationMs, uint16_t level)
+{
+    phase_ = Phase::Exposing;
+    exposureStart_ = start;
+    exposureMs_ = durationMs;
+    exposureEnd_ = start + std::chrono::milliseconds(durationMs);
+    exposureLevel_ = level;
+    ++exposures;
+
+    // One photodiode sample a millisecond, ramping up and down at the edges.
+    samples_.clear();
+    samplesRead_ = 0;
+    for (uint32_t ms = 0; ms < durationMs; ++ms) {
+        const int edge = static_cast<int>(std::min<uint32_t>(ms, durationMs - 1 - ms));
+        int value = level;
+        if (edge < kRampMs)
+            value = kDarkLevel + (level - kDarkLevel) * (edge + 1) / (kRampMs + 1);
+        value += static_cast<int>(mix(seed_ + ms * 31 + exposures) % 5) - 2;
+        samples_.push_back(static_cast<uint16_t>(std::clamp(value, 0x100, 0x3FF)));
+    }
+    lastOscilloscope = samples_;
+}
+
+void SensorLogic::update(Clock::time_point now)
+{
+    if (!configured)
+        return;
+    if (phase_ == Phase::Armed) {
+        if (pendingTrigger_) {
+            pendingTrigger_ = false;
+            if (pending_.doseRate > arm.threshold)
+                startExposure(now, pending_.durationMs, pending_.doseRate);
+        } else if (arm.threshold < kDarkLevel) {
+            startExposure(armTime_, kDummyIntegrationMs, kDarkLevel);
+        } else if (autoExposure) {
+            const auto beam = armTime_ + std::chrono::milliseconds(exposure.delayMs);
+            if (now >= beam && exposure.doseRate > arm.threshold)
+                startExposure(beam, exposure.durationMs, exposure.doseRate);
+        }
+    }
+    if (phase_ == Phase::Exposing && now >= exposureEnd_)
+        phase_ = Phase::Integrated;
+    if (phase_ == Phase::Integrated && now >= exposureEnd_ + std::chrono::milliseconds(kReadoutPreparationMs)) {
+        finishImage();
+        phase_ = Phase::ImageReady;
+    }
+}
+
+void SensorLogic::ensureImage()
+{
+    if (imageBytes_.empty()) {
+        const uint16_t level = exposureLevel_;
+        const uint32_t ms = exposureMs_;
+        exposureLevel_ = kDarkLevel;
+        exposureMs_ = 0;
+        finishImage();
+        exposureLevel_ = level;
+        exposureMs_ = ms;
+    }
+}
+
+// A recognisable test pattern: dark offset, fixed column pattern, a dose
+// signal with a checkerboard of 100-pixel squares, shading towards the edges,
+// and noise.
+void SensorLogic::finishImage()
+{
+    imageWidth_ = width();
+    imageHeight_ = height();
+    imageCode_ = imageSizeCodeOverride >= 0 ? imageSizeCodeOverride : sizeCode;
+    const int signal = std::max(0, (exposureLevel_ - kDarkLevel)) * static_cast<int>(exposureMs_) / 20;
+    imageBytes_.resize(static_cast<size_t>(imageWidth_) * imageHeight_ * 2);
+    uint8_t* out = imageBytes_.data();
+    const uint32_t shot = seed_ * 977 + static_cast<uint32_t>(exposures);
+    for (int y = 0; y < imageHeight_; ++y) {
+        const int dy = std::abs(2 * y - imageHeight_) * 256 / imageHeight_;
+        for (int x = 0; x < imageWidth_; ++x) {
+            const int dx = std::abs(2 * x - imageWidth_) * 256 / imageWidth_;
+            const int shading = 512 - (dx * dx + dy * dy) / 512;
+            const bool light = ((x / 100) + (y / 100)) % 2 == 0;
+            int value = 1200 + ((x * 7) & 63) + signal * shading / 512 + (light ? signal / 4 : 0)
+                        + static_cast<int>(mix(shot ^ static_cast<uint32_t>(y * 4099 + x)) % 17);
+            value = std::clamp(value, 0, 0x3FFF);
+            putBigEndian16(out, static_cast<uint16_t>(value));
+            out += 2;
+        }
+    }
+    imageBytes_[0] = static_cast<uint8_t>((imageBytes_[0] & 0x3F) | (imageCode_ << 6));
+}
+
+std::vector<uint16_t> SensorLogic::image() const
+{
+    std::vector<uint16_t> pixels(imageBytes_.size() / 2);
+    for (size_t i = 0; i < pixels.size(); ++i)
+        pixels[i] = static_cast<uint16_t>((imageBytes_[2 * i] << 8) | imageBytes_[2 * i + 1]);
+    return pixels;
+}
+
+std::vector<uint8_t> SensorLogic::statusAnswer()
+{
+    StatusWord word;
+    if (!queued.empty()) {
+        word = queued.front();
+        queued.pop_front();
+    } else if (forcedStatus) {
+        word = forced;
+    } else {
+        word.flags = flags();
+        word.diode = phase_ == Phase::Exposing ? exposureLevel_ : kDarkLevel;
+        word.version = version;
+        word.sizeCode = sizeCode;
+    }
+    const uint16_t diode = word.diode & 0x3FF;
+    return {word.flags, static_cast<uint8_t>(diode >> 2),
+            static_cast<uint8_t>(((diode & 3) << 6) | ((word.version & 0x0F) << 2) | (word.sizeCode & 3))};
+}
+
+std::vector<uint8_t> SensorLogic::insideAnswer() const
+{
+    std::vector<uint8_t> block(17, 0);
+    block[0] = generator.markerOk ? 0x73 : 0x53;
+    block[1] = generator.kV;
+    block[2] = generator.mA;
+    putBigEndian16(&block[3], generator.timeSet);
+    putBigEndian16(&block[5], generator.timeDone);
+    putBigEndian16(&block[8], generator.dap);
+    block[10] = generator.cone;
+    putBigEndian16(&block[11], generator.airDose);
+    block[13] = generator.cutMethod;
+    block[14] = generator.mode;
+    block[15] = 0x5A;
+    unsigned sum = 0;
+    for (int i = 1; i <= 14; ++i)
+        sum += block[i];
+    block[16] = static_cast<uint8_t>(sum + (generator.checksumOk ? 0 : 1));
+    return block;
+}
+
+// The samples not read yet, then an 0xFFFF end mark; the rest reads zero.
+std::vector<uint8_t> SensorLogic::oscilloscopeAnswer(Clock::time_point now)
+{
+    size_t available = samples_.size();
+    if (phase_ == Phase::Exposing) {
+        const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - exposureStart_).count();
+        available = std::min<size_t>(samples_.size(), static_cast<size_t>(std::max<int64_t>(0, elapsed)));
+    }
+    std::vector<uint8_t> answer;
+    for (size_t i = samplesRead_; i < available; ++i) {
+        answer.push_back(static_cast<uint8_t>(samples_[i] >> 8));
+        answer.push_back(static_cast<uint8_t>(samples_[i]));
+    }
+    samplesRead_ = std::max(samplesRead_, available);
+    answer.push_back(0xFF);
+    answer.push_back(0xFF);
+    return answer;
+}
+
+void SensorLogic::select()
+{
+    target_ = Target::None;
+    frame_.clear();
+    parameters_.clear();
+    answer_ = nullptr;
+    answerSize_ = 0;
+    answerPos_ = 0;
+    answerFill_ = 0;
+}
+
+void SensorLogic::decodeLogicFrame()
+{
+    target_ = Target::Logic;
+    const Clock::time_point now = Clock::now();
+    update(now);
+    if (!configured) {
+        answerFill_ = kUnconfiguredPattern;
+        return;
+    }
+    if (frame_[2] != 0xCA || frame_[3] != 0xFE)
+        return;
+    if (frame_[0] == kClassControl && frame_[1] == kCodeStatus) {
+        answerStore_ = statusAnswer();
+    } else if (frame_[0] == kClassControl && frame_[1] == kCodeInside) {
+        answerStore_ = insideAnswer();
+    } else if (frame_[0] == kClassData && frame_[1] == kCodeOscilloscope) {
+        answerStore_ = oscilloscopeAnswer(now);
+    } else if (frame_[0] == kClassData && frame_[1] >= kCodeImageBlock) {
+        ensureImage();
+        const size_t offset = static_cast<size_t>(frame_[1] - kCodeImageBlock) * kBlockSize;
+        if (offset < imageBytes_.size()) {
+            answer_ = imageBytes_.data() + offset;
+            answerSize_ = imageBytes_.size() - offset;
+        }
+        return;
+    } else {
+        return;
+    }
+    answer_ = answerStore_.data();
+    answerSize_ = answerStore_.size();
+}
+
+void SensorLogic::decodeConfigFrame()
+{
+    target_ = Target::Config;
+    answerFill_ = 0xFF;
+    switch (frame_[0]) {
+    case kLatticeReadId:
+        answerStore_ = {static_cast<uint8_t>(fpgaDeviceId >> 24), static_cast<uint8_t>(fpgaDeviceId >> 16),
+                        static_cast<uint8_t>(fpgaDeviceId >> 8), static_cast<uint8_t>(fpgaDeviceId)};
+        break;
+    case kLatticeReadStatus: {
+        const uint32_t status = (done_ ? kLatticeDone : 0) | (configMode_ ? kLatticeEnabled : 0);
+        answerStore_ = {static_cast<uint8_t>(status >> 24), static_cast<uint8_t>(status >> 16),
+                        static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status)};
+        break;
+    }
+    case kLatticeEnable:
+        // The user logic stops while the device is in configuration mode.
+        configMode_ = true;
+        configured = false;
+        phase_ = Phase::Idle;
+        return;
+    case kLatticeBurst:
+        if (configMode_) {
+            burst_ = true;
+            done_ = false;
+            burstData_.clear();
+            burstTotal_ = 0;
+        }
+        return;
+    case kLatticeDisable:
+        if (configMode_) {
+            configMode_ = false;
+            if (done_) {
+                configured = true;
+                phase_ = Phase::Idle;
+            }
+        }
+        return;
+    default:
+        return;
+    }
+    answer_ = answerStore_.data();
+    answerSize_ = answerStore_.size();
+}
+
+// Takes bitstream bytes until the bitstream is complete (its length is in its
+// own frame); bytes after it are commands again.
+size_t SensorLogic::feedBurst(const uint8_t* data, size_t count)
+{
+    // A header longer than this never came from the tools: the rest of the
+    // burst is taken as data until the chip select rises.
+    constexpr size_t kLongestHeader = 4096;
+    size_t used = 0;
+    while (used < count && burst_ && burstTotal_ == 0) {
+        burstData_.push_back(data ? data[used] : 0xFF);
+        ++used;
+        if (burstData_.size() <= kLongestHeader)
+            burstTotal_ = bitstreamTotalSize(burstData_.data(), burstData_.size());
+    }
+    if (burstTotal_ == 0) {
+        burstData_.insert(burstData_.end(), data ? data + used : nullptr, data ? data + count : nullptr);
+        if (!data)
+            burstData_.resize(burstData_.size() + (count - used), 0xFF);
+        return count;
+    }
+    const size_t take = std::min(count - used, burstTotal_ - std::min(burstTotal_, burstData_.size()));
+    if (data)
+        burstData_.insert(burstData_.end(), data + used, data + used + take);
+    else
+        burstData_.resize(burstData_.size() + take, 0xFF);
+    used += take;
+    if (burstData_.size() >= burstTotal_) {
+        burst_ = false;
+        done_ = bitstreamIntact(burstData_);
+        loadedBitstream = burstData_;
+    }
+    return used;
+}
+
+void SensorLogic::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines lines)
+{
+    size_t i = 0;
+    while (i < count) {
+        if (burst_) {
+            const size_t used = feedBurst(out ? out + i : nullptr, count - i);
+            if (in)
+                std::fill(in + i, in + i + used, 0xFF);
+            i += used;
+            if (!burst_) {
+                frame_.clear();
+                target_ = Target::None;
+            }
+            continue;
+        }
+        if (frame_.size() < 4) {
+            // Frames are taken on one line; on more the bits are not the
+            // ones the master meant.
+            frame_.push_back(lines == Lines::Single && out ? out[i] : 0xFF);
+            if (in)
+                in[i] = configured ? 0x00 : kUnconfiguredPattern;
+            ++i;
+            if (frame_.size() == 4) {
+                const bool lattice = frame_[1] == 0 && frame_[2] == 0 && frame_[3] == 0
+                                     && (frame_[0] == kLatticeReadId || frame_[0] == kLatticeEnable
+                                         || frame_[0] == kLatticeBurst || frame_[0] == kLatticeReadStatus
+                                         || frame_[0] == kLatticeDisable);
+                if (lattice)
+                    decodeConfigFrame();
+                else
+                    decodeLogicFrame();
+                // The next frame of a held chip select starts a new command.
+                if (target_ == Target::Config && frame_[0] != kLatticeReadId && frame_[0] != kLatticeReadStatus
+                    && !burst_)
+                    frame_.clear();
+            }
+            continue;
+        }
+        if (target_ == Target::Logic && configured && frame_[0] == kClassControl && frame_[1] == kCodeArm) {
+            if (parameters_.size() < 5) {
+                parameters_.push_back(out ? out[i] : 0xFF);
+                parameterLines_ = lines;
+                if (in)
+                    in[i] = 0;
+                ++i;
+                if (parameters_.size() == 5 && parameterLines_ == Lines::Quad) {
+                    arm.count++;
+                    arm.threshold = ((parameters_[0] & 0x0F) << 8) | parameters_[1];
+                    arm.oscilloscope = (parameters_[0] & 0xF0) == 0x50;
+                    arm.ace = (uint32_t(parameters_[2]) << 16) | (uint32_t(parameters_[3]) << 8) | parameters_[4];
+                    phase_ = Phase::Armed;
+                    armTime_ = Clock::now();
+                    samples_.clear();
+                    samplesRead_ = 0;
+                }
+                continue;
+            }
+        }
+        // Answer bytes; the master's bytes in this phase are not looked at.
+        const size_t n = count - i;
+        if (in) {
+            const size_t fromAnswer = answerPos_ < answerSize_ ? std::min(n, answerSize_ - answerPos_) : 0;
+            if (fromAnswer)
+                std::memcpy(in + i, answer_ + answerPos_, fromAnswer);
+            std::fill(in + i + fromAnswer, in + count, answerFill_);
+        }
+        answerPos_ += n;
+        i = count;
+    }
+}
+
+void SensorLogic::deselect()
+{
+    if (burst_) {
+        // The chip select rose in the middle of the bitstream.
+        burst_ = false;
+        done_ = false;
+        loadedBitstream = burstData_;
+    }
+    frame_.clear();
+}
+
+}  // namespace vbridge

@@ -1,0 +1,113 @@
+// Port A of a virtual sensor: the sensor logic in its FPGA (status word,
+// arming, the photodiode and the exposure, image blocks, oscilloscope, the
+// generator block of an "Inside" sensor), and the FPGA's configuration port,
+// which answers Lattice opcodes and comes alive only on a good bitstream.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+#include "sim/SpiDevice.h"
+#include "sim/VirtualBridge.h"
+
+namespace vbridge {
+
+class SensorLogic : public SpiDevice {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    static constexpr int kDarkLevel = 428;
+    static constexpr uint32_t kBlockSize = 0xFF80;
+
+    explicit SensorLogic(uint32_t seed);
+
+    void select() override;
+    void exchange(const uint8_t* out, uint8_t* in, size_t count, Lines lines) override;
+    void deselect() override;
+
+    // Configuration.
+    uint8_t version = 2;
+    uint8_t sizeCode = 1;
+    GeneratorSettings generator;
+    bool autoExposure = true;
+    Exposure exposure;
+    bool off = false;
+    bool linkLost = false;
+    int imageSizeCodeOverride = -1;
+    bool forcedStatus = false;
+    StatusWord forced;
+    std::deque<StatusWord> queued;
+    uint32_t fpgaDeviceId = 0x412B4043;
+
+    // FPGA configuration state.
+    bool configured = true;
+    void configurationReset();  // PROGRAMN pulse or power cycle
+    std::vector<uint8_t> loadedBitstream;
+
+    void trigger(const Exposure& exposure);
+
+    ArmRecord arm;
+    int exposures = 0;
+    std::vector<uint16_t> lastOscilloscope;
+    std::vector<uint16_t> image() const;
+    int width() const;
+    int height() const;
+
+private:
+    enum class Phase { Idle, Armed, Exposing, Integrated, ImageReady };
+    enum class Target { None, Logic, Config };
+
+    void update(Clock::time_point now);
+    void startExposure(Clock::time_point now, uint32_t durationMs, uint16_t level);
+    void finishImage();
+    void decodeLogicFrame();
+    void decodeConfigFrame();
+    uint8_t flags() const;
+    std::vector<uint8_t> statusAnswer();
+    std::vector<uint8_t> insideAnswer() const;
+    std::vector<uint8_t> oscilloscopeAnswer(Clock::time_point now);
+    size_t feedBurst(const uint8_t* data, size_t count);
+    void ensureImage();
+
+    uint32_t seed_;
+    Phase phase_ = Phase::Idle;
+    Clock::time_point armTime_{};
+    Clock::time_point exposureStart_{};
+    Clock::time_point exposureEnd_{};
+    uint32_t exposureMs_ = 0;
+    uint16_t exposureLevel_ = kDarkLevel;
+    bool pendingTrigger_ = false;
+    Exposure pending_;
+
+    // Image in wire order (big-endian pixels) and its size code.
+    std::vector<uint8_t> imageBytes_;
+    int imageWidth_ = 0;
+    int imageHeight_ = 0;
+    int imageCode_ = 0;
+
+    // Samples recorded during the exposure, and how many were read.
+    std::vector<uint16_t> samples_;
+    size_t samplesRead_ = 0;
+
+    // One transaction.
+    Target target_ = Target::None;
+    std::vector<uint8_t> frame_;
+    std::vector<uint8_t> parameters_;
+    Lines parameterLines_ = Lines::Single;
+    const uint8_t* answer_ = nullptr;
+    size_t answerSize_ = 0;
+    size_t answerPos_ = 0;
+    std::vector<uint8_t> answerStore_;
+    uint8_t answerFill_ = 0;
+
+    // Configuration port.
+    bool configMode_ = false;
+    bool done_ = false;
+    bool burst_ = false;
+    std::vector<uint8_t> burstData_;
+    size_t burstTotal_ = 0;
+};
+
+}  // namespace vbridge

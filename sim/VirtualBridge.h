@@ -1,0 +1,260 @@
+// Control API of the virtual FT4222 bridge.
+//
+// The library that carries this API also exports the D2XX and LibFT4222 C
+// functions of transport/BridgeApi.h, and answers them from emulated devices:
+// the USB device list, the four interfaces of every virtual sensor, the sensor
+// logic and the FPGA configuration port behind port A, the voltage converter
+// on port B, the NOR flash on port C and the GPIO lines of port D. Tests and
+// tools configure the devices here (or through a scenario file) and read back
+// a trace of every bridge call.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vbridge {
+
+// Generator settings that an "Inside" sensor reports in its information block.
+struct GeneratorSettings {
+    uint8_t kV = 70;
+    uint8_t mA = 7;
+    uint16_t timeSet = 125;
+    uint16_t timeDone = 124;
+    uint16_t dap = 310;
+    uint8_t cone = 2;
+    uint16_t airDose = 1520;
+    uint8_t cutMethod = 1;
+    uint8_t mode = 0;
+    bool markerOk = true;   // byte 0 is 0x73 ('s') when true
+    bool checksumOk = true; // byte 16 is the sum of bytes 1 to 14 when true
+};
+
+// The 3-byte status word fields of a sensor, for answers forced by a test.
+struct StatusWord {
+    uint8_t flags = 0x40;  // ready
+    uint16_t diode = 428;  // 10 bits
+    uint8_t version = 2;   // 4 bits
+    uint8_t sizeCode = 1;  // 2 bits: 1 = 1000 x 1506, 2 = 1300 x 1706
+};
+
+// An X-ray exposure as the sensor's photodiode sees it.
+struct Exposure {
+    uint32_t delayMs = 150;     // from arming (automatic exposures only)
+    uint32_t durationMs = 120;  // intra-oral exposures last 50 to 200 ms
+    uint16_t doseRate = 700;    // photodiode level while exposed (dark is 428)
+};
+
+struct FlashTiming {
+    uint32_t busyPolls = 2;   // status reads that see the busy bit after a program or erase
+    uint32_t programUs = 0;   // and at least this long after a page program
+    uint32_t eraseUs = 0;     // after a sector erase
+    uint32_t chipEraseUs = 0; // after a chip erase
+};
+
+struct FlashStats {
+    std::vector<uint32_t> sectorErases;  // erase count of each 4096-byte sector
+    uint64_t pagePrograms = 0;
+    uint64_t sectorEraseCommands = 0;    // executed sector erases
+    uint64_t chipErases = 0;
+    uint64_t zeroToOneAttempts = 0;      // programs that asked a 0 bit to become 1
+    uint64_t ignoredWhileBusy = 0;
+    uint64_t ignoredWithoutWriteEnable = 0;
+};
+
+struct SensorConfig {
+    // Serial number of the bridge; interface serials are this plus A to D.
+    // Empty: "KX0001", "KX0002", ... by sensor index.
+    std::string serial;
+    // Location id of port A; ports B to D follow at +1, +2, +3. 0: chosen.
+    uint32_t location = 0;
+    // GPIO 3 of port D reads 0 for a sensor built into a generator.
+    bool inside = false;
+    uint8_t sizeCode = 1;  // 1 = small (1000 x 1506), 2 = large (1300 x 1706)
+    uint8_t version = 2;
+    uint64_t uniqueId = 0;  // 0: derived from the serial
+    GeneratorSettings generator;
+    // Raw 10-bit converter values of channels 0 to 3.
+    std::array<uint16_t, 4> adcRaw{{620, 310, 775, 560}};
+    // Exposure started by itself after every arming for an acquisition.
+    bool autoExposure = true;
+    Exposure exposure;
+    bool fpgaConfigured = true;
+    uint32_t fpgaDeviceId = 0x412B4043;
+    // Flash holds a realistic set of files and a counter when true;
+    // otherwise it starts erased.
+    bool defaultFlash = true;
+};
+
+// An interface of another product on the same machine.
+struct ForeignDevice {
+    uint32_t id = 0x04036001;
+    std::string description = "USB <-> Serial";
+    std::string serial = "FT000001";
+    uint32_t location = 0x9000;
+    uint32_t type = 8;
+};
+
+// One bridge call as the trace records it.
+struct TraceEntry {
+    uint64_t seq = 0;
+    std::string function;       // C name, e.g. "FT4222_SPIMaster_MultiReadWrite"
+    std::string device;         // interface serial ("KX0001A"), empty for list calls
+    char port = 0;              // 'A' to 'D', 0 for list calls and foreign devices
+    std::vector<int64_t> args;  // scalar arguments in call order (no handle, no buffers)
+    std::string text;           // string argument (serial for FT_OpenEx), if any
+    std::vector<uint8_t> written;
+    std::vector<uint8_t> read;
+    uint32_t status = 0;
+
+    // One line: "seq function device args [written] -> [read] = status".
+    std::string toString() const;
+};
+
+// Where a device-list entry comes from: sensor interface or foreign device.
+struct ListEntry {
+    int sensor = -1;  // sensor index, or -1 for a foreign device
+    int port = 0;     // 0..3 for A..D, or the foreign device index
+};
+
+// What the sensor logic last received in an arm frame.
+struct ArmRecord {
+    int count = 0;           // arm frames received since the sensor was added
+    int threshold = 0;       // photodiode threshold, 12 bits
+    bool oscilloscope = false;
+    uint32_t ace = 0;        // 24 bits
+};
+
+class VirtualBridge {
+public:
+    // The process-wide bridge that the exported C functions answer from.
+    static VirtualBridge& instance();
+
+    // No device, no fault, empty trace, link timing off.
+    void reset();
+    // The default machine: one stand-alone sensor "KX0001" (as a host gets
+    // when no scenario is named).
+    void resetToDefault();
+
+    // Adds a sensor; its four interfaces are appended to the device list in
+    // the order A, B, C, D. Returns the sensor index.
+    int addSensor(const SensorConfig& config);
+    // Appends a foreign interface to the device list. Returns its index.
+    int addForeignDevice(const ForeignDevice& device);
+    // Replaces the order of the device list (interfaces of unplugged sensors
+    // are left out when the list is read).
+    void setListOrder(const std::vector<ListEntry>& order);
+    std::vector<ListEntry> listOrder() const;
+
+    int sensorCount() const;
+    SensorConfig sensorConfig(int sensor) const;
+    std::string interfaceSerial(int sensor, int port) const;
+    uint32_t interfaceLocation(int sensor, int port) const;
+
+    // Sensor logic (port A).
+    // Every status request answers this word until cleared (flags, diode,
+    // version and size as given), whatever the sensor is doing.
+    void setStatusWord(int sensor, const StatusWord& status);
+    void clearStatusWord(int sensor);
+    // Status words answered by the next status requests, one each, before the
+    // sensor answers from its state again.
+    void queueStatusWords(int sensor, const std::vector<StatusWord>& words);
+    void setGenerator(int sensor, const GeneratorSettings& generator);
+    void setInside(int sensor, bool inside);
+    void setAutoExposure(int sensor, bool automatic, const Exposure& exposure = Exposure());
+    // Starts an exposure now (the sensor must be armed to see it).
+    void triggerExposure(int sensor, const Exposure& exposure = Exposure());
+    // The sensor reports itself off (flag 0x10) or its link lost (0x20).
+    void switchOff(int sensor, bool off = true);
+    void loseLink(int sensor, bool lost = true);
+    // Size code put into the images (0 to 3), or -1 for the sensor's own.
+    void setImageSizeCode(int sensor, int code);
+    ArmRecord lastArm(int sensor) const;
+    // The last image the sensor produced, in pixel values (host order), and
+    // its size; empty before the first exposure.
+    std::vector<uint16_t> lastImage(int sensor) const;
+    int imageWidth(int sensor) const;
+    int imageHeight(int sensor) const;
+    // Oscilloscope samples of the last exposure.
+    std::vector<uint16_t> lastOscilloscope(int sensor) const;
+    int exposureCount(int sensor) const;
+
+    // Voltage converter (port B): raw 10-bit values of channels 0 to 3.
+    void setAdcRaw(int sensor, const std::array<uint16_t, 4>& raw);
+
+    // NOR flash (port C). Factory writes bypass the chip's rules.
+    void setFlashContents(int sensor, uint32_t address, const std::vector<uint8_t>& bytes);
+    std::vector<uint8_t> flashContents(int sensor, uint32_t address, uint32_t length) const;
+    void eraseFlashContents(int sensor);
+    void setUniqueId(int sensor, uint64_t id);
+    uint64_t uniqueId(int sensor) const;
+    void setFlashTiming(int sensor, const FlashTiming& timing);
+    FlashStats flashStats(int sensor) const;
+    void clearFlashStats(int sensor);
+    // Power fails during the nth program or erase from now: the page or
+    // sector is left partly written and the sensor unplugged.
+    void cutPowerAt(int sensor, int nthProgramOrErase);
+    // Keeps the flash contents in this file: loaded now if it exists, saved
+    // when the port closes and when the bridge is reset or unloaded.
+    bool setFlashImage(int sensor, const std::string& path, std::string* error);
+    void saveFlashImages();
+
+    // FPGA.
+    bool fpgaConfigured(int sensor) const;
+    void setFpgaConfigured(int sensor, bool configured);
+    void setFpgaDeviceId(int sensor, uint32_t id);
+    // Bitstream bytes the configuration port received in its last load.
+    std::vector<uint8_t> loadedBitstream(int sensor) const;
+
+    // Port D GPIO output levels (GPIO 0 to 2) as last written.
+    std::array<bool, 3> gpioOutputs(int sensor) const;
+
+    // Unplug: every call on the sensor's handles fails as on a real unplug and
+    // its interfaces leave the device list. Plug: it is listed again; handles
+    // from before stay dead, and the FPGA has lost its configuration.
+    void unplug(int sensor);
+    void plug(int sensor);
+    bool isPlugged(int sensor) const;
+
+    // The nth call (1 = the next) of the named C function fails with status.
+    void failCall(const std::string& function, int nth, uint32_t status);
+    // The nth bridge call of any function (1 = the next) fails with status.
+    void failCallNumber(uint64_t nth, uint32_t status);
+    // The sensor is unplugged just before the nth bridge call (1 = the next).
+    void unplugAtCall(int sensor, uint64_t nth);
+    // FT_GetDeviceInfoDetail fails for this list index until cleared.
+    void failDetail(int listIndex);
+    void clearFaults();
+
+    // Wire time: quad SPI at 40 MHz over USB 2.0 (transfers take as long as
+    // on the bus) when on; everything answers at once when off (default).
+    void setLinkTiming(bool on);
+
+    // Handles opened and not closed (on devices plugged or not).
+    int openHandleCount() const;
+
+    std::vector<TraceEntry> trace() const;
+    // The trace entries of one function only.
+    std::vector<TraceEntry> trace(const std::string& function) const;
+    void clearTrace();
+    // Bytes kept per trace entry and direction (longer data is cut); the
+    // trace can be switched off for long runs.
+    void setTraceDataLimit(size_t bytes);
+    void setTraceEnabled(bool enabled);
+    // Bridge calls since the last reset.
+    uint64_t callCount() const;
+
+    // Loads a scenario file (JSON, see docs/scenario.md), replacing the whole
+    // machine. On error returns false, says why in *error (naming the file),
+    // and changes nothing.
+    bool loadScenario(const std::string& path, std::string* error);
+    // The same from text; name is used in error messages.
+    bool loadScenarioText(const std::string& text, const std::string& name, std::string* error);
+};
+
+}  // namespace vbridge
+
+// C entry point for hosts that load the virtual bridge at run time.
+// Returns 0 on success; otherwise writes the reason into error.
+extern "C" int vbridge_load_scenario(const char* path, char* error, unsigned long errorSize);

@@ -1,0 +1,26 @@
+// The unit's private operations, reached by the tests that check them one by
+// one.
+#pragma once
+
+#include "plugin/QVeltraXRayKORUXPlugInUnit.h"
+
+struct KoruxUnitAccess {
+    using Unit = QVeltraXRayKORUXPlugInUnit;
+    static int ACECoefficient(Unit& unit) { return unit.ACECoefficient(); }
+    static bool readFlash(Unit& unit, unsigned char* buffer, unsigned short length, unsigned int address)
+    {
+        return unit.readFlash(buffer, length, address);
+    }
+    static bool writeFlash(Unit& unit, unsigned char* data, int size, unsigned int address, bool erase, bool initPort)
+    {
+        return unit.writeFlash(data, size, address, erase, initPort);
+    }
+    static bool eraseSector(Unit& unit, int address) { return unit.eraseSector(address); }
+    static bool eraseFlash(Unit& unit, unsigned int address, int size) { return unit.eraseFlash(address, size); }
+    static bool resetFlash(Unit& unit) { return unit.resetFlash(); }
+    static bool isFlashBusy(Unit& unit, bool* busy) { return unit.isFlashBusy(busy); }
+    static int32_t aceValue(Unit& unit) { return unit.aceValue; }
+    static int32_t samplesAboveThreshold(Unit& unit) { return unit.samplesAboveThreshold; }
+    static bool imageReady(Unit& unit) { return unit.imageReady; }
+    static bool stopRequested(Unit& unit) { return unit.stopRequested; }
+};

@@ -1,0 +1,187 @@
+// A host as the tests play it: the plug-in's family made by its factory, on
+// a virtual machine described by the test, with every signal recorded.
+#pragma once
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QPointer>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QVector>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "host/VeltraXRayHardware.h"
+#include "plugin/QVeltraXRayKORUXPlugIn.h"
+#include "plugin/QVeltraXRayKORUXPlugInUnit.h"
+#include "sim/VirtualBridge.h"
+#include "support/KoruxUnitAccess.h"
+
+extern "C" QVeltraHardwareFamily* getVeltraHardware();
+
+namespace testing_support {
+
+// Every signal the family and its units send, in arrival order per kind.
+struct SignalLog {
+    std::vector<int> statuses;         // family statusChanged
+    std::vector<int> unitStatuses;     // statusChanged of any unit
+    int rejected = 0;
+    QStringList log;                   // logText of family and units
+    QStringList advanced;              // logAdvancedText of family and units
+    QStringList all;                   // both channels together, in order
+    QStringList data;                  // dataRead of family and units
+    struct Image {
+        QImage image;
+        QImage black;
+        QString description;
+        bool withBlack = false;
+    };
+    std::vector<Image> images;
+
+    void clear() { *this = SignalLog(); }
+    bool hasLog(const QString& line) const { return log.contains(line); }
+    bool hasAdvanced(const QString& line) const { return advanced.contains(line); }
+    int count(const QString& line) const { return all.count(line); }
+};
+
+inline std::string hex(const std::vector<uint8_t>& bytes)
+{
+    std::string text;
+    char buffer[4];
+    for (uint8_t byte : bytes) {
+        snprintf(buffer, sizeof(buffer), "%02x ", byte);
+        text += buffer;
+    }
+    if (!text.empty())
+        text.pop_back();
+    return text;
+}
+
+inline std::vector<uint8_t> bytes(std::initializer_list<int> values)
+{
+    std::vector<uint8_t> result;
+    for (int value : values)
+        result.push_back(static_cast<uint8_t>(value));
+    return result;
+}
+
+class PluginHarness {
+public:
+    PluginHarness()
+    {
+        setSleepTimeScale(0.0);
+        bridge().reset();
+        family_.reset(static_cast<QVeltraXRayKORUXPlugIn*>(getVeltraHardware()));
+        family_->setDirectory(QDir(directory_.path()));
+        QObject::connect(family_.get(), &QVeltraHardwareFamily::statusChanged, [this](hardwareStatus s) {
+            signals_.statuses.push_back(s);
+            connectUnits();
+        });
+        QObject::connect(family_.get(), &QVeltraHardwareFamily::gotoStatusRejected,
+                         [this] { ++signals_.rejected; });
+        QObject::connect(family_.get(), &QVeltraHardwareFamily::logText, [this](const QString& t) {
+            signals_.log << t;
+            signals_.all << t;
+        });
+        QObject::connect(family_.get(), &QVeltraHardwareFamily::logAdvancedText,
+                         [this](const QString& t) {
+                             signals_.advanced << t;
+                             signals_.all << t;
+                         });
+        QObject::connect(family_.get(), &QVeltraHardwareFamily::dataRead,
+                         [this](const QString& t) { signals_.data << t; });
+    }
+
+    ~PluginHarness()
+    {
+        family_.reset();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        bridge().reset();
+        setSleepTimeScale(1.0);
+    }
+
+    static vbridge::VirtualBridge& bridge() { return vbridge::VirtualBridge::instance(); }
+
+    QVeltraXRayKORUXPlugIn& family() { return *family_; }
+    SignalLog& seen() { return signals_; }
+    QString directory() const { return directory_.path(); }
+
+    // Adds n stand-alone sensors KX0001... to the machine.
+    void addSensors(int n)
+    {
+        for (int i = 0; i < n; ++i)
+            bridge().addSensor(vbridge::SensorConfig());
+    }
+
+    bool initialize()
+    {
+        const bool result = family_->initializeVeltraHardwareFamily();
+        connectUnits();
+        return result;
+    }
+
+    QVeltraXRayKORUXPlugInUnit* unit(int index = 0) { return family_->deviceUnit(index); }
+    int unitCount() { return family_->numberOfKorux3(); }
+
+    // Lets the event loop run until the condition holds or the time is up.
+    bool runUntil(const std::function<bool()>& done, int timeoutMs = 10000)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        while (!done()) {
+            if (timer.elapsed() > timeoutMs)
+                return false;
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        }
+        return true;
+    }
+
+    // The trace of one function since the last clear.
+    static std::vector<vbridge::TraceEntry> calls(const std::string& function)
+    {
+        return bridge().trace(function);
+    }
+
+    void connectUnits()
+    {
+        for (QVeltraHardwareUnit* unit : family_->hardwareUnitVector()) {
+            if (connected_.contains(unit))
+                continue;
+            connected_.append(unit);
+            QObject::connect(unit, &QVeltraHardwareUnit::statusChanged,
+                             [this](hardwareStatus s) { signals_.unitStatuses.push_back(s); });
+            QObject::connect(unit, &QVeltraHardwareUnit::logText, [this](const QString& t) {
+                signals_.log << t;
+                signals_.all << t;
+            });
+            QObject::connect(unit, &QVeltraHardwareUnit::logAdvancedText, [this](const QString& t) {
+                signals_.advanced << t;
+                signals_.all << t;
+            });
+            QObject::connect(unit, &QVeltraHardwareUnit::dataRead,
+                             [this](const QString& t) { signals_.data << t; });
+            QObject::connect(unit, &QVeltraHardwareUnit::imageAcquired,
+                             [this](const QImage& image, const QString& text) {
+                                 signals_.images.push_back({image, QImage(), text, false});
+                             });
+            QObject::connect(unit, &QVeltraHardwareUnit::imageAndBlackAcquired,
+                             [this](const QImage& image, const QImage& black, const QString& text) {
+                                 signals_.images.push_back({image, black, text, true});
+                             });
+        }
+    }
+
+private:
+    QTemporaryDir directory_;
+    std::unique_ptr<QVeltraXRayKORUXPlugIn> family_;
+    SignalLog signals_;
+    QVector<QPointer<QVeltraHardwareUnit>> connected_;
+};
+
+}  // namespace testing_support

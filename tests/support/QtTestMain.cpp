@@ -1,0 +1,12 @@
+// Test programs run their tests inside a Qt application so that timers,
+// queued calls and processEvents behave as in a host.
+#include <QCoreApplication>
+
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

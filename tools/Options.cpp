@@ -1,0 +1,102 @@
+#include "tools/Options.h"
+
+#include <QRegularExpression>
+
+namespace korux {
+
+namespace {
+
+const QStringList kValueOptions = {
+    QStringLiteral("--bridge"), QStringLiteral("--scenario"),   QStringLiteral("--plugin"),
+    QStringLiteral("--dir"),    QStringLiteral("--color"),      QStringLiteral("--time-scale"),
+};
+
+// A negative number ("-1") is an argument, not an option.
+bool looksLikeOption(const QString& word)
+{
+    static const QRegularExpression number(QStringLiteral("^-[0-9.]"));
+    return word.startsWith('-') && word.size() > 1 && !number.match(word).hasMatch();
+}
+
+bool applyValue(const QString& name, const QString& value, Options* options, QString* error)
+{
+    if (value.isEmpty()) {
+        *error = QStringLiteral("option %1 needs a non-empty value").arg(name);
+        return false;
+    }
+    if (name == QLatin1String("--bridge")) {
+        options->bridge = value;
+    } else if (name == QLatin1String("--scenario")) {
+        options->scenario = value;
+    } else if (name == QLatin1String("--plugin")) {
+        options->plugin = value;
+    } else if (name == QLatin1String("--dir")) {
+        options->directory = value;
+    } else if (name == QLatin1String("--color")) {
+        if (value == QLatin1String("auto"))
+            options->color = ColorMode::Auto;
+        else if (value == QLatin1String("always"))
+            options->color = ColorMode::Always;
+        else if (value == QLatin1String("never"))
+            options->color = ColorMode::Never;
+        else {
+            *error = QStringLiteral("--color takes auto, always or never, not \"%1\"").arg(value);
+            return false;
+        }
+    } else if (name == QLatin1String("--time-scale")) {
+        bool ok = false;
+        const double scale = value.toDouble(&ok);
+        if (!ok || scale < 0) {
+            *error = QStringLiteral("--time-scale takes a number of 0 or more, not \"%1\"").arg(value);
+            return false;
+        }
+        options->timeScale = scale;
+        options->timeScaleSet = true;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool parseOptions(const QStringList& arguments, Options* options, QString* error)
+{
+    bool optionsEnded = false;
+    for (int i = 0; i < arguments.size(); ++i) {
+        const QString& word = arguments.at(i);
+        if (optionsEnded || !looksLikeOption(word)) {
+            if (options->command.isEmpty())
+                options->command = word;
+            else
+                options->arguments << word;
+            continue;
+        }
+        if (word == QLatin1String("--")) {
+            optionsEnded = true;
+        } else if (word == QLatin1String("-v") || word == QLatin1String("--verbose")) {
+            options->verbose = true;
+        } else if (word == QLatin1String("-h") || word == QLatin1String("--help")) {
+            options->help = true;
+        } else {
+            const int equals = word.indexOf('=');
+            const QString name = equals < 0 ? word : word.left(equals);
+            if (!kValueOptions.contains(name)) {
+                *error = QStringLiteral("unknown option \"%1\"").arg(word);
+                return false;
+            }
+            QString value;
+            if (equals >= 0) {
+                value = word.mid(equals + 1);
+            } else if (i + 1 < arguments.size()) {
+                value = arguments.at(++i);
+            } else {
+                *error = QStringLiteral("option %1 needs a value").arg(name);
+                return false;
+            }
+            if (!applyValue(name, value, options, error))
+                return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace korux

@@ -1,0 +1,29 @@
+// korux's command line: options anywhere, the first other word is the
+// command, the words after it are the command's arguments.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+namespace korux {
+
+enum class ColorMode { Auto, Always, Never };
+
+struct Options {
+    QString bridge = QStringLiteral("virtual");  // "virtual", "vendor" or a library path
+    QString scenario;                            // scenario file for the virtual bridge
+    QString plugin;                              // plug-in library; empty: next to korux
+    QString directory;                           // family directory; empty: the framework's default
+    ColorMode color = ColorMode::Auto;
+    bool verbose = false;
+    bool help = false;
+    bool timeScaleSet = false;
+    double timeScale = 1.0;
+    QString command;
+    QStringList arguments;
+};
+
+// Parses the arguments after the program name; on failure says why in error.
+bool parseOptions(const QStringList& arguments, Options* options, QString* error);
+
+}  // namespace korux

@@ -1,0 +1,120 @@
+// Byte transfers over the bridge: sensor commands on port A, line mode and
+// write enable of the flash on port C.
+#include "plugin/QVeltraXRayKORUXPlugInUnit.h"
+#include "transport/StatusTexts.h"
+
+namespace {
+
+constexpr uint8 kFlashReadStatus = 0x05;
+constexpr uint8 kFlashWriteEnable = 0x06;
+constexpr unsigned long kLineSwitchPauseUs = 100;
+
+QString frameText(const uint8* command)
+{
+    return QStringLiteral("[%1, %2, %3, %4]")
+        .arg(command[0], 2, 16, QLatin1Char('0'))
+        .arg(command[1], 2, 16, QLatin1Char('0'))
+        .arg(command[2], 2, 16, QLatin1Char('0'))
+        .arg(command[3], 2, 16, QLatin1Char('0'));
+}
+
+}  // namespace
+
+QString QVeltraXRayKORUXPlugInUnit::ft4222StatusToString(FT4222_STATUS status)
+{
+    return ft4222StatusText(static_cast<int64_t>(status));
+}
+
+QString QVeltraXRayKORUXPlugInUnit::ftStatusToString(uint32 status)
+{
+    return ftStatusText(status);
+}
+
+// The 4 command bytes go out on one line, the answer comes back on four, in
+// one transaction.
+bool QVeltraXRayKORUXPlugInUnit::FT4222_SPI_MRW(uint8* readBuffer, uint8* command,
+                                                uint16 readLength, uint32* bytesRead)
+{
+    logTrace(QStringLiteral("FT4222_SPI_MRW %1").arg(frameText(command)));
+    if (FT4222_SPIMaster_SetLines(theHandleA(), SPI_IO_QUAD) != FT4222_OK)
+        logTrace(QStringLiteral("[red]Unable to set Lines in QUAD!"));
+
+    uint32 sizeOfRead = 0;
+    const FT4222_STATUS status = FT4222_SPIMaster_MultiReadWrite(
+        theHandleA(), readBuffer, command, 4, 0, readLength, &sizeOfRead);
+    if (status != FT4222_OK) {
+        logTrace(QStringLiteral("[red]FT4222_STATUS not OK %1").arg(ft4222StatusToString(status)));
+        return false;
+    }
+    if (bytesRead)
+        *bytesRead = sizeOfRead;
+    return true;
+}
+
+bool QVeltraXRayKORUXPlugInUnit::FT4222_SPI_SRW(uint8* readBuffer, uint8* command,
+                                                uint16 readLength, uint16* bytesRead)
+{
+    logTrace(QStringLiteral("FT4222_SPI_SRW %1").arg(frameText(command)));
+    FT4222_STATUS status = FT4222_SPIMaster_SetLines(theHandleA(), SPI_IO_SINGLE);
+    if (status != FT4222_OK)
+        logTrace(QStringLiteral("[red]Unable to set Lines in SINGLE: %1")
+                     .arg(ft4222StatusToString(status)));
+
+    uint16 transferred = 0;
+    status = FT4222_SPIMaster_SingleWrite(theHandleA(), command, 4, &transferred, true);
+    if (status != FT4222_OK) {
+        logTrace(QStringLiteral("[red]FT4222_STATUS not OK when singleWrite %1")
+                     .arg(ft4222StatusToString(status)));
+        return false;
+    }
+    status = FT4222_SPIMaster_SingleRead(theHandleA(), readBuffer, readLength, &transferred, true);
+    if (status != FT4222_OK) {
+        // The read failure keeps the write's wording.
+        logTrace(QStringLiteral("[red]FT4222_STATUS not OK when singleWrite %1")
+                     .arg(ft4222StatusToString(status)));
+        return false;
+    }
+    if (bytesRead)
+        *bytesRead = transferred;
+    return true;
+}
+
+bool QVeltraXRayKORUXPlugInUnit::SPI_SetModeQuad(bool quad)
+{
+    logTrace(QStringLiteral("SPI_SetModeQuad %2").arg(quad ? 1 : 0));
+    Sleep_us(kLineSwitchPauseUs);
+    const FT4222_STATUS status =
+        FT4222_SPIMaster_SetLines(theHandleC(), quad ? SPI_IO_QUAD : SPI_IO_SINGLE);
+    if (status != FT4222_OK) {
+        setStatus(statusError);
+        logUser(QStringLiteral("SPI_SetModeQuad error %1").arg(ft4222StatusToString(status)));
+        return false;
+    }
+    return true;
+}
+
+// Read status, write enable, read status: three transactions on port C. The
+// status bytes read back are not looked at.
+bool QVeltraXRayKORUXPlugInUnit::SPI_SetWriteMode()
+{
+    logTrace(QStringLiteral("SPI_SetWriteMode"));
+    uint8 readStatus[2] = {kFlashReadStatus, 0x00};
+    uint8 writeEnable[1] = {kFlashWriteEnable};
+    struct Step {
+        uint8* bytes;
+        uint16 size;
+    };
+    const Step steps[] = {{readStatus, 2}, {writeEnable, 1}, {readStatus, 2}};
+    for (const Step& step : steps) {
+        uint8 answer[2] = {0, 0};
+        uint16 transferred = 0;
+        const FT4222_STATUS status = FT4222_SPIMaster_SingleReadWrite(
+            theHandleC(), answer, step.bytes, step.size, &transferred, true);
+        if (status != FT4222_OK) {
+            setStatus(statusError);
+            logUser(QStringLiteral("SPI_SetWriteMode error %1").arg(ft4222StatusToString(status)));
+            return false;
+        }
+    }
+    return true;
+}
