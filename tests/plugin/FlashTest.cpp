@@ -360,7 +360,7 @@ TEST_F(FlashTest, FailedReadInTheMiddleLeavesATruncatedFile)
     // The first chunk and one more succeed; the third read fails.
     host.bridge().failCall("FT4222_SPIMaster_MultiReadWrite", 3, FT4222_IO_ERROR);
     EXPECT_FALSE(unit->readBLKFile(false));
-    EXPECT_TRUE(host.seen().hasLog("readFlash error @0x0050f000!"));
+    EXPECT_TRUE(host.seen().hasLog("readFlash error @0x00510000!"));
     EXPECT_EQ(fileBytes(kBoardSerial + ".BLK").size(), 4080 + 61440);
 }
 
