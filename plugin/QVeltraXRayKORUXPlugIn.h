@@ -47,6 +47,8 @@ private:
     bool readSerialNumber(long index, QString& serial);
     bool setShootCounter(long index, unsigned int value);
     bool technicReadFlashPage(long index, unsigned int address);
+
+    friend struct KoruxFamilyAccess;
 };
 
 // The family name in reports and the base's code name; the superscript form

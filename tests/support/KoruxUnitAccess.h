@@ -2,6 +2,7 @@
 // one.
 #pragma once
 
+#include "plugin/QVeltraXRayKORUXPlugIn.h"
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
 struct KoruxUnitAccess {
@@ -23,4 +24,24 @@ struct KoruxUnitAccess {
     static int32_t samplesAboveThreshold(Unit& unit) { return unit.samplesAboveThreshold; }
     static bool imageReady(Unit& unit) { return unit.imageReady; }
     static bool stopRequested(Unit& unit) { return unit.stopRequested; }
+};
+
+// The family's status as if the cycle had brought it there, and its private
+// per-unit wrappers.
+struct KoruxFamilyAccess {
+    using Family = QVeltraXRayKORUXPlugIn;
+    static void setStatus(Family& family, hardwareStatus status) { family.status_ = status; }
+    static bool increaseShootCounter(Family& family, long index) { return family.increaseShootCounter(index); }
+    static bool getShootCounter(Family& family, long index, unsigned int* value)
+    {
+        return family.getShootCounter(index, value);
+    }
+    static bool setShootCounter(Family& family, long index, unsigned int value)
+    {
+        return family.setShootCounter(index, value);
+    }
+    static bool readSerialNumber(Family& family, long index, QString& serial)
+    {
+        return family.readSerialNumber(index, serial);
+    }
 };
