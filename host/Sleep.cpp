@@ -24,8 +24,8 @@ constexpr long long kSpinMarginNs = 80'000;
 // that the first fine sleep of a process is not noticeably delayed.
 constexpr long long kCalibrationSpanNs = 1'500'000;
 
-std::atomic<quint64> cyclesPerHundredUs{0};
-std::atomic<double> timeScale{1.0};
+std::atomic<quint64> cyclesPerHundredUs { 0 };
+std::atomic<double> timeScale { 1.0 };
 
 quint64 cycles()
 {
@@ -50,8 +50,7 @@ quint64 calibrate()
     const quint64 startCycles = cycles();
     const auto start = Clock::now();
     long long elapsed = 0;
-    while ((elapsed = nanosecondsSince(start)) < kCalibrationSpanNs) {
-    }
+    while ((elapsed = nanosecondsSince(start)) < kCalibrationSpanNs) { }
     const quint64 spent = cycles() - startCycles;
     const quint64 perHundred = spent * 100'000 / static_cast<quint64>(elapsed);
     return perHundred ? perHundred : 1;
@@ -88,8 +87,7 @@ void sleepMicroseconds(double us)
     const long long total = static_cast<long long>(us * 1000.0);
     if (total > kSpinMarginNs)
         coarseSleep(total - kSpinMarginNs);
-    while (cycles() < target) {
-    }
+    while (cycles() < target) { }
 }
 
 double scaled(double us)
@@ -97,7 +95,7 @@ double scaled(double us)
     return us * timeScale.load(std::memory_order_relaxed);
 }
 
-}  // namespace
+} // namespace
 
 void Sleep_ms(unsigned long ms)
 {

@@ -11,7 +11,57 @@ namespace {
 // Queued connections and queued invocations carry the status by this name.
 [[maybe_unused]] const int kHardwareStatusMetaType = qRegisterMetaType<hardwareStatus>("hardwareStatus");
 
-}  // namespace
+// Every enumerator by name, in declaration order.
+struct StatusName {
+    hardwareStatus status;
+    const char* name;
+};
+
+constexpr StatusName kStatusNames[] = {
+    { statusUnknown, "statusUnknown" },
+    { statusEnumerating, "statusEnumerating" },
+    { statusInitialized, "statusInitialized" },
+    { statusNoSensor, "statusNoSensor" },
+    { statusSensorFound, "statusSensorFound" },
+    { statusSensorLost, "statusSensorLost" },
+    { statusAborted, "statusAborted" },
+    { statusError, "statusError" },
+    { statusWarning, "statusWarning" },
+    { statusReady, "statusReady" },
+    { statusOpeningPorts, "statusOpeningPorts" },
+    { statusFpgaUpdating, "statusFpgaUpdating" },
+    { statusFpgaUpdated, "statusFpgaUpdated" },
+    { statusNoOpBegin, "statusNoOpBegin" },
+    { statusNoOpEnd, "statusNoOpEnd" },
+    { commandEnumerate, "commandEnumerate" },
+    { statusCalibrating, "statusCalibrating" },
+    { statusCalibrated, "statusCalibrated" },
+    { statusStopping, "statusStopping" },
+    { statusStopped, "statusStopped" },
+    { statusArming, "statusArming" },
+    { statusArmed, "statusArmed" },
+    { commandArm, "commandArm" },
+    { statusWaitingForExposure, "statusWaitingForExposure" },
+    { statusIntegrating, "statusIntegrating" },
+    { statusIntegrated, "statusIntegrated" },
+    { statusAcquiring, "statusAcquiring" },
+    { statusAcquired, "statusAcquired" },
+    { commandGetParameters, "commandGetParameters" },
+    { commandGetVoltages, "commandGetVoltages" },
+    { commandReadSerialNumber, "commandReadSerialNumber" },
+    { commandReadFlashFiles, "commandReadFlashFiles" },
+    { commandReadAllFlashFiles, "commandReadAllFlashFiles" },
+    { commandRewriteFlashFiles, "commandRewriteFlashFiles" },
+    { commandRewriteAllFlashFiles, "commandRewriteAllFlashFiles" },
+    { commandGetShootCounter, "commandGetShootCounter" },
+    { commandSetShootCounter, "commandSetShootCounter" },
+    { commandIncreaseShootCounter, "commandIncreaseShootCounter" },
+    { commandFamilyReport, "commandFamilyReport" },
+    { commandFormatFlash, "commandFormatFlash" },
+    { commandReadFlashPage, "commandReadFlashPage" },
+};
+
+} // namespace
 
 // ---------------------------------------------------------------- generator
 
@@ -57,7 +107,7 @@ void QVeltraGenerator::setSerial(const QString& serial)
 QVeltraHardwareFamily::QVeltraHardwareFamily(QObject* parent)
     : QObject(parent)
     , directory_(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
-                 + QStringLiteral("/VeltraXRayHardware"))
+          + QStringLiteral("/VeltraXRayHardware"))
 {
 }
 
@@ -284,8 +334,8 @@ void QVeltraHardwareUnit::setStatus(hardwareStatus status)
     if (QThread::currentThread() == owner->thread())
         owner->forwardToStatusChanged(status);
     else
-        QMetaObject::invokeMethod(owner, "forwardToStatusChanged", Qt::QueuedConnection,
-                                  Q_ARG(hardwareStatus, status));
+        QMetaObject::invokeMethod(
+            owner, "forwardToStatusChanged", Qt::QueuedConnection, Q_ARG(hardwareStatus, status));
 }
 
 void QVeltraHardwareUnit::resetStatus()
@@ -426,60 +476,25 @@ void QVeltraHardwareUnit::gotoStatus(hardwareStatus)
 
 QString QVeltraHardwareUnit::hardwareStatusToString(hardwareStatus status)
 {
-    switch (status) {
-    case statusUnknown: return QStringLiteral("statusUnknown");
-    case statusEnumerating: return QStringLiteral("statusEnumerating");
-    case statusInitialized: return QStringLiteral("statusInitialized");
-    case statusNoSensor: return QStringLiteral("statusNoSensor");
-    case statusSensorFound: return QStringLiteral("statusSensorFound");
-    case statusSensorLost: return QStringLiteral("statusSensorLost");
-    case statusAborted: return QStringLiteral("statusAborted");
-    case statusError: return QStringLiteral("statusError");
-    case statusWarning: return QStringLiteral("statusWarning");
-    case statusReady: return QStringLiteral("statusReady");
-    case statusOpeningPorts: return QStringLiteral("statusOpeningPorts");
-    case statusFpgaUpdating: return QStringLiteral("statusFpgaUpdating");
-    case statusFpgaUpdated: return QStringLiteral("statusFpgaUpdated");
-    case statusNoOpBegin: return QStringLiteral("statusNoOpBegin");
-    case statusNoOpEnd: return QStringLiteral("statusNoOpEnd");
-    case commandEnumerate: return QStringLiteral("commandEnumerate");
-    case statusCalibrating: return QStringLiteral("statusCalibrating");
-    case statusCalibrated: return QStringLiteral("statusCalibrated");
-    case statusStopping: return QStringLiteral("statusStopping");
-    case statusStopped: return QStringLiteral("statusStopped");
-    case statusArming: return QStringLiteral("statusArming");
-    case statusArmed: return QStringLiteral("statusArmed");
-    case commandArm: return QStringLiteral("commandArm");
-    case statusWaitingForExposure: return QStringLiteral("statusWaitingForExposure");
-    case statusIntegrating: return QStringLiteral("statusIntegrating");
-    case statusIntegrated: return QStringLiteral("statusIntegrated");
-    case statusAcquiring: return QStringLiteral("statusAcquiring");
-    case statusAcquired: return QStringLiteral("statusAcquired");
-    case commandGetParameters: return QStringLiteral("commandGetParameters");
-    case commandGetVoltages: return QStringLiteral("commandGetVoltages");
-    case commandReadSerialNumber: return QStringLiteral("commandReadSerialNumber");
-    case commandReadFlashFiles: return QStringLiteral("commandReadFlashFiles");
-    case commandReadAllFlashFiles: return QStringLiteral("commandReadAllFlashFiles");
-    case commandRewriteFlashFiles: return QStringLiteral("commandRewriteFlashFiles");
-    case commandRewriteAllFlashFiles: return QStringLiteral("commandRewriteAllFlashFiles");
-    case commandGetShootCounter: return QStringLiteral("commandGetShootCounter");
-    case commandSetShootCounter: return QStringLiteral("commandSetShootCounter");
-    case commandIncreaseShootCounter: return QStringLiteral("commandIncreaseShootCounter");
-    case commandFamilyReport: return QStringLiteral("commandFamilyReport");
-    case commandFormatFlash: return QStringLiteral("commandFormatFlash");
-    case commandReadFlashPage: return QStringLiteral("commandReadFlashPage");
-    }
+    for (const StatusName& entry : kStatusNames)
+        if (entry.status == status)
+            return QString::fromLatin1(entry.name);
     return QStringLiteral("hardwareStatus(%1)").arg(int(status));
 }
 
 QString QVeltraHardwareUnit::hardwareSizeToString(hardwareSize size)
 {
     switch (size) {
-    case sizeUnknown: return QStringLiteral("Unknown");
-    case size0: return QStringLiteral("Size 0");
-    case size1: return QStringLiteral("Size 1");
-    case size1_5: return QStringLiteral("Size 1.5");
-    case size2: return QStringLiteral("Size 2");
+    case sizeUnknown:
+        return QStringLiteral("Unknown");
+    case size0:
+        return QStringLiteral("Size 0");
+    case size1:
+        return QStringLiteral("Size 1");
+    case size1_5:
+        return QStringLiteral("Size 1.5");
+    case size2:
+        return QStringLiteral("Size 2");
     }
     return QStringLiteral("hardwareSize(%1)").arg(int(size));
 }
@@ -487,10 +502,14 @@ QString QVeltraHardwareUnit::hardwareSizeToString(hardwareSize size)
 QString QVeltraHardwareUnit::hardwareTechnologyToString(hardwareTechnology technology)
 {
     switch (technology) {
-    case technologyUnknown: return QStringLiteral("Unknown");
-    case technologyCCD: return QStringLiteral("CCD");
-    case technologyGadox: return QStringLiteral("Gadox");
-    case technologyCsI: return QStringLiteral("CsI");
+    case technologyUnknown:
+        return QStringLiteral("Unknown");
+    case technologyCCD:
+        return QStringLiteral("CCD");
+    case technologyGadox:
+        return QStringLiteral("Gadox");
+    case technologyCsI:
+        return QStringLiteral("CsI");
     }
     return QStringLiteral("hardwareTechnology(%1)").arg(int(technology));
 }
@@ -498,10 +517,14 @@ QString QVeltraHardwareUnit::hardwareTechnologyToString(hardwareTechnology techn
 QString QVeltraHardwareUnit::hardwareProtocolToString(hardwareProtocol protocol)
 {
     switch (protocol) {
-    case protocolUnknown: return QStringLiteral("Unknown");
-    case protocolUSB: return QStringLiteral("USB");
-    case protocolEthernet: return QStringLiteral("Ethernet");
-    case protocolWireless: return QStringLiteral("Wireless");
+    case protocolUnknown:
+        return QStringLiteral("Unknown");
+    case protocolUSB:
+        return QStringLiteral("USB");
+    case protocolEthernet:
+        return QStringLiteral("Ethernet");
+    case protocolWireless:
+        return QStringLiteral("Wireless");
     }
     return QStringLiteral("hardwareProtocol(%1)").arg(int(protocol));
 }

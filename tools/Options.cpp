@@ -7,8 +7,12 @@ namespace korux {
 namespace {
 
 const QStringList kValueOptions = {
-    QStringLiteral("--bridge"), QStringLiteral("--scenario"),   QStringLiteral("--plugin"),
-    QStringLiteral("--dir"),    QStringLiteral("--color"),      QStringLiteral("--time-scale"),
+    QStringLiteral("--bridge"),
+    QStringLiteral("--scenario"),
+    QStringLiteral("--plugin"),
+    QStringLiteral("--dir"),
+    QStringLiteral("--color"),
+    QStringLiteral("--time-scale"),
 };
 
 // A negative number ("-1") is an argument, not an option.
@@ -56,7 +60,7 @@ bool applyValue(const QString& name, const QString& value, Options* options, QSt
     return true;
 }
 
-}  // namespace
+} // namespace
 
 bool parseOptions(const QStringList& arguments, Options* options, QString* error)
 {
@@ -99,4 +103,4 @@ bool parseOptions(const QStringList& arguments, Options* options, QString* error
     return true;
 }
 
-}  // namespace korux
+} // namespace korux

@@ -10,10 +10,10 @@ namespace korux {
 enum class ColorMode { Auto, Always, Never };
 
 struct Options {
-    QString bridge = QStringLiteral("virtual");  // "virtual", "vendor" or a library path
-    QString scenario;                            // scenario file for the virtual bridge
-    QString plugin;                              // plug-in library; empty: next to korux
-    QString directory;                           // family directory; empty: the framework's default
+    QString bridge = QStringLiteral("virtual"); // "virtual", "vendor" or a library path
+    QString scenario; // scenario file for the virtual bridge
+    QString plugin; // plug-in library; empty: next to korux
+    QString directory; // family directory; empty: the framework's default
     ColorMode color = ColorMode::Auto;
     bool verbose = false;
     bool help = false;
@@ -26,4 +26,4 @@ struct Options {
 // Parses the arguments after the program name; on failure says why in error.
 bool parseOptions(const QStringList& arguments, Options* options, QString* error);
 
-}  // namespace korux
+} // namespace korux

@@ -1,0 +1,70 @@
+# shellcheck shell=bash
+# Shared by scripts/test and scripts/demo: the Debian packages the build
+# needs, and the configure and build of build/. Sourced, not run.
+
+KORUX_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# The build tree; KORUX_BUILD overrides it (for example to keep a second one).
+KORUX_BUILD=${KORUX_BUILD:-$KORUX_ROOT/build}
+KORUX_PACKAGES=(cmake ninja-build g++ qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev pkg-config)
+
+korux_say() {
+    printf '==> %s\n' "$*"
+}
+
+# Prints the packages of KORUX_PACKAGES that are not installed, one a line.
+korux_missing_packages() {
+    local package status
+    for package in "${KORUX_PACKAGES[@]}"; do
+        status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
+        if [[ "$status" != "install ok installed" ]]; then
+            printf '%s\n' "$package"
+        fi
+    done
+}
+
+# Installs what is missing when running as root; otherwise says what to
+# install and stops.
+korux_install_dependencies() {
+    if ! command -v dpkg-query >/dev/null 2>&1; then
+        korux_say "no dpkg-query here: make sure these are installed: ${KORUX_PACKAGES[*]}"
+        return 0
+    fi
+    local missing
+    mapfile -t missing < <(korux_missing_packages)
+    if ((${#missing[@]} == 0)); then
+        return 0
+    fi
+    if [[ $(id -u) -ne 0 ]]; then
+        printf 'missing packages: %s\n' "${missing[*]}" >&2
+        printf 'install them with:\n  sudo apt-get update && sudo apt-get install -y --no-install-recommends %s\n' \
+            "${missing[*]}" >&2
+        exit 1
+    fi
+    korux_say "installing ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update </dev/null
+    apt-get install -y --no-install-recommends "${missing[@]}" </dev/null
+}
+
+korux_configure() {
+    local cache=$KORUX_BUILD/CMakeCache.txt
+    if [[ -f "$cache" ]] && ! grep -q '^CMAKE_GENERATOR:INTERNAL=Ninja$' "$cache"; then
+        printf '%s was configured with another generator; remove it or set KORUX_BUILD to a new directory\n' \
+            "$KORUX_BUILD" >&2
+        exit 1
+    fi
+    korux_say "configuring $KORUX_BUILD"
+    cmake -S "$KORUX_ROOT" -B "$KORUX_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+}
+
+korux_build() {
+    korux_say "building $KORUX_BUILD"
+    cmake --build "$KORUX_BUILD"
+}
+
+# Everything a script needs before it runs anything.
+korux_prepare() {
+    korux_install_dependencies
+    korux_configure
+    korux_build
+}

@@ -1,0 +1,106 @@
+#include "tools/BridgeLoader.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <dlfcn.h>
+#include <link.h>
+
+#include "tools/ExitCodes.h"
+
+namespace korux {
+
+namespace {
+
+constexpr char kBridgeName[] = "libft4222.so";
+constexpr char kScenarioEntry[] = "vbridge_load_scenario";
+constexpr unsigned long kErrorSize = 2048;
+
+using LoadScenario = int (*)(const char* path, char* error, unsigned long errorSize);
+
+QString lastDlError()
+{
+    const char* text = dlerror();
+    return text ? QString::fromLocal8Bit(text) : QStringLiteral("unknown error");
+}
+
+QString loadedFile(void* handle, const QString& fallback)
+{
+    link_map* map = nullptr;
+    if (dlinfo(handle, RTLD_DI_LINKMAP, &map) == 0 && map && map->l_name && *map->l_name)
+        return QString::fromLocal8Bit(map->l_name);
+    return fallback;
+}
+
+constexpr char kVendorBridgeAdvice[]
+    = R"(  To drive real sensors, install FTDI's LibFT4222 for Linux: put libft4222.so into the
+  system library path (for example /usr/local/lib), run ldconfig, and install its udev
+  rules so that the bridge's USB interfaces can be opened without root.
+  To run without hardware, use the virtual bridge: korux --bridge virtual ...)";
+
+void explainMissingVendorBridge(Console& console, const QString& reason)
+{
+    console.error(QStringLiteral("korux: no FT4222 bridge library is installed on this machine"));
+    console.error(QStringLiteral("  (loading \"%1\" through the system library path failed: %2)")
+                      .arg(kBridgeName, reason));
+    console.error(QString::fromLatin1(kVendorBridgeAdvice));
+}
+
+} // namespace
+
+int loadBridge(const Options& options, const QString& executableDirectory, Console& console, BridgeInfo* info)
+{
+    const int flags = RTLD_NOW | RTLD_GLOBAL;
+    QString requested;
+    if (options.bridge == QLatin1String("virtual")) {
+        requested = QDir::cleanPath(executableDirectory + QStringLiteral("/../lib/virtual/") + kBridgeName);
+        info->handle = dlopen(QFile::encodeName(requested).constData(), flags);
+        if (!info->handle) {
+            console.error(
+                QStringLiteral("korux: cannot load the virtual bridge %1: %2").arg(requested, lastDlError()));
+            console.error(QStringLiteral("  (it is built with the project: cmake --build build)"));
+            return kExitNoBridge;
+        }
+    } else if (options.bridge == QLatin1String("vendor")) {
+        requested = QString::fromLatin1(kBridgeName);
+        info->handle = dlopen(kBridgeName, flags);
+        if (!info->handle) {
+            explainMissingVendorBridge(console, lastDlError());
+            return kExitNoBridge;
+        }
+    } else {
+        requested = options.bridge;
+        info->handle = dlopen(QFile::encodeName(requested).constData(), flags);
+        if (!info->handle) {
+            console.error(
+                QStringLiteral("korux: cannot load the bridge library %1: %2").arg(requested, lastDlError()));
+            return kExitNoBridge;
+        }
+    }
+    info->file = loadedFile(info->handle, requested);
+
+    // Only the virtual bridge has a control entry; its presence is what
+    // tells the two apart, whichever way the library was chosen.
+    auto loadScenario = reinterpret_cast<LoadScenario>(dlsym(info->handle, kScenarioEntry));
+    info->virtualBridge = loadScenario != nullptr;
+    if (options.scenario.isEmpty())
+        return kExitOk;
+    if (!loadScenario) {
+        console.error(QStringLiteral("korux: --scenario needs the virtual bridge; %1 cannot load scenarios")
+                          .arg(info->file));
+        return kExitUsage;
+    }
+    char error[kErrorSize] = {};
+    if (loadScenario(QFile::encodeName(options.scenario).constData(), error, kErrorSize) != 0) {
+        QString reason = QString::fromLocal8Bit(error);
+        if (reason.isEmpty())
+            reason = QStringLiteral("refused");
+        if (!reason.contains(options.scenario))
+            reason = QStringLiteral("scenario %1: %2").arg(options.scenario, reason);
+        console.error(QStringLiteral("korux: ") + reason);
+        return kExitUsage;
+    }
+    return kExitOk;
+}
+
+} // namespace korux

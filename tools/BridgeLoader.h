@@ -1,0 +1,25 @@
+// Choosing the FT4222 bridge library before the plug-in is loaded. The
+// plug-in names "libft4222.so" as a needed library; loading a library of
+// that name first, with global symbols, makes it the one the plug-in gets.
+#pragma once
+
+#include <QString>
+
+#include "tools/Console.h"
+#include "tools/Options.h"
+
+namespace korux {
+
+struct BridgeInfo {
+    void* handle = nullptr;
+    QString file; // the file that answered, as the loader resolved it
+    bool virtualBridge = false;
+};
+
+// Loads the bridge the options name and, with --scenario, hands the scenario
+// to the virtual bridge. Returns kExitOk or the exit status to stop with,
+// having said why on the console.
+int loadBridge(
+    const Options& options, const QString& executableDirectory, Console& console, BridgeInfo* info);
+
+} // namespace korux

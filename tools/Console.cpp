@@ -1,0 +1,79 @@
+#include "tools/Console.h"
+
+#include <QByteArray>
+#include <QStringList>
+
+#include <cstdio>
+
+namespace korux {
+
+namespace {
+
+// SGR parameters of the words a style tag may hold.
+QString sgrFor(const QString& word)
+{
+    if (word == QLatin1String("red"))
+        return QStringLiteral("31");
+    if (word == QLatin1String("green"))
+        return QStringLiteral("32");
+    if (word == QLatin1String("yellow"))
+        return QStringLiteral("33");
+    if (word == QLatin1String("blue"))
+        return QStringLiteral("34");
+    if (word == QLatin1String("magenta"))
+        return QStringLiteral("35");
+    if (word == QLatin1String("cyan"))
+        return QStringLiteral("36");
+    if (word == QLatin1String("orange"))
+        return QStringLiteral("38;5;208");
+    if (word == QLatin1String("bold"))
+        return QStringLiteral("1");
+    if (word == QLatin1String("italic"))
+        return QStringLiteral("3");
+    return QString();
+}
+
+constexpr int kLongestTag = 32;
+
+void write(FILE* stream, const QString& text)
+{
+    const QByteArray bytes = text.toUtf8() + '\n';
+    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
+    std::fflush(stream);
+}
+
+} // namespace
+
+QString styleLogText(const QString& text, bool colour)
+{
+    if (!colour || !text.startsWith('['))
+        return text;
+    const int close = text.indexOf(']');
+    if (close < 2 || close > kLongestTag)
+        return text;
+    QStringList codes;
+    for (const QString& word : text.mid(1, close - 1).split(',')) {
+        const QString code = sgrFor(word.trimmed());
+        if (code.isEmpty())
+            return text;
+        codes << code;
+    }
+    return QStringLiteral("\033[%1m%2\033[0m").arg(codes.join(';'), text.mid(close + 1));
+}
+
+void Console::out(const QString& text)
+{
+    write(stdout, text);
+}
+
+void Console::log(const QString& text)
+{
+    write(stdout, styleLogText(text, colour_));
+}
+
+void Console::error(const QString& text)
+{
+    write(stderr, text);
+}
+
+} // namespace korux

@@ -1,0 +1,110 @@
+// korux: a command-line host for the sensor plug-in. It picks the bridge
+// library first, then loads the plug-in the way a host application does and
+// runs one command against it, printing whatever the plug-in reports.
+#include <QCoreApplication>
+#include <QDir>
+#include <QStringList>
+
+#include <cstdlib>
+#include <unistd.h>
+
+#include "host/VeltraXRayHardware.h"
+#include "tools/BridgeLoader.h"
+#include "tools/Commands.h"
+#include "tools/Console.h"
+#include "tools/ExitCodes.h"
+#include "tools/Options.h"
+#include "tools/PluginHost.h"
+
+using namespace korux;
+
+namespace {
+
+constexpr char kPluginFile[] = "libVeltraXRayKORUX.so";
+
+bool wantColour(ColorMode mode)
+{
+    switch (mode) {
+    case ColorMode::Always:
+        return true;
+    case ColorMode::Never:
+        return false;
+    case ColorMode::Auto:
+        break;
+    }
+    const char* noColour = std::getenv("NO_COLOR");
+    return isatty(STDOUT_FILENO) && !(noColour && *noColour);
+}
+
+int usageError(Console& console, const QString& reason)
+{
+    console.error(QStringLiteral("korux: ") + reason);
+    console.error(usageText());
+    return kExitUsage;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // A core application: korux runs headless, images are only values.
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("korux"));
+    Console console;
+
+    Options options;
+    QString error;
+    QStringList words = QCoreApplication::arguments();
+    words.removeFirst();
+    if (!parseOptions(words, &options, &error))
+        return usageError(console, error);
+    if (options.help) {
+        console.out(usageText());
+        return kExitOk;
+    }
+    if (options.command.isEmpty())
+        return usageError(console, QStringLiteral("no command given"));
+    const Command* command = findCommand(options.command);
+    if (!command)
+        return usageError(console, QStringLiteral("unknown command \"%1\"").arg(options.command));
+    const int count = options.arguments.size();
+    if (count < command->minimumArguments || count > command->maximumArguments)
+        return usageError(console,
+            QStringLiteral("wrong arguments for %1: korux %1 %2")
+                .arg(command->name, command->arguments)
+                .trimmed());
+
+    console.setColour(wantColour(options.color));
+    if (options.timeScaleSet)
+        setSleepTimeScale(options.timeScale);
+
+    Session session { options, console, nullptr };
+    if (!command->needsPlugin)
+        return command->run(session, options.arguments);
+
+    // The bridge goes first: the plug-in's "libft4222.so" is bound to
+    // whichever library of that name is loaded when the plug-in is.
+    const QString executableDirectory = QCoreApplication::applicationDirPath();
+    BridgeInfo bridge;
+    const int bridgeResult = loadBridge(options, executableDirectory, console, &bridge);
+    if (bridgeResult != kExitOk)
+        return bridgeResult;
+
+    const QString pluginPath = options.plugin.isEmpty()
+        ? QDir::cleanPath(executableDirectory + QStringLiteral("/../lib/") + kPluginFile)
+        : options.plugin;
+    PluginHost host(console, options.verbose);
+    const int loadResult = host.load(pluginPath);
+    if (loadResult != kExitOk)
+        return loadResult;
+    if (options.verbose) {
+        console.out(
+            QStringLiteral("bridge %1 (%2)").arg(bridge.file, bridge.virtualBridge ? "virtual" : "vendor"));
+        console.out(QStringLiteral("plugin %1").arg(host.pluginFile()));
+    }
+    if (!options.directory.isEmpty())
+        host.family()->setDirectory(QDir(options.directory));
+
+    session.host = &host;
+    return command->run(session, options.arguments);
+}
