@@ -26,14 +26,14 @@ uint32_t crc32(const uint8_t* data, size_t size)
     return ~crc;
 }
 
-const char kPayloadMagic[4] = {'K', 'X', 'B', 'S'};
+const char kPayloadMagic[4] = { 'K', 'X', 'B', 'S' };
 
 void place(std::vector<uint8_t>& flash, uint32_t address, const std::vector<uint8_t>& bytes)
 {
     std::copy(bytes.begin(), bytes.end(), flash.begin() + address);
 }
 
-}  // namespace
+} // namespace
 
 std::vector<uint8_t> flashFileImage(const std::vector<uint8_t>& content, const std::string& header)
 {
@@ -57,11 +57,11 @@ std::vector<uint8_t> counterAreaImage(const std::vector<uint32_t>& values)
     return area;
 }
 
-std::string informationText(const std::string& serial, const std::string& sensorSerial,
-                            const std::string& technology)
+std::string informationText(
+    const std::string& serial, const std::string& sensorSerial, const std::string& technology)
 {
     return "[KORUX3]\r\nSN=" + serial + "\r\nSNCapteur=" + sensorSerial + "\r\nTechnology=" + technology
-           + "\r\n[PRODUCTION]\r\nDate=2019-04-17\r\nBench=3\r\n";
+        + "\r\n[PRODUCTION]\r\nDate=2019-04-17\r\nBench=3\r\n";
 }
 
 std::vector<uint8_t> dataFileContent(uint32_t size, uint32_t seed)
@@ -79,9 +79,9 @@ std::vector<uint8_t> dataFileContent(uint32_t size, uint32_t seed)
 
 std::vector<uint8_t> makeBitstream(const BitstreamHeader& header, uint32_t totalSize, uint32_t seed)
 {
-    std::vector<uint8_t> bytes{0xFF, 0x00};
-    for (const std::string* text : {&header.lattice, &header.version, &header.status, &header.design,
-                                    &header.design2, &header.parts, &header.date}) {
+    std::vector<uint8_t> bytes { 0xFF, 0x00 };
+    for (const std::string* text : { &header.lattice, &header.version, &header.status, &header.design,
+             &header.design2, &header.parts, &header.date }) {
         bytes.insert(bytes.end(), text->begin(), text->end());
         bytes.push_back(0);
     }
@@ -111,7 +111,7 @@ size_t bitstreamTotalSize(const uint8_t* bytes, size_t size)
         return 0;
     offset += 5;
     const uint32_t length = (uint32_t(bytes[offset]) << 24) | (uint32_t(bytes[offset + 1]) << 16)
-                            | (uint32_t(bytes[offset + 2]) << 8) | bytes[offset + 3];
+        | (uint32_t(bytes[offset + 2]) << 8) | bytes[offset + 3];
     return offset + 4 + length + 4;
 }
 
@@ -134,12 +134,13 @@ bool bitstreamIntact(const std::vector<uint8_t>& bytes)
         return false;
     offset += 4;
     const uint32_t size = (uint32_t(bytes[offset]) << 24) | (uint32_t(bytes[offset + 1]) << 16)
-                          | (uint32_t(bytes[offset + 2]) << 8) | bytes[offset + 3];
+        | (uint32_t(bytes[offset + 2]) << 8) | bytes[offset + 3];
     offset += 4;
     if (bytes.size() != offset + size + 4)
         return false;
     const uint8_t* crc = bytes.data() + offset + size;
-    const uint32_t expected = (uint32_t(crc[0]) << 24) | (uint32_t(crc[1]) << 16) | (uint32_t(crc[2]) << 8) | crc[3];
+    const uint32_t expected
+        = (uint32_t(crc[0]) << 24) | (uint32_t(crc[1]) << 16) | (uint32_t(crc[2]) << 8) | crc[3];
     return crc32(bytes.data() + offset, size) == expected;
 }
 
@@ -152,7 +153,7 @@ void writeDefaultFlash(std::vector<uint8_t>& flash, const DefaultFlash& content)
     place(flash, kBlkAddress, flashFileImage(dataFileContent(131072, 13), "BLK KORUX3"));
     place(flash, kDplAddress, flashFileImage(dataFileContent(8192, 14), "DPL KORUX3"));
     place(flash, kBtsAddress, flashFileImage(makeBitstream(BitstreamHeader(), 30000, 15), "BTS KORUX3"));
-    place(flash, kCounterAddress, counterAreaImage({content.counter}));
+    place(flash, kCounterAddress, counterAreaImage({ content.counter }));
 }
 
-}  // namespace vbridge
+} // namespace vbridge

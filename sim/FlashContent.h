@@ -19,13 +19,13 @@ constexpr uint32_t kCounterAddress = 0xFA0000;
 constexpr uint32_t kFlashSize = 16 * 1024 * 1024;
 
 // Size (big-endian, 4 bytes), '<', ten header characters, '>', content.
-std::vector<uint8_t> flashFileImage(const std::vector<uint8_t>& content,
-                                    const std::string& header = "KORUXFILE1");
+std::vector<uint8_t> flashFileImage(
+    const std::vector<uint8_t>& content, const std::string& header = "KORUXFILE1");
 // The 16 KiB counter area: the given slot values, then erased slots.
 std::vector<uint8_t> counterAreaImage(const std::vector<uint32_t>& values);
 // A sensor information text with the keys the plug-in reads.
-std::string informationText(const std::string& serial, const std::string& sensorSerial,
-                            const std::string& technology);
+std::string informationText(
+    const std::string& serial, const std::string& sensorSerial, const std::string& technology);
 // Deterministic filler content of a data file.
 std::vector<uint8_t> dataFileContent(uint32_t size, uint32_t seed);
 
@@ -44,8 +44,8 @@ struct BitstreamHeader {
 // header texts, then the payload frame: "KXBS", payload length (32 bits,
 // big-endian), payload, CRC-32 of the payload (big-endian). totalSize pads
 // the payload so that the file has exactly that size (when large enough).
-std::vector<uint8_t> makeBitstream(const BitstreamHeader& header, uint32_t totalSize = 20000,
-                                   uint32_t seed = 1);
+std::vector<uint8_t> makeBitstream(
+    const BitstreamHeader& header, uint32_t totalSize = 20000, uint32_t seed = 1);
 // True when bytes hold a complete bitstream whose payload checks.
 bool bitstreamIntact(const std::vector<uint8_t>& bytes);
 // The whole size of the bitstream that starts with these bytes, once its
@@ -62,4 +62,4 @@ struct DefaultFlash {
 };
 void writeDefaultFlash(std::vector<uint8_t>& flash, const DefaultFlash& content);
 
-}  // namespace vbridge
+} // namespace vbridge

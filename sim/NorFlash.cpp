@@ -26,7 +26,7 @@ constexpr uint8_t kStatusWriteEnable = 0x02;
 // What a master reads while the chip does not drive the line.
 constexpr uint8_t kIdleBus = 0xFF;
 
-}  // namespace
+} // namespace
 
 NorFlash::NorFlash()
     : memory_(kSize, 0xFF)
@@ -43,6 +43,16 @@ void NorFlash::resetStats()
 bool NorFlash::busy() const
 {
     return busyPollsLeft_ > 0 || std::chrono::steady_clock::now() < busyUntil_;
+}
+
+void NorFlash::powerUp()
+{
+    writeEnable_ = false;
+    resetEnabled_ = false;
+    selected_ = false;
+    haveCommand_ = false;
+    busyPollsLeft_ = 0;
+    busyUntil_ = {};
 }
 
 void NorFlash::startBusy(uint32_t microseconds)
@@ -100,7 +110,8 @@ void NorFlash::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines lin
         for (; i < count; ++i) {
             const bool isBusy = busy();
             if (in)
-                in[i] = static_cast<uint8_t>((isBusy ? kStatusBusy : 0) | (writeEnable_ ? kStatusWriteEnable : 0));
+                in[i] = static_cast<uint8_t>(
+                    (isBusy ? kStatusBusy : 0) | (writeEnable_ ? kStatusWriteEnable : 0));
             if (isBusy && busyPollsLeft_ > 0)
                 --busyPollsLeft_;
         }
@@ -118,7 +129,7 @@ void NorFlash::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines lin
         return;
 
     case kReadJedecId: {
-        const uint8_t id[3] = {0xEF, 0x40, 0x18};
+        const uint8_t id[3] = { 0xEF, 0x40, 0x18 };
         for (; i < count; ++i, ++uniqueIdOffset_)
             if (in)
                 in[i] = uniqueIdOffset_ < 3 ? id[uniqueIdOffset_] : kIdleBus;
@@ -229,9 +240,8 @@ void NorFlash::deselect()
     if (!haveCommand_ || commandIgnored_)
         return;
 
-    const auto address = [this] {
-        return (uint32_t(header_[0]) << 16) | (uint32_t(header_[1]) << 8) | header_[2];
-    };
+    const auto address
+        = [this] { return (uint32_t(header_[0]) << 16) | (uint32_t(header_[1]) << 8) | header_[2]; };
     const bool wasResetEnabled = resetEnabled_;
     resetEnabled_ = false;
 
@@ -259,7 +269,7 @@ void NorFlash::deselect()
             return;
         }
         if (header_.size() < 3)
-            return;  // incomplete frame: the chip does nothing
+            return; // incomplete frame: the chip does nothing
         writeEnable_ = false;
         if (command_ == kSectorErase)
             eraseSector(address());
@@ -281,4 +291,4 @@ void NorFlash::deselect()
     }
 }
 
-}  // namespace vbridge
+} // namespace vbridge

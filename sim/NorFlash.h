@@ -41,6 +41,9 @@ public:
 
     void resetStats();
     bool busy() const;
+    // Power-on: the latches are clear and nothing is in progress; the array
+    // keeps its contents.
+    void powerUp();
 
 private:
     enum class Phase { Command, Address, Mode, Dummy, Data, Done };
@@ -57,14 +60,14 @@ private:
     bool haveCommand_ = false;
     bool commandIgnored_ = false;
     Lines commandLines_ = Lines::Single;
-    std::vector<uint8_t> header_;  // address and mode bytes as received
-    std::vector<uint8_t> data_;    // program data
+    std::vector<uint8_t> header_; // address and mode bytes as received
+    std::vector<uint8_t> data_; // program data
     uint32_t readAddress_ = 0;
     size_t uniqueIdOffset_ = 0;
     bool readValid_ = true;
     bool resetEnabled_ = false;
-    std::chrono::steady_clock::time_point busyUntil_{};
+    std::chrono::steady_clock::time_point busyUntil_ {};
     uint32_t busyPollsLeft_ = 0;
 };
 
-}  // namespace vbridge
+} // namespace vbridge

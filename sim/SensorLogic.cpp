@@ -16,6 +16,11 @@ constexpr uint8_t kCodeInside = 0x81;
 constexpr uint8_t kCodeArm = 0x00;
 constexpr uint8_t kCodeImageBlock = 0x80;
 constexpr uint8_t kCodeOscilloscope = 0xE4;
+constexpr uint8_t kFrameTail0 = 0xCA;
+constexpr uint8_t kFrameTail1 = 0xFE;
+
+constexpr uint8_t kInsideMarker = 0x73; // 's'
+constexpr uint8_t kInsideMarkerBroken = 0x53; // 'S', as a damaged block shows it
 
 constexpr uint8_t kLatticeReadId = 0xE0;
 constexpr uint8_t kLatticeEnable = 0xC6;
@@ -28,12 +33,15 @@ constexpr uint32_t kLatticeEnabled = 0x200;
 // What an FPGA without configuration puts on the bus: read as a status
 // word it is flags 0x22, size 2, version 8, diode 0x88.
 constexpr uint8_t kUnconfiguredPattern = 0x22;
+// Port A reads zeros while nothing drives the data lines (the FPGA takes a
+// bitstream burst without answering).
+constexpr uint8_t kIdleBus = 0x00;
 
 // A threshold under the dark level triggers at once; the sensor then runs a
 // dummy integration of this length.
 constexpr uint32_t kDummyIntegrationMs = 300;
 // From the end of the integration to the image being ready.
-constexpr uint32_t kReadoutPreparationMs = 20;
+constexpr uint32_t kReadoutPreparationMs = 300;
 constexpr int kRampMs = 5;
 
 uint32_t mix(uint32_t x)
@@ -52,7 +60,7 @@ void putBigEndian16(uint8_t* bytes, uint16_t value)
     bytes[1] = static_cast<uint8_t>(value);
 }
 
-}  // namespace
+} // namespace
 
 SensorLogic::SensorLogic(uint32_t seed)
     : seed_(seed)
@@ -76,6 +84,14 @@ void SensorLogic::configurationReset()
     done_ = false;
     burst_ = false;
     phase_ = Phase::Idle;
+}
+
+void SensorLogic::setImageSizeCode(int code)
+{
+    imageSizeCodeOverride = code;
+    ensureImage();
+    imageCode_ = code >= 0 ? code : sizeCode;
+    imageBytes_[0] = static_cast<uint8_t>((imageBytes_[0] & 0x3F) | (imageCode_ << 6));
 }
 
 void SensorLogic::trigger(const Exposure& exposure)
@@ -153,7 +169,8 @@ void SensorLogic::update(Clock::time_point now)
     }
     if (phase_ == Phase::Exposing && now >= exposureEnd_)
         phase_ = Phase::Integrated;
-    if (phase_ == Phase::Integrated && now >= exposureEnd_ + std::chrono::milliseconds(kReadoutPreparationMs)) {
+    if (phase_ == Phase::Integrated
+        && now >= exposureEnd_ + std::chrono::milliseconds(kReadoutPreparationMs)) {
         finishImage();
         phase_ = Phase::ImageReady;
     }
@@ -191,7 +208,7 @@ void SensorLogic::finishImage()
             const int shading = 512 - (dx * dx + dy * dy) / 512;
             const bool light = ((x / 100) + (y / 100)) % 2 == 0;
             int value = 1200 + ((x * 7) & 63) + signal * shading / 512 + (light ? signal / 4 : 0)
-                        + static_cast<int>(mix(shot ^ static_cast<uint32_t>(y * 4099 + x)) % 17);
+                + static_cast<int>(mix(shot ^ static_cast<uint32_t>(y * 4099 + x)) % 17);
             value = std::clamp(value, 0, 0x3FFF);
             putBigEndian16(out, static_cast<uint16_t>(value));
             out += 2;
@@ -208,6 +225,35 @@ std::vector<uint16_t> SensorLogic::image() const
     return pixels;
 }
 
+std::array<uint8_t, kStatusWordSize> encodeStatusWord(const StatusWord& word)
+{
+    const uint16_t diode = word.diode & 0x3FF;
+    return { { word.flags, static_cast<uint8_t>(diode >> 2),
+        static_cast<uint8_t>(((diode & 3) << 6) | ((word.version & 0x0F) << 2) | (word.sizeCode & 3)) } };
+}
+
+std::array<uint8_t, kInsideBlockSize> encodeInsideBlock(const GeneratorSettings& generator)
+{
+    std::array<uint8_t, kInsideBlockSize> block {};
+    block[0] = generator.markerOk ? kInsideMarker : kInsideMarkerBroken;
+    block[1] = generator.kV;
+    block[2] = generator.mA;
+    putBigEndian16(&block[3], generator.timeSet);
+    putBigEndian16(&block[5], generator.timeDone);
+    putBigEndian16(&block[8], generator.dap);
+    block[10] = generator.cone;
+    putBigEndian16(&block[11], generator.airDose);
+    block[13] = generator.cutMethod;
+    block[14] = generator.mode;
+    // Byte 15 is not covered by the checksum; the logic leaves a pattern there.
+    block[15] = 0x5A;
+    unsigned sum = 0;
+    for (int i = 1; i <= 14; ++i)
+        sum += block[i];
+    block[16] = static_cast<uint8_t>(sum + (generator.checksumOk ? 0 : 1));
+    return block;
+}
+
 std::vector<uint8_t> SensorLogic::statusAnswer()
 {
     StatusWord word;
@@ -222,30 +268,14 @@ std::vector<uint8_t> SensorLogic::statusAnswer()
         word.version = version;
         word.sizeCode = sizeCode;
     }
-    const uint16_t diode = word.diode & 0x3FF;
-    return {word.flags, static_cast<uint8_t>(diode >> 2),
-            static_cast<uint8_t>(((diode & 3) << 6) | ((word.version & 0x0F) << 2) | (word.sizeCode & 3))};
+    const auto bytes = encodeStatusWord(word);
+    return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
 std::vector<uint8_t> SensorLogic::insideAnswer() const
 {
-    std::vector<uint8_t> block(17, 0);
-    block[0] = generator.markerOk ? 0x73 : 0x53;
-    block[1] = generator.kV;
-    block[2] = generator.mA;
-    putBigEndian16(&block[3], generator.timeSet);
-    putBigEndian16(&block[5], generator.timeDone);
-    putBigEndian16(&block[8], generator.dap);
-    block[10] = generator.cone;
-    putBigEndian16(&block[11], generator.airDose);
-    block[13] = generator.cutMethod;
-    block[14] = generator.mode;
-    block[15] = 0x5A;
-    unsigned sum = 0;
-    for (int i = 1; i <= 14; ++i)
-        sum += block[i];
-    block[16] = static_cast<uint8_t>(sum + (generator.checksumOk ? 0 : 1));
-    return block;
+    const auto block = encodeInsideBlock(generator);
+    return std::vector<uint8_t>(block.begin(), block.end());
 }
 
 // The samples not read yet, then an 0xFFFF end mark; the rest reads zero.
@@ -253,7 +283,8 @@ std::vector<uint8_t> SensorLogic::oscilloscopeAnswer(Clock::time_point now)
 {
     size_t available = samples_.size();
     if (phase_ == Phase::Exposing) {
-        const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - exposureStart_).count();
+        const auto elapsed
+            = std::chrono::duration_cast<std::chrono::milliseconds>(now - exposureStart_).count();
         available = std::min<size_t>(samples_.size(), static_cast<size_t>(std::max<int64_t>(0, elapsed)));
     }
     std::vector<uint8_t> answer;
@@ -287,7 +318,7 @@ void SensorLogic::decodeLogicFrame()
         answerFill_ = kUnconfiguredPattern;
         return;
     }
-    if (frame_[2] != 0xCA || frame_[3] != 0xFE)
+    if (frame_[2] != kFrameTail0 || frame_[3] != kFrameTail1)
         return;
     if (frame_[0] == kClassControl && frame_[1] == kCodeStatus) {
         answerStore_ = statusAnswer();
@@ -316,13 +347,13 @@ void SensorLogic::decodeConfigFrame()
     answerFill_ = 0xFF;
     switch (frame_[0]) {
     case kLatticeReadId:
-        answerStore_ = {static_cast<uint8_t>(fpgaDeviceId >> 24), static_cast<uint8_t>(fpgaDeviceId >> 16),
-                        static_cast<uint8_t>(fpgaDeviceId >> 8), static_cast<uint8_t>(fpgaDeviceId)};
+        answerStore_ = { static_cast<uint8_t>(fpgaDeviceId >> 24), static_cast<uint8_t>(fpgaDeviceId >> 16),
+            static_cast<uint8_t>(fpgaDeviceId >> 8), static_cast<uint8_t>(fpgaDeviceId) };
         break;
     case kLatticeReadStatus: {
         const uint32_t status = (done_ ? kLatticeDone : 0) | (configMode_ ? kLatticeEnabled : 0);
-        answerStore_ = {static_cast<uint8_t>(status >> 24), static_cast<uint8_t>(status >> 16),
-                        static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status)};
+        answerStore_ = { static_cast<uint8_t>(status >> 24), static_cast<uint8_t>(status >> 16),
+            static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status) };
         break;
     }
     case kLatticeEnable:
@@ -396,7 +427,7 @@ void SensorLogic::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines 
         if (burst_) {
             const size_t used = feedBurst(out ? out + i : nullptr, count - i);
             if (in)
-                std::fill(in + i, in + i + used, 0xFF);
+                std::fill(in + i, in + i + used, kIdleBus);
             i += used;
             if (!burst_) {
                 frame_.clear();
@@ -413,16 +444,16 @@ void SensorLogic::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines 
             ++i;
             if (frame_.size() == 4) {
                 const bool lattice = frame_[1] == 0 && frame_[2] == 0 && frame_[3] == 0
-                                     && (frame_[0] == kLatticeReadId || frame_[0] == kLatticeEnable
-                                         || frame_[0] == kLatticeBurst || frame_[0] == kLatticeReadStatus
-                                         || frame_[0] == kLatticeDisable);
+                    && (frame_[0] == kLatticeReadId || frame_[0] == kLatticeEnable
+                        || frame_[0] == kLatticeBurst || frame_[0] == kLatticeReadStatus
+                        || frame_[0] == kLatticeDisable);
                 if (lattice)
                     decodeConfigFrame();
                 else
                     decodeLogicFrame();
                 // The next frame of a held chip select starts a new command.
-                if (target_ == Target::Config && frame_[0] != kLatticeReadId && frame_[0] != kLatticeReadStatus
-                    && !burst_)
+                if (target_ == Target::Config && frame_[0] != kLatticeReadId
+                    && frame_[0] != kLatticeReadStatus && !burst_)
                     frame_.clear();
             }
             continue;
@@ -438,7 +469,8 @@ void SensorLogic::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines 
                     arm.count++;
                     arm.threshold = ((parameters_[0] & 0x0F) << 8) | parameters_[1];
                     arm.oscilloscope = (parameters_[0] & 0xF0) == 0x50;
-                    arm.ace = (uint32_t(parameters_[2]) << 16) | (uint32_t(parameters_[3]) << 8) | parameters_[4];
+                    arm.ace
+                        = (uint32_t(parameters_[2]) << 16) | (uint32_t(parameters_[3]) << 8) | parameters_[4];
                     phase_ = Phase::Armed;
                     armTime_ = Clock::now();
                     samples_.clear();
@@ -471,4 +503,4 @@ void SensorLogic::deselect()
     frame_.clear();
 }
 
-}  // namespace vbridge
+} // namespace vbridge

@@ -4,6 +4,7 @@
 // which answers Lattice opcodes and comes alive only on a good bitstream.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -13,6 +14,15 @@
 #include "sim/VirtualBridge.h"
 
 namespace vbridge {
+
+constexpr size_t kStatusWordSize = 3;
+constexpr size_t kInsideBlockSize = 17;
+
+// Status word: flags; diode bits 9-2; diode bits 1-0, version, size code.
+std::array<uint8_t, kStatusWordSize> encodeStatusWord(const StatusWord& word);
+// Inside block: marker 's', the generator's settings (16-bit fields
+// big-endian), and the sum of bytes 1 to 14 in byte 16.
+std::array<uint8_t, kInsideBlockSize> encodeInsideBlock(const GeneratorSettings& generator);
 
 class SensorLogic : public SpiDevice {
 public:
@@ -43,10 +53,12 @@ public:
 
     // FPGA configuration state.
     bool configured = true;
-    void configurationReset();  // PROGRAMN pulse or power cycle
+    void configurationReset(); // PROGRAMN pulse or power cycle
     std::vector<uint8_t> loadedBitstream;
 
     void trigger(const Exposure& exposure);
+    // Size code written into images from now on, and into the one held.
+    void setImageSizeCode(int code);
 
     ArmRecord arm;
     int exposures = 0;
@@ -73,9 +85,9 @@ private:
 
     uint32_t seed_;
     Phase phase_ = Phase::Idle;
-    Clock::time_point armTime_{};
-    Clock::time_point exposureStart_{};
-    Clock::time_point exposureEnd_{};
+    Clock::time_point armTime_ {};
+    Clock::time_point exposureStart_ {};
+    Clock::time_point exposureEnd_ {};
     uint32_t exposureMs_ = 0;
     uint16_t exposureLevel_ = kDarkLevel;
     bool pendingTrigger_ = false;
@@ -110,4 +122,4 @@ private:
     size_t burstTotal_ = 0;
 };
 
-}  // namespace vbridge
+} // namespace vbridge

@@ -27,38 +27,38 @@ struct GeneratorSettings {
     uint16_t airDose = 1520;
     uint8_t cutMethod = 1;
     uint8_t mode = 0;
-    bool markerOk = true;   // byte 0 is 0x73 ('s') when true
+    bool markerOk = true; // byte 0 is 0x73 ('s') when true
     bool checksumOk = true; // byte 16 is the sum of bytes 1 to 14 when true
 };
 
 // The 3-byte status word fields of a sensor, for answers forced by a test.
 struct StatusWord {
-    uint8_t flags = 0x40;  // ready
-    uint16_t diode = 428;  // 10 bits
-    uint8_t version = 2;   // 4 bits
-    uint8_t sizeCode = 1;  // 2 bits: 1 = 1000 x 1506, 2 = 1300 x 1706
+    uint8_t flags = 0x40; // ready
+    uint16_t diode = 428; // 10 bits
+    uint8_t version = 2; // 4 bits
+    uint8_t sizeCode = 1; // 2 bits: 1 = 1000 x 1506, 2 = 1300 x 1706
 };
 
 // An X-ray exposure as the sensor's photodiode sees it.
 struct Exposure {
-    uint32_t delayMs = 150;     // from arming (automatic exposures only)
-    uint32_t durationMs = 120;  // intra-oral exposures last 50 to 200 ms
-    uint16_t doseRate = 700;    // photodiode level while exposed (dark is 428)
+    uint32_t delayMs = 150; // from arming (automatic exposures only)
+    uint32_t durationMs = 120; // intra-oral exposures last 50 to 200 ms
+    uint16_t doseRate = 700; // photodiode level while exposed (dark is 428)
 };
 
 struct FlashTiming {
-    uint32_t busyPolls = 2;   // status reads that see the busy bit after a program or erase
-    uint32_t programUs = 0;   // and at least this long after a page program
-    uint32_t eraseUs = 0;     // after a sector erase
+    uint32_t busyPolls = 2; // status reads that see the busy bit after a program or erase
+    uint32_t programUs = 0; // and at least this long after a page program
+    uint32_t eraseUs = 0; // after a sector erase
     uint32_t chipEraseUs = 0; // after a chip erase
 };
 
 struct FlashStats {
-    std::vector<uint32_t> sectorErases;  // erase count of each 4096-byte sector
+    std::vector<uint32_t> sectorErases; // erase count of each 4096-byte sector
     uint64_t pagePrograms = 0;
-    uint64_t sectorEraseCommands = 0;    // executed sector erases
+    uint64_t sectorEraseCommands = 0; // executed sector erases
     uint64_t chipErases = 0;
-    uint64_t zeroToOneAttempts = 0;      // programs that asked a 0 bit to become 1
+    uint64_t zeroToOneAttempts = 0; // programs that asked a 0 bit to become 1
     uint64_t ignoredWhileBusy = 0;
     uint64_t ignoredWithoutWriteEnable = 0;
 };
@@ -71,12 +71,12 @@ struct SensorConfig {
     uint32_t location = 0;
     // GPIO 3 of port D reads 0 for a sensor built into a generator.
     bool inside = false;
-    uint8_t sizeCode = 1;  // 1 = small (1000 x 1506), 2 = large (1300 x 1706)
+    uint8_t sizeCode = 1; // 1 = small (1000 x 1506), 2 = large (1300 x 1706)
     uint8_t version = 2;
-    uint64_t uniqueId = 0;  // 0: derived from the serial
+    uint64_t uniqueId = 0; // 0: derived from the serial
     GeneratorSettings generator;
     // Raw 10-bit converter values of channels 0 to 3.
-    std::array<uint16_t, 4> adcRaw{{620, 310, 775, 560}};
+    std::array<uint16_t, 4> adcRaw { { 620, 310, 775, 560 } };
     // Exposure started by itself after every arming for an acquisition.
     bool autoExposure = true;
     Exposure exposure;
@@ -99,31 +99,55 @@ struct ForeignDevice {
 // One bridge call as the trace records it.
 struct TraceEntry {
     uint64_t seq = 0;
-    std::string function;       // C name, e.g. "FT4222_SPIMaster_MultiReadWrite"
-    std::string device;         // interface serial ("KX0001A"), empty for list calls
-    char port = 0;              // 'A' to 'D', 0 for list calls and foreign devices
-    std::vector<int64_t> args;  // scalar arguments in call order (no handle, no buffers)
-    std::string text;           // string argument (serial for FT_OpenEx), if any
+    std::string function; // C name, e.g. "FT4222_SPIMaster_MultiReadWrite"
+    std::string device; // interface serial ("KX0001A"), empty for list calls
+    char port = 0; // 'A' to 'D', 0 for list calls and foreign devices
+    std::vector<int64_t> args; // scalar arguments in call order (no handle, no buffers)
+    std::string text; // string argument (serial for FT_OpenEx), if any
     std::vector<uint8_t> written;
     std::vector<uint8_t> read;
     uint32_t status = 0;
 
-    // One line: "seq function device args [written] -> [read] = status".
+    // One line: "seq function device args "text" [written] -> [read] = status",
+    // bytes in lower-case hex; parts that are empty are left out; a failure
+    // status is followed by its name ("= 1003 IS_NOT_SPI_MODE"); data longer
+    // than 32 bytes shows its first 32 bytes and its length.
     std::string toString() const;
+};
+
+// LibFT4222 and D2XX state of one interface as the calls so far left it.
+struct PortSettings {
+    bool open = false;
+    uint32_t readTimeoutMs = 0;
+    uint32_t writeTimeoutMs = 0;
+    bool spiMaster = false;
+    int lines = 0; // FT4222_SPIMode
+    int clockDivider = 0; // FT4222_SPIClock
+    int cpol = 0;
+    int cpha = 0;
+    int ssoMap = 0;
+    std::array<int, 3> drivingStrength { { 0, 0, 0 } }; // clock, data, chip select
+    bool chipSelectAsserted = false; // a transaction is held open
+    bool gpio = false; // GPIO_Init done
+    std::array<int, 4> gpioDirections { { 1, 1, 1, 1 } };
+    // Settings of the whole chip, shared by the sensor's four interfaces.
+    int systemClock = 0; // FT4222_ClockRate
+    bool suspendOut = true;
+    bool wakeUpInterrupt = true;
 };
 
 // Where a device-list entry comes from: sensor interface or foreign device.
 struct ListEntry {
-    int sensor = -1;  // sensor index, or -1 for a foreign device
-    int port = 0;     // 0..3 for A..D, or the foreign device index
+    int sensor = -1; // sensor index, or -1 for a foreign device
+    int port = 0; // 0..3 for A..D, or the foreign device index
 };
 
 // What the sensor logic last received in an arm frame.
 struct ArmRecord {
-    int count = 0;           // arm frames received since the sensor was added
-    int threshold = 0;       // photodiode threshold, 12 bits
+    int count = 0; // arm frames received since the sensor was added
+    int threshold = 0; // photodiode threshold, 12 bits
     bool oscilloscope = false;
-    uint32_t ace = 0;        // 24 bits
+    uint32_t ace = 0; // 24 bits
 };
 
 class VirtualBridge {
@@ -136,6 +160,11 @@ public:
     // The default machine: one stand-alone sensor "KX0001" (as a host gets
     // when no scenario is named).
     void resetToDefault();
+    // The machine a host gets on first use: the scenario file named by the
+    // environment variable KORUX_SCENARIO, or the default machine when it is
+    // unset or empty. A scenario that cannot be loaded leaves the default
+    // machine; the result is then false and *error says why.
+    bool resetFromEnvironment(std::string* error = nullptr);
 
     // Adds a sensor; its four interfaces are appended to the device list in
     // the order A, B, C, D. Returns the sensor index.
@@ -210,6 +239,9 @@ public:
     // Port D GPIO output levels (GPIO 0 to 2) as last written.
     std::array<bool, 3> gpioOutputs(int sensor) const;
 
+    // State of one interface (port 0 to 3 for A to D).
+    PortSettings portSettings(int sensor, int port) const;
+
     // Unplug: every call on the sensor's handles fails as on a real unplug and
     // its interfaces leave the device list. Plug: it is listed again; handles
     // from before stay dead, and the FPGA has lost its configuration.
@@ -253,7 +285,7 @@ public:
     bool loadScenarioText(const std::string& text, const std::string& name, std::string* error);
 };
 
-}  // namespace vbridge
+} // namespace vbridge
 
 // C entry point for hosts that load the virtual bridge at run time.
 // Returns 0 on success; otherwise writes the reason into error.

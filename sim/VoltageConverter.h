@@ -12,7 +12,7 @@ namespace vbridge {
 
 class VoltageConverter : public SpiDevice {
 public:
-    std::array<uint16_t, 4> raw{{620, 310, 775, 560}};
+    std::array<uint16_t, 4> raw { { 620, 310, 775, 560 } };
 
     void select() override { position_ = 0; }
 
@@ -20,7 +20,7 @@ public:
     {
         for (size_t i = 0; i < count; ++i, ++position_) {
             const uint8_t byte = out && lines == Lines::Single ? out[i] : 0xFF;
-            uint8_t answer = 0xFF;  // the line floats before the conversion
+            uint8_t answer = 0xFF; // the line floats before the conversion
             if (position_ == 1) {
                 // Single-ended mode bit, then the channel number.
                 single_ = (byte & 0x80) != 0;
@@ -41,4 +41,4 @@ private:
     int channel_ = 0;
 };
 
-}  // namespace vbridge
+} // namespace vbridge

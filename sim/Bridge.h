@@ -1,0 +1,93 @@
+// The USB side of the virtual machine: the sensors and foreign devices on the
+// bus, the device list as the driver last built it, the open handles, the
+// injected faults and the trace. One recursive mutex guards all of it: the C
+// functions and the control API lock it, and the control API calls itself.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "sim/VirtualBridge.h"
+#include "sim/VirtualSensor.h"
+
+namespace vbridge {
+
+// The C functions the bridge exports, by name.
+const std::vector<std::string>& exportedFunctions();
+
+struct ForeignInterface {
+    ForeignDevice device;
+    uintptr_t handle = 0; // 0 while closed
+};
+
+// What a handle given out by FT_OpenEx refers to.
+struct HandleRecord {
+    int sensor = -1; // -1: a foreign device
+    int port = 0; // port of the sensor, or index of the foreign device
+    uint64_t generation = 0;
+    bool closed = false;
+};
+
+struct CallFault {
+    std::string function;
+    int remaining = 0; // calls of that function to come, this one included
+    uint32_t status = 0;
+};
+
+class Bridge {
+public:
+    static Bridge& instance();
+    ~Bridge();
+
+    std::recursive_mutex mutex;
+
+    // Sets the machine up on first use, unless something configured it
+    // already: from the scenario named by KORUX_SCENARIO, else the default
+    // machine.
+    void ensureConfigured();
+    bool configured = false;
+
+    VirtualSensor& sensor(int index); // throws std::out_of_range
+    int sensorIndexOf(const VirtualSensor& sensor) const;
+    // The interfaces the bus shows now, in list order.
+    std::vector<ListEntry> listed() const;
+    void unplug(int sensor);
+    void plug(int sensor);
+    // A handle value never given out before in this process.
+    uintptr_t newHandle();
+
+    // The fault planned for this call, or 0.
+    uint32_t takeFault(uint64_t callNumber, const std::string& function);
+    void record(TraceEntry&& entry);
+
+    bool saveFlashImage(VirtualSensor& sensor, std::string* error);
+    void saveFlashImages();
+
+    std::vector<std::unique_ptr<VirtualSensor>> sensors;
+    std::vector<ForeignInterface> foreign;
+    std::vector<ListEntry> order;
+    std::vector<ListEntry> snapshot; // the list as the last FT_CreateDeviceInfoList made it
+    std::map<uintptr_t, HandleRecord> handles;
+
+    std::vector<TraceEntry> trace;
+    bool traceEnabled = true;
+    size_t traceDataLimit = static_cast<size_t>(-1);
+    uint64_t calls = 0;
+
+    std::vector<CallFault> callFaults;
+    std::map<uint64_t, uint32_t> callNumberFaults; // absolute call number -> status
+    std::map<uint64_t, int> unplugAtCall; // absolute call number -> sensor
+    std::vector<int> failedDetails;
+    bool linkTiming = false;
+
+private:
+    Bridge() = default;
+
+    uintptr_t nextHandle_ = 0x5000;
+};
+
+} // namespace vbridge

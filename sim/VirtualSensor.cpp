@@ -1,0 +1,66 @@
+#include "sim/VirtualSensor.h"
+
+namespace vbridge {
+
+uint64_t serialHash(const std::string& serial)
+{
+    // FNV-1a: stable per serial, so a sensor keeps its noise and identifier.
+    uint64_t hash = 0xcbf29ce484222325ull;
+    for (unsigned char c : serial) {
+        hash ^= c;
+        hash *= 0x100000001b3ull;
+    }
+    return hash;
+}
+
+std::string interfaceDescription(int port)
+{
+    // Superscript two is the single byte 0xB2 in Latin-1.
+    return std::string("KORUX/KORUX\xB2 ") + kPortLetters[port];
+}
+
+VirtualSensor::VirtualSensor(const SensorConfig& sensorConfig)
+    : config(sensorConfig)
+    , logic(static_cast<uint32_t>(serialHash(sensorConfig.serial)))
+    , interfaces { { Interface(chip, &logic, nullptr), Interface(chip, &converter, nullptr),
+          Interface(chip, &flash, nullptr), Interface(chip, nullptr, &gpio) } }
+{
+    logic.version = config.version;
+    logic.sizeCode = config.sizeCode;
+    logic.generator = config.generator;
+    logic.autoExposure = config.autoExposure;
+    logic.exposure = config.exposure;
+    logic.configured = config.fpgaConfigured;
+    logic.fpgaDeviceId = config.fpgaDeviceId;
+    converter.raw = config.adcRaw;
+    if (config.uniqueId == 0)
+        config.uniqueId = serialHash(config.serial);
+    flash.uniqueId = config.uniqueId;
+    gpio.setInside(config.inside);
+    // PROGRAMN low restarts the FPGA's configuration.
+    gpio.onProgramPulse = [this] { logic.configurationReset(); };
+    // Power lost in the middle of a program or erase.
+    flash.onPowerCut = [this] { powerFailed = true; };
+}
+
+void VirtualSensor::powerDown()
+{
+    plugged = false;
+    ++generation;
+    for (Interface& interface : interfaces) {
+        interface.handle = 0;
+        interface.port.dropPower();
+    }
+}
+
+void VirtualSensor::powerUp()
+{
+    plugged = true;
+    powerFailed = false;
+    chip = Ft4222Chip();
+    gpio.powerUp();
+    logic.configurationReset();
+    flash.powerUp();
+}
+
+} // namespace vbridge

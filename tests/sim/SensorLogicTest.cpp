@@ -1,0 +1,233 @@
+// Port A's sensor logic: the status word and the Inside block, byte for byte,
+// as pure encodings and through the bridge.
+#include "SimSupport.h"
+
+#include "sim/FlashContent.h"
+#include "sim/SensorLogic.h"
+
+using namespace simtest;
+
+namespace {
+
+const std::vector<uint8_t> kStatusRequest = bytes({ 0xA1, 0x80, 0xCA, 0xFE });
+const std::vector<uint8_t> kInsideRequest = bytes({ 0xA1, 0x81, 0xCA, 0xFE });
+
+vbridge::StatusWord word(int flags, int diode, int version, int sizeCode)
+{
+    vbridge::StatusWord w;
+    w.flags = static_cast<uint8_t>(flags);
+    w.diode = static_cast<uint16_t>(diode);
+    w.version = static_cast<uint8_t>(version);
+    w.sizeCode = static_cast<uint8_t>(sizeCode);
+    return w;
+}
+
+template <size_t N> std::string hex(const std::array<uint8_t, N>& bytes)
+{
+    return simtest::hex(bytes.data(), N);
+}
+
+// Bytes 0 to 14 and 16 of an Inside block (byte 15 is free).
+std::string checkedBytes(const std::vector<uint8_t>& block)
+{
+    return simtest::hex(block.data(), 15) + " | " + simtest::hex(block.data() + 16, 1);
+}
+
+class VbSensorLogic : public VbTest { };
+
+} // namespace
+
+TEST(VbStatusWordEncoding, PacksFlagsDiodeVersionAndSize)
+{
+    EXPECT_EQ(hex(vbridge::encodeStatusWord(word(0x44, 75, 2, 1))), "44 12 c9");
+}
+
+TEST(VbStatusWordEncoding, KeepsTenDiodeBits)
+{
+    EXPECT_EQ(hex(vbridge::encodeStatusWord(word(0x48, 0x3FF, 15, 3))), "48 ff ff");
+}
+
+TEST(VbInsideBlockEncoding, DefaultSettingsGiveMarkerFieldsAndChecksum)
+{
+    const auto block = vbridge::encodeInsideBlock(vbridge::GeneratorSettings());
+    // 70 kV, 7 mA, 125, 124, -, 310, cone 2, 1520, cut 1, mode 0; sum 0x275.
+    EXPECT_EQ(simtest::hex(block.data(), 15), "73 46 07 00 7d 00 7c 00 01 36 02 05 f0 01 00");
+    EXPECT_EQ(simtest::hex(block.data() + 16, 1), "75");
+}
+
+TEST(VbInsideBlockEncoding, BrokenChecksumIsOffByOne)
+{
+    vbridge::GeneratorSettings settings;
+    settings.checksumOk = false;
+    EXPECT_EQ(simtest::hex(vbridge::encodeInsideBlock(settings).data() + 16, 1), "76");
+}
+
+TEST_F(VbSensorLogic, IdleSensorIsReadyWithDarkDiode)
+{
+    addSensor();
+    // Flags 0x40, diode 428, version 2, size 1.
+    EXPECT_EQ(hex(command(openPortA(), kStatusRequest, 3)), "40 6b 09");
+}
+
+TEST_F(VbSensorLogic, StatusWordAnswersAsSet)
+{
+    addSensor();
+    bridge().setStatusWord(0, word(0x44, 75, 2, 1));
+    EXPECT_EQ(hex(command(openPortA(), kStatusRequest, 3)), "44 12 c9");
+}
+
+TEST_F(VbSensorLogic, StatusWordStaysUntilCleared)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    bridge().setStatusWord(0, word(0x48, 0, 1, 2));
+    EXPECT_EQ(hex(command(handle, kStatusRequest, 3)), "48 00 06");
+    EXPECT_EQ(hex(command(handle, kStatusRequest, 3)), "48 00 06");
+    bridge().clearStatusWord(0);
+    EXPECT_EQ(hex(command(handle, kStatusRequest, 3)), "40 6b 09");
+}
+
+TEST_F(VbSensorLogic, QueuedStatusWordsAnswerFirstOneRequestEach)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    bridge().setStatusWord(0, word(0x44, 75, 2, 1));
+    bridge().queueStatusWords(0, { word(0x45, 700, 2, 1), word(0x46, 428, 2, 1) });
+    EXPECT_EQ(hex(command(handle, kStatusRequest, 3)), "45 af 09");
+    EXPECT_EQ(hex(command(handle, kStatusRequest, 3)), "46 6b 09");
+    EXPECT_EQ(hex(command(handle, kStatusRequest, 3)), "44 12 c9");
+}
+
+TEST_F(VbSensorLogic, StatusVersionAndSizeComeFromTheSensor)
+{
+    vbridge::SensorConfig config;
+    config.sizeCode = 2;
+    config.version = 5;
+    config.defaultFlash = false;
+    bridge().addSensor(config);
+    EXPECT_EQ(hex(command(openPortA(), kStatusRequest, 3)), "40 6b 16");
+}
+
+TEST_F(VbSensorLogic, InsideSensorAnswersItsGeneratorBlock)
+{
+    addSensor("KX0001", true);
+    vbridge::GeneratorSettings settings;
+    settings.kV = 60;
+    settings.mA = 4;
+    settings.timeSet = 0x0102;
+    settings.timeDone = 0x0304;
+    settings.dap = 0x0506;
+    settings.cone = 7;
+    settings.airDose = 0x0809;
+    settings.cutMethod = 10;
+    settings.mode = 11;
+    bridge().setGenerator(0, settings);
+    // Sum of bytes 1 to 14: 60 + 4 + 1 + 2 + ... + 11 = 130.
+    EXPECT_EQ(checkedBytes(command(openPortA(), kInsideRequest, 17)),
+        "73 3c 04 01 02 03 04 00 05 06 07 08 09 0a 0b | 82");
+}
+
+TEST_F(VbSensorLogic, BrokenMarkerReadsCapitalS)
+{
+    addSensor("KX0001", true);
+    vbridge::GeneratorSettings settings;
+    settings.markerOk = false;
+    bridge().setGenerator(0, settings);
+    EXPECT_EQ(hex(std::vector<uint8_t> { command(openPortA(), kInsideRequest, 17)[0] }), "53");
+}
+
+TEST_F(VbSensorLogic, BrokenChecksumIsOneMoreThanTheSum)
+{
+    addSensor("KX0001", true);
+    vbridge::GeneratorSettings settings;
+    settings.checksumOk = false;
+    bridge().setGenerator(0, settings);
+    EXPECT_EQ(hex(std::vector<uint8_t> { command(openPortA(), kInsideRequest, 17)[16] }), "76");
+}
+
+TEST_F(VbSensorLogic, StandAloneSensorStillAnswersTheInsideRequest)
+{
+    addSensor("KX0001", false);
+    EXPECT_EQ(checkedBytes(command(openPortA(), kInsideRequest, 17)),
+        "73 46 07 00 7d 00 7c 00 01 36 02 05 f0 01 00 | 75");
+}
+
+TEST_F(VbSensorLogic, UnknownCommandReadsZeros)
+{
+    addSensor();
+    EXPECT_EQ(hex(command(openPortA(), bytes({ 0xA1, 0x55, 0xCA, 0xFE }), 4)), "00 00 00 00");
+}
+
+TEST_F(VbSensorLogic, FrameWithoutCafeTailReadsZeros)
+{
+    addSensor();
+    EXPECT_EQ(hex(command(openPortA(), bytes({ 0xA1, 0x80, 0xCA, 0xFF }), 3)), "00 00 00");
+}
+
+TEST_F(VbSensorLogic, CommandSentOnFourLinesIsNotUnderstood)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    std::vector<uint8_t> frame = kStatusRequest;
+    uint8_t answer[3] = { 0xEE, 0xEE, 0xEE };
+    uint32_t read = 0;
+    ASSERT_EQ(FT4222_SPIMaster_MultiReadWrite(handle, answer, frame.data(), 0, 4, 3, &read), FT4222_OK);
+    EXPECT_EQ(simtest::hex(answer, 3), "00 00 00");
+}
+
+TEST_F(VbSensorLogic, ReadBeyondTheAnswerGivesZeros)
+{
+    addSensor();
+    EXPECT_EQ(hex(command(openPortA(), kStatusRequest, 5)), "40 6b 09 00 00");
+}
+
+TEST_F(VbSensorLogic, SensorsAnswerEachForItself)
+{
+    addSensor();
+    addSensor();
+    bridge().setStatusWord(1, word(0x44, 75, 2, 1));
+    EXPECT_EQ(hex(command(openPortA(0), kStatusRequest, 3)), "40 6b 09");
+    EXPECT_EQ(hex(command(openPortA(1), kStatusRequest, 3)), "44 12 c9");
+}
+
+TEST_F(VbSensorLogic, ImageBlockIsReadWholeInOneTransfer)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    const std::vector<uint8_t> block = command(handle, bytes({ 0xA0, 0x80, 0xCA, 0xFE }), 65408);
+    ASSERT_EQ(block.size(), 65408u);
+    // The image is never flat: a block of one value would be an idle bus.
+    EXPECT_NE(std::count(block.begin(), block.end(), block[0]), 65408);
+}
+
+TEST_F(VbSensorLogic, ImageSizeCodeChangesTheImageAlreadyHeld)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    const std::vector<uint8_t> firstBlock = bytes({ 0xA0, 0x80, 0xCA, 0xFE });
+    ASSERT_EQ(command(handle, firstBlock, 2)[0] >> 6, 1);
+    bridge().setImageSizeCode(0, 3);
+    EXPECT_EQ(command(handle, firstBlock, 2)[0] >> 6, 3);
+}
+
+TEST_F(VbSensorLogic, UnfinishedBitstreamBurstReadsZeros)
+{
+    addSensor();
+    FT_HANDLE handle = openPort(0, kPortA);
+    ASSERT_EQ(
+        FT4222_SPIMaster_Init(handle, SPI_IO_SINGLE, CLK_DIV_4, CLK_IDLE_LOW, CLK_LEADING, 1), FT4222_OK);
+    uint16_t size = 0;
+    std::vector<uint8_t> enable = bytes({ 0xC6, 0, 0, 0 });
+    ASSERT_EQ(FT4222_SPIMaster_SingleWrite(handle, enable.data(), 4, &size, 1), FT4222_OK);
+    std::vector<uint8_t> burst = bytes({ 0x7A, 0, 0, 0 });
+    ASSERT_EQ(FT4222_SPIMaster_SingleWrite(handle, burst.data(), 4, &size, 0), FT4222_OK);
+    // Only the start of a 70000-byte bitstream goes out; the chip select stays low.
+    std::vector<uint8_t> bitstream = vbridge::makeBitstream(vbridge::BitstreamHeader(), 70000, 3);
+    ASSERT_EQ(FT4222_SPIMaster_SingleWrite(handle, bitstream.data(), 4464, &size, 0), FT4222_OK);
+    std::vector<uint8_t> readStatus = bytes({ 0x3C, 0, 0, 0 });
+    ASSERT_EQ(FT4222_SPIMaster_SingleWrite(handle, readStatus.data(), 4, &size, 0), FT4222_OK);
+    uint8_t status[4] = { 0xEE, 0xEE, 0xEE, 0xEE };
+    ASSERT_EQ(FT4222_SPIMaster_SingleRead(handle, status, 4, &size, 1), FT4222_OK);
+    EXPECT_EQ(hex(status, 4), "00 00 00 00");
+    EXPECT_FALSE(bridge().fpgaConfigured(0));
+}
