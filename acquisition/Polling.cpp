@@ -25,6 +25,27 @@ QString tickText(const char* slot, hardwareStatus status, uint8 flags, uint8 siz
 
 }  // namespace
 
+// The start of every tick: the status word, the trace line, and the lost
+// link. A failed read is reported on the family, a lost link on the unit.
+// False when the tick ends here.
+bool QVeltraXRayKORUXPlugInUnit::readPollingStatus(const char* slot, uint8* flags)
+{
+    uint8 size = 0, version = 0;
+    uint16 diode = 0;
+    if (!getStatus(flags, &size, &version, &diode)) {
+        logUser(QStringLiteral("[red]communication lost"));
+        setFamilyError();
+        return false;
+    }
+    logTrace(tickText(slot, status(), *flags, size, diode));
+    if (*flags & kFlagLinkLost) {
+        logUser(QStringLiteral("[red]communication lost"));
+        setStatus(statusError);
+        return false;
+    }
+    return true;
+}
+
 void QVeltraXRayKORUXPlugInUnit::waitForImage()
 {
     pollAcquisition(false);
@@ -42,21 +63,9 @@ void QVeltraXRayKORUXPlugInUnit::pollAcquisition(bool oscilloscopeMode)
         return;
     }
 
-    uint8 flags = 0, size = 0, version = 0;
-    uint16 diode = 0;
-    if (!getStatus(&flags, &size, &version, &diode)) {
-        logUser(QStringLiteral("[red]communication lost"));
-        setFamilyError();
+    uint8 flags = 0;
+    if (!readPollingStatus(oscilloscopeMode ? "waitForOscilloscope" : "waitForImage", &flags))
         return;
-    }
-    logTrace(tickText(oscilloscopeMode ? "waitForOscilloscope" : "waitForImage", status(), flags,
-                      size, diode));
-
-    if (flags & kFlagLinkLost) {
-        logUser(QStringLiteral("[red]communication lost"));
-        setStatus(statusError);
-        return;
-    }
     if (flags & kFlagOff) {
         logUser(QStringLiteral("[red]Sensor is off"));
         setStatus(statusError);
@@ -127,20 +136,10 @@ void QVeltraXRayKORUXPlugInUnit::pollAcquisition(bool oscilloscopeMode)
 // image nobody reads.
 void QVeltraXRayKORUXPlugInUnit::waitForStopping()
 {
-    uint8 flags = 0, size = 0, version = 0;
-    uint16 diode = 0;
-    if (!getStatus(&flags, &size, &version, &diode)) {
-        logUser(QStringLiteral("[red]communication lost"));
-        setFamilyError();
+    // This slot logs its ticks with the image slot's name; deliberate.
+    uint8 flags = 0;
+    if (!readPollingStatus("waitForImage", &flags))
         return;
-    }
-    logTrace(tickText("waitForImage", status(), flags, size, diode));
-
-    if (flags & kFlagLinkLost) {
-        logUser(QStringLiteral("[red]communication lost"));
-        setStatus(statusError);
-        return;
-    }
     if (flags & kFlagOff) {
         logUser(QStringLiteral("[red]Sensor is already off"));
         setStatus(statusStopped);

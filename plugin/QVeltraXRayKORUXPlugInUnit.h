@@ -111,6 +111,7 @@ private:
     void setFamilyError();
     // One tick of the image or oscilloscope polling.
     void pollAcquisition(bool oscilloscopeMode);
+    bool readPollingStatus(const char* slot, uint8* flags);
     bool readImageBlock(uint8* buffer, int block, uint16 length, uint32* bytesRead);
     // Sends one report section as JSON through dataRead and the detailed log.
     void sendReport(const QString& section, const ReportSection& values);

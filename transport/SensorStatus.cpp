@@ -112,6 +112,8 @@ bool QVeltraXRayKORUXPlugInUnit::reset(bool prog_mode)
 }
 
 // Image geometry: the sensor reads out 10 rows more than the raw image.
+constexpr int kExtraReadOutRows = 10;
+
 QSize QVeltraXRayKORUXPlugInUnit::BINImageSize()
 {
     switch (size()) {
@@ -126,14 +128,8 @@ QSize QVeltraXRayKORUXPlugInUnit::BINImageSize()
 
 QSize QVeltraXRayKORUXPlugInUnit::imageSize()
 {
-    switch (size()) {
-    case size1:
-        return QSize(1000, 1496);
-    case size2:
-        return QSize(1300, 1696);
-    default:
-        return QSize();
-    }
+    const QSize readOut = BINImageSize();
+    return readOut.isValid() ? QSize(readOut.width(), readOut.height() - kExtraReadOutRows) : QSize();
 }
 
 QSize QVeltraXRayKORUXPlugInUnit::RAWImageSize()

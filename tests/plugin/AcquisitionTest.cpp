@@ -10,15 +10,6 @@ using namespace testing_support;
 
 namespace {
 
-QJsonObject reportValues(const QString& json)
-{
-    const QJsonArray sections = QJsonDocument::fromJson(json.toUtf8()).array();
-    if (sections.isEmpty())
-        return {};
-    const QJsonObject section = sections[0].toObject();
-    return section.value(section.keys().value(0)).toArray()[0].toObject();
-}
-
 uint32_t counterIn(const std::vector<uint8_t>& slot)
 {
     return (uint32_t(slot[0]) << 24) | (uint32_t(slot[1]) << 16) | (uint32_t(slot[2]) << 8) | slot[3];

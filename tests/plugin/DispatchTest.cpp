@@ -64,15 +64,6 @@ protected:
     PluginHarness host;
 };
 
-QJsonObject reportValues(const QString& json)
-{
-    const QJsonArray sections = QJsonDocument::fromJson(json.toUtf8()).array();
-    if (sections.isEmpty())
-        return {};
-    const QJsonObject section = sections[0].toObject();
-    return section.value(section.keys().value(0)).toArray()[0].toObject();
-}
-
 class DispatchTest : public ::testing::Test {
 protected:
     PluginHarness host;

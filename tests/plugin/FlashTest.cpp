@@ -30,15 +30,6 @@ std::vector<uint8_t> pattern(size_t size, uint32_t seed = 1)
     return data;
 }
 
-QJsonObject reportValues(const QString& json)
-{
-    const QJsonArray sections = QJsonDocument::fromJson(json.toUtf8()).array();
-    if (sections.isEmpty())
-        return {};
-    const QJsonObject section = sections[0].toObject();
-    return section.value(section.keys().value(0)).toArray()[0].toObject();
-}
-
 class FlashTest : public ::testing::Test {
 protected:
     PluginHarness host;
@@ -89,6 +80,16 @@ protected:
         ASSERT_TRUE(unit->readSerialNumber(serial));
         host.bridge().clearTrace();
         host.seen().clear();
+    }
+
+    // A copy already in the family directory, as a previous run left it.
+    QString writeLocalFile(const QString& name, const QByteArray& bytes)
+    {
+        const QString path = QDir(host.directory()).filePath(name);
+        QFile file(path);
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(bytes);
+        return path;
     }
 
     QByteArray fileBytes(const QString& name)
@@ -301,12 +302,7 @@ TEST_F(FlashTest, ExistingFileOfTheSameSizeIsKeptWithoutOverwrite)
 {
     giveBoardSerial();
     putFile(0x010000, {1, 2, 3});
-    const QString path = QDir(host.directory()).filePath(kBoardSerial + ".FFC");
-    {
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("abc");
-    }
+    const QString path = writeLocalFile(kBoardSerial + ".FFC", "abc");
     ASSERT_TRUE(unit->readFFCFile(false));
     EXPECT_EQ(fileBytes(kBoardSerial + ".FFC"), QByteArray("abc"));
     EXPECT_TRUE(host.seen().hasAdvanced("the file already exists " + path));
@@ -316,12 +312,7 @@ TEST_F(FlashTest, ExistingFileOfTheSameSizeIsReplacedWithOverwrite)
 {
     giveBoardSerial();
     putFile(0x010000, {1, 2, 3});
-    const QString path = QDir(host.directory()).filePath(kBoardSerial + ".FFC");
-    {
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("abc");
-    }
+    const QString path = writeLocalFile(kBoardSerial + ".FFC", "abc");
     ASSERT_TRUE(unit->readFFCFile(true));
     EXPECT_EQ(fileBytes(kBoardSerial + ".FFC"), QByteArray("\x01\x02\x03", 3));
     EXPECT_TRUE(host.seen().hasAdvanced("the file will be overwrited " + path));
@@ -331,12 +322,7 @@ TEST_F(FlashTest, ExistingFileOfAnotherSizeIsReplacedSilently)
 {
     giveBoardSerial();
     putFile(0x010000, {1, 2, 3});
-    const QString path = QDir(host.directory()).filePath(kBoardSerial + ".FFC");
-    {
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("abcdef");
-    }
+    const QString path = writeLocalFile(kBoardSerial + ".FFC", "abcdef");
     ASSERT_TRUE(unit->readFFCFile(false));
     EXPECT_EQ(fileBytes(kBoardSerial + ".FFC"), QByteArray("\x01\x02\x03", 3));
     for (const QString& line : host.seen().advanced)

@@ -5,6 +5,9 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QPointer>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -61,6 +64,16 @@ inline std::string hex(const std::vector<uint8_t>& bytes)
     if (!text.empty())
         text.pop_back();
     return text;
+}
+
+// The values of the first (only) section of a data report.
+inline QJsonObject reportValues(const QString& json)
+{
+    const QJsonArray sections = QJsonDocument::fromJson(json.toUtf8()).array();
+    if (sections.isEmpty())
+        return {};
+    const QJsonObject section = sections[0].toObject();
+    return section.value(section.keys().value(0)).toArray()[0].toObject();
 }
 
 inline std::vector<uint8_t> bytes(std::initializer_list<int> values)
