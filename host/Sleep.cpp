@@ -9,6 +9,10 @@
 #include <chrono>
 #include <ctime>
 
+#if defined(__linux__)
+#include <sys/prctl.h>
+#endif
+
 #if defined(__x86_64__) || defined(__i386__)
 #include <x86intrin.h>
 #define VELTRA_HAVE_TSC 1
@@ -18,8 +22,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Left to spin after the coarse sleep: covers the wake-up latency.
-constexpr long long kSpinMarginNs = 80'000;
+// Left to spin after the coarse sleep: covers the wake-up latency, which on
+// a loaded or virtual machine reaches a few hundred microseconds even with
+// the timer slack at its minimum.
+constexpr long long kSpinMarginNs = 250'000;
 // Long enough to make the clock reads' own cost negligible, short enough
 // that the first fine sleep of a process is not noticeably delayed.
 constexpr long long kCalibrationSpanNs = 1'500'000;
@@ -67,6 +73,19 @@ quint64 counterRate()
     return rate;
 }
 
+// Linux lets a sleeping thread wake up to 50 us late by default, to batch
+// timer interrupts; the fine sleeps ask for the least slack, once a thread.
+void tightenTimerSlack()
+{
+#if defined(__linux__)
+    thread_local bool done = false;
+    if (!done) {
+        prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+        done = true;
+    }
+#endif
+}
+
 // nanosleep for the given span, resumed after a signal interrupts it.
 void coarseSleep(long long nanoseconds)
 {
@@ -85,8 +104,10 @@ void sleepMicroseconds(double us)
     const quint64 rate = counterRate();
     const quint64 target = cycles() + static_cast<quint64>(us * static_cast<double>(rate) / 100.0);
     const long long total = static_cast<long long>(us * 1000.0);
-    if (total > kSpinMarginNs)
+    if (total > kSpinMarginNs) {
+        tightenTimerSlack();
         coarseSleep(total - kSpinMarginNs);
+    }
     while (cycles() < target) { }
 }
 
