@@ -40,8 +40,6 @@ constexpr uint8_t kIdleBus = 0x00;
 // A threshold under the dark level triggers at once; the sensor then runs a
 // dummy integration of this length.
 constexpr uint32_t kDummyIntegrationMs = 300;
-// From the end of the integration to the image being ready.
-constexpr uint32_t kReadoutPreparationMs = 300;
 constexpr int kRampMs = 5;
 
 uint32_t mix(uint32_t x)
@@ -170,7 +168,7 @@ void SensorLogic::update(Clock::time_point now)
     if (phase_ == Phase::Exposing && now >= exposureEnd_)
         phase_ = Phase::Integrated;
     if (phase_ == Phase::Integrated
-        && now >= exposureEnd_ + std::chrono::milliseconds(kReadoutPreparationMs)) {
+        && now >= exposureEnd_ + std::chrono::milliseconds(readoutMs)) {
         finishImage();
         phase_ = Phase::ImageReady;
     }

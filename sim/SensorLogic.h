@@ -43,6 +43,7 @@ public:
     GeneratorSettings generator;
     bool autoExposure = true;
     Exposure exposure;
+    uint32_t readoutMs = 300;
     bool off = false;
     bool linkLost = false;
     int imageSizeCodeOverride = -1;

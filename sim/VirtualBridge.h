@@ -80,6 +80,8 @@ struct SensorConfig {
     // Exposure started by itself after every arming for an acquisition.
     bool autoExposure = true;
     Exposure exposure;
+    // From the end of an integration to the image being ready to read.
+    uint32_t readoutMs = 300;
     bool fpgaConfigured = true;
     uint32_t fpgaDeviceId = 0x412B4043;
     // Flash holds a realistic set of files and a counter when true;

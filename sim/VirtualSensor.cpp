@@ -30,6 +30,7 @@ VirtualSensor::VirtualSensor(const SensorConfig& sensorConfig)
     logic.generator = config.generator;
     logic.autoExposure = config.autoExposure;
     logic.exposure = config.exposure;
+    logic.readoutMs = config.readoutMs;
     logic.configured = config.fpgaConfigured;
     logic.fpgaDeviceId = config.fpgaDeviceId;
     converter.raw = config.adcRaw;
