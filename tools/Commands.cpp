@@ -1,18 +1,20 @@
 #include "tools/Commands.h"
 
+#include <QJsonArray>
+#include <QJsonObject>
+
 #include "tools/ExitCodes.h"
+#include "tools/Transcript.h"
 
 namespace korux {
 
 namespace {
 
-// Time given to queued calls and deferred deletions after an operation.
-constexpr int kSettleMs = 50;
-
 constexpr char kUsageHead[] = R"(usage: korux [options] COMMAND [ARGUMENTS]
 
 Loads the FT4222 bridge library and the sensor plug-in as a host application does,
-and drives the plug-in through the framework's interface.
+and drives the plug-in through the framework's interface. Commands marked * act on
+one unit with --serial, on every unit otherwise.
 
 commands:
 )";
@@ -27,100 +29,70 @@ options:
                                 <korux dir>/../lib/libVeltraXRayKORUX.so)
   --dir DIR                     the family's directory for the files copied from flash
                                 (default: the per-user data directory)
+  --serial SERIAL               the unit (board serial, as list shows it) a * command is for
+  --transcript FILE             write every signal and command as JSON lines to FILE
   --color auto|always|never     render the log lines' style tags as colours (auto: on a
                                 terminal, unless NO_COLOR is set)
   --time-scale X                stretch every framework sleep by X (0: no waits)
   -v, --verbose                 also print the detailed log and unit status changes
   -h, --help                    print this help
 
-exit status: 0 success, 1 failure, 2 bad command line or scenario,
-             3 no sensor found, 4 no bridge library)";
+exit status: 0 success, 1 failure, 2 bad command line, scenario or script,
+             3 no sensor (or no unit with the serial), 4 no bridge library,
+             5 the family refused the command, 6 time-out waiting for the sensor)";
 
-QString orDash(const QString& text)
+QStringList words(const char* list)
 {
-    return text.isEmpty() ? QStringLiteral("-") : text;
-}
-
-QString statusText(hardwareStatus status)
-{
-    return QStringLiteral("%1 (%2)")
-        .arg(QVeltraHardwareUnit::hardwareStatusToString(status))
-        .arg(int(status));
-}
-
-// The exit status an enumeration outcome stands for.
-int exitForFamilyStatus(hardwareStatus status)
-{
-    switch (status) {
-    case statusSensorFound:
-        return kExitOk;
-    case statusNoSensor:
-        return kExitNoSensor;
-    default:
-        return kExitFailure;
-    }
-}
-
-// Initialises the family as a host does at start: directory, names and the
-// enumeration of the sensors. The outcome is the family's status.
-bool initializeFamily(Session& session)
-{
-    QVeltraHardwareFamily* family = session.host->family();
-    const bool initialized = family->initializeVeltraHardwareFamily();
-    session.host->connectUnits();
-    session.host->settle(kSettleMs);
-    if (!initialized)
-        session.console.error(QStringLiteral("korux: initializeVeltraHardwareFamily failed"));
-    return initialized;
-}
-
-int runHelp(Session& session, const QStringList& arguments)
-{
-    if (arguments.isEmpty()) {
-        session.console.out(usageText());
-        return kExitOk;
-    }
-    const Command* command = findCommand(arguments.first());
-    if (!command) {
-        session.console.error(QStringLiteral("korux: unknown command \"%1\"").arg(arguments.first()));
-        session.console.error(usageText());
-        return kExitUsage;
-    }
-    session.console.out(
-        QStringLiteral("korux [options] %1 %2").arg(command->name, command->arguments).trimmed());
-    session.console.out(QStringLiteral("  %1").arg(command->summary));
-    return kExitOk;
-}
-
-int runList(Session& session, const QStringList&)
-{
-    if (!initializeFamily(session))
-        return kExitFailure;
-    QVeltraHardwareFamily* family = session.host->family();
-    const QVector<QVeltraHardwareUnit*>& units = family->hardwareUnitVector();
-    for (int i = 0; i < units.size(); ++i) {
-        const QVeltraHardwareUnit* unit = units.at(i);
-        session.console.out(QStringLiteral("unit %1 model %2 serial %3 board %4 status %5")
-                                .arg(i)
-                                .arg(orDash(unit->model()), orDash(unit->serial()),
-                                    orDash(unit->boardSerial()), statusText(unit->status())));
-    }
-    const QString name = family->codeName().isEmpty() ? family->sensorFamily() : family->codeName();
-    session.console.out(QStringLiteral("family %1: %2 unit%3, status %4")
-                            .arg(orDash(name))
-                            .arg(units.size())
-                            .arg(units.size() == 1 ? QString() : QStringLiteral("s"))
-                            .arg(statusText(family->status())));
-    return exitForFamilyStatus(family->status());
+    return QString::fromLatin1(list).split(QLatin1Char(' '), Qt::SkipEmptyParts);
 }
 
 } // namespace
 
 const std::vector<Command>& commandTable()
 {
+    // name, arguments, summary, positional min/max, flags, options with a value,
+    // needs the plug-in, --serial applies, handler
     static const std::vector<Command> table = {
-        { "list", "", "enumerate the sensors and print the units found", 0, 0, true, runList },
-        { "help", "[COMMAND]", "print this help, or the synopsis of one command", 0, 1, false, runHelp },
+        { "list", "", "enumerate the sensors and print the units found", 0, 0, "", "", true, false, runList },
+        { "enumerate", "", "enumerate the sensors again (command 1; in statusAcquired: back to statusReady)",
+            0, 0, "", "", true, false, runEnumerate },
+        { "fpga-update", "", "check every unit's FPGA and configure the ones that need it (command 11)", 0, 0,
+            "", "", true, false, runFpgaUpdate },
+        { "noop", "", "command 13: statusNoOpBegin then statusNoOpEnd", 0, 0, "", "", true, false, runNoop },
+        { "arm", "[--oscilloscope]", "arm every unit (command 20) and return once armed", 0, 0,
+            "--oscilloscope", "", true, false, runArm },
+        { "stop", "", "stop an armed family (command 18) and wait for the units to stop", 0, 0, "", "", true,
+            false, runStop },
+        { "abort", "", "abort an armed family (command 6) and wait for the units to stop", 0, 0, "", "", true,
+            false, runAbort },
+        { "acquire", "[--out DIR] [--count N] [--oscilloscope] [--timeout S]",
+            "arm, follow the exposure and write image, black image and description", 0, 0, "--oscilloscope",
+            "--out --count --timeout", true, false, runAcquire },
+        { "params", "", "* parameter report of each unit (command 1000)", 0, 0, "", "", true, true, runParams },
+        { "voltages", "", "* voltage report of each unit (command 1001)", 0, 0, "", "", true, true,
+            runVoltages },
+        { "serial", "", "read each unit's serial number from its flash (command 1002)", 0, 0, "", "", true,
+            false, runSerial },
+        { "flash-files", "[--all] [--overwrite]",
+            "* copy the files of the sensor flash to the family directory (commands 1003 to 1006)", 0, 0,
+            "--all --overwrite", "", true, true, runFlashFiles },
+        { "counter", "[--increase | --set N]",
+            "* read the shot counter (1007), add one (1009) or set it, then read it", 0, 0, "--increase",
+            "--set", true, true, runCounter },
+        { "format-flash", "", "* erase the whole sensor flash (command 2000)", 0, 0, "", "", true, true,
+            runFormatFlash },
+        { "flash-page", "ADDRESS", "* print the flash page at ADDRESS (command 3001 with FlashAddress)", 1, 1,
+            "", "", true, true, runFlashPage },
+        { "report", "", "the family report: every family parameter (command 1010)", 0, 0, "", "", true, false,
+            runReport },
+        { "set", "[--string] KEY VALUE", "set a family parameter, typed as its default is", 2, 2, "--string",
+            "", true, false, runSet },
+        { "goto", "COMMAND", "* send any hardwareStatus value as a command, by number or name", 1, 1, "", "",
+            true, true, runGoto },
+        { "run", "[--keep-going] SCRIPT", "run the commands of SCRIPT, one a line, with one family", 1, 1, "--keep-going", "",
+            true, false, runScript },
+        { "help", "[COMMAND]", "print this help, or the synopsis of one command", 0, 1, "", "", false, false,
+            runHelp },
     };
     return table;
 }
@@ -138,9 +110,98 @@ QString usageText()
     QString text = QString::fromLatin1(kUsageHead);
     for (const Command& command : commandTable()) {
         const QString synopsis = QStringLiteral("%1 %2").arg(command.name, command.arguments).trimmed();
-        text += QStringLiteral("  %1 %2\n").arg(synopsis, -18).arg(command.summary);
+        if (synopsis.size() > 20)
+            text += QStringLiteral("  %1\n  %2 %3\n").arg(synopsis, QString(20, ' '), command.summary);
+        else
+            text += QStringLiteral("  %1 %2\n").arg(synopsis, -20).arg(command.summary);
     }
     return text + QString::fromLatin1(kUsageTail);
+}
+
+bool parseCommandLine(const Command& command, const QStringList& arguments, CommandLine* line, QString* error)
+{
+    const QStringList flags = words(command.flags);
+    const QStringList valueOptions = words(command.valueOptions);
+    for (int i = 0; i < arguments.size(); ++i) {
+        const QString& word = arguments.at(i);
+        const int equals = word.indexOf(QLatin1Char('='));
+        const QString name = equals < 0 ? word : word.left(equals);
+        if (flags.contains(word)) {
+            line->flags.insert(word);
+        } else if (valueOptions.contains(name)) {
+            QString value;
+            if (equals >= 0)
+                value = word.mid(equals + 1);
+            else if (i + 1 < arguments.size())
+                value = arguments.at(++i);
+            if (value.isEmpty()) {
+                *error = QStringLiteral("%1 %2 needs a value").arg(command.name, name);
+                return false;
+            }
+            line->values.insert(name, value);
+        } else if (word.startsWith(QLatin1String("--"))) {
+            *error = QStringLiteral("%1 has no option \"%2\"").arg(command.name, word);
+            return false;
+        } else {
+            line->positional << word;
+        }
+    }
+    const int count = line->positional.size();
+    if (count < command.minimumArguments || count > command.maximumArguments) {
+        *error = QStringLiteral("wrong arguments for %1: korux %1 %2").arg(command.name, command.arguments).trimmed();
+        return false;
+    }
+    return true;
+}
+
+int runCommand(Session& session, const Command& command, const QStringList& arguments, const QString& serial)
+{
+    CommandLine line;
+    QString error;
+    if (!parseCommandLine(command, arguments, &line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
+        return kExitUsage;
+    }
+    if (!serial.isEmpty() && !command.forOneUnit) {
+        session.console.error(
+            QStringLiteral("korux: %1 acts on the whole family; --serial does not apply").arg(command.name));
+        return kExitUsage;
+    }
+    session.serial = serial;
+    if (session.transcript) {
+        QJsonObject fields { { QStringLiteral("command"), QString::fromLatin1(command.name) },
+            { QStringLiteral("arguments"), QJsonArray::fromStringList(arguments) } };
+        if (!serial.isEmpty())
+            fields.insert(QStringLiteral("serial"), serial);
+        if (session.scriptLine > 0)
+            fields.insert(QStringLiteral("line"), session.scriptLine);
+        session.transcript->record(QStringLiteral("command"), fields);
+    }
+    const int result = command.run(session, line);
+    if (session.transcript)
+        session.transcript->record(QStringLiteral("result"),
+            { { QStringLiteral("command"), QString::fromLatin1(command.name) },
+                { QStringLiteral("exit"), result } });
+    return result;
+}
+
+int runHelp(Session& session, const CommandLine& line)
+{
+    if (line.positional.isEmpty()) {
+        session.console.out(usageText());
+        return kExitOk;
+    }
+    const Command* command = findCommand(line.positional.first());
+    if (!command) {
+        session.console.error(
+            QStringLiteral("korux: unknown command \"%1\"").arg(line.positional.first()));
+        session.console.error(usageText());
+        return kExitUsage;
+    }
+    session.console.out(
+        QStringLiteral("korux [options] %1 %2").arg(command->name, command->arguments).trimmed());
+    session.console.out(QStringLiteral("  %1").arg(command->summary));
+    return kExitOk;
 }
 
 } // namespace korux

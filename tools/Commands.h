@@ -1,6 +1,8 @@
 // korux's commands, as a table: a new command is a handler and a row.
 #pragma once
 
+#include <QMap>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 
@@ -12,26 +14,83 @@
 
 namespace korux {
 
-// What a command works with. host is null for commands that run without the
-// plug-in (help).
+class Transcript;
+
+// What commands work with. host is null for commands that run without the
+// plug-in (help). One session lives as long as korux, so that a script's
+// commands share one family.
 struct Session {
     const Options& options;
     Console& console;
     PluginHost* host = nullptr;
+    Transcript* transcript = nullptr;
+    // The unit the current command is for (--serial); empty: every unit.
+    QString serial;
+    bool familyInitialized = false;
+    // Shots taken in this session, for the image file names.
+    int shots = 0;
+    // The script line being run (from 1), 0 outside a script.
+    int scriptLine = 0;
+};
+
+// A command's own words after korux's options are taken out.
+struct CommandLine {
+    QStringList positional;
+    QSet<QString> flags;
+    QMap<QString, QString> values;
+
+    bool has(const QString& flag) const { return flags.contains(flag) || values.contains(flag); }
+    QString value(const QString& name, const QString& fallback = QString()) const
+    {
+        return values.value(name, fallback);
+    }
 };
 
 struct Command {
     const char* name;
     const char* arguments; // synopsis of the arguments, "" for none
     const char* summary;
-    int minimumArguments;
+    int minimumArguments; // positional ones
     int maximumArguments;
+    const char* flags; // options without a value, space-separated
+    const char* valueOptions; // options that take a value, space-separated
     bool needsPlugin;
-    int (*run)(Session& session, const QStringList& arguments);
+    bool forOneUnit; // --serial chooses the unit
+    int (*run)(Session& session, const CommandLine& line);
 };
 
 const std::vector<Command>& commandTable();
 const Command* findCommand(const QString& name);
 QString usageText();
+
+// Splits a command's words into positional arguments and its options;
+// false with the reason in error.
+bool parseCommandLine(const Command& command, const QStringList& words, CommandLine* line, QString* error);
+
+// Checks the words against the command and runs it with serial as the unit
+// it is for. Usage errors are reported and give kExitUsage.
+int runCommand(Session& session, const Command& command, const QStringList& words, const QString& serial);
+
+// The handlers, by file.
+int runHelp(Session& session, const CommandLine& line);
+int runList(Session& session, const CommandLine& line);
+int runEnumerate(Session& session, const CommandLine& line);
+int runNoop(Session& session, const CommandLine& line);
+int runFpgaUpdate(Session& session, const CommandLine& line);
+int runArm(Session& session, const CommandLine& line);
+int runStop(Session& session, const CommandLine& line);
+int runAbort(Session& session, const CommandLine& line);
+int runGoto(Session& session, const CommandLine& line);
+int runParams(Session& session, const CommandLine& line);
+int runVoltages(Session& session, const CommandLine& line);
+int runSerial(Session& session, const CommandLine& line);
+int runFlashFiles(Session& session, const CommandLine& line);
+int runCounter(Session& session, const CommandLine& line);
+int runFormatFlash(Session& session, const CommandLine& line);
+int runFlashPage(Session& session, const CommandLine& line);
+int runReport(Session& session, const CommandLine& line);
+int runSet(Session& session, const CommandLine& line);
+int runAcquire(Session& session, const CommandLine& line);
+int runScript(Session& session, const CommandLine& line);
 
 } // namespace korux

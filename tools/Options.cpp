@@ -13,6 +13,8 @@ const QStringList kValueOptions = {
     QStringLiteral("--dir"),
     QStringLiteral("--color"),
     QStringLiteral("--time-scale"),
+    QStringLiteral("--serial"),
+    QStringLiteral("--transcript"),
 };
 
 // A negative number ("-1") is an argument, not an option.
@@ -36,6 +38,10 @@ bool applyValue(const QString& name, const QString& value, Options* options, QSt
         options->plugin = value;
     } else if (name == QLatin1String("--dir")) {
         options->directory = value;
+    } else if (name == QLatin1String("--serial")) {
+        options->serial = value;
+    } else if (name == QLatin1String("--transcript")) {
+        options->transcript = value;
     } else if (name == QLatin1String("--color")) {
         if (value == QLatin1String("auto"))
             options->color = ColorMode::Auto;
@@ -84,6 +90,11 @@ bool parseOptions(const QStringList& arguments, Options* options, QString* error
             const int equals = word.indexOf('=');
             const QString name = equals < 0 ? word : word.left(equals);
             if (!kValueOptions.contains(name)) {
+                // After the command word, the command's own options.
+                if (!options->command.isEmpty()) {
+                    options->arguments << word;
+                    continue;
+                }
                 *error = QStringLiteral("unknown option \"%1\"").arg(word);
                 return false;
             }

@@ -1,5 +1,6 @@
-// korux's command line: options anywhere, the first other word is the
-// command, the words after it are the command's arguments.
+// korux's command line: korux's own options anywhere, the first other word
+// is the command, the words after it (its own options included) are the
+// command's arguments.
 #pragma once
 
 #include <QString>
@@ -14,6 +15,8 @@ struct Options {
     QString scenario; // scenario file for the virtual bridge
     QString plugin; // plug-in library; empty: next to korux
     QString directory; // family directory; empty: the framework's default
+    QString serial; // the one unit a command is for; empty: every unit
+    QString transcript; // file that receives every signal as JSON lines
     ColorMode color = ColorMode::Auto;
     bool verbose = false;
     bool help = false;

@@ -3,8 +3,12 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEvent>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTimer>
 
 #include "tools/ExitCodes.h"
+#include "tools/Transcript.h"
 
 namespace korux {
 
@@ -26,11 +30,40 @@ QString sizeText(const QImage& image)
     return QStringLiteral("%1x%2").arg(image.width()).arg(image.height());
 }
 
+QJsonObject statusFields(hardwareStatus status)
+{
+    return { { QStringLiteral("status"), int(status) },
+        { QStringLiteral("name"), QVeltraHardwareUnit::hardwareStatusToString(status) } };
+}
+
 } // namespace
 
-PluginHost::PluginHost(Console& console, bool verbose)
+bool isFailureLine(const QString& text)
+{
+    // The flash and information failures the plug-in logs without a colour.
+    static const char* const kUncoloured[] = {
+        "readFlash failed!",
+        "no data to be read!",
+        "No file present at",
+        "Invalid file size at",
+        "readFlash error",
+        "Sensor is not ready",
+        "Sensor serial not readable",
+        "Sensor size not readable",
+        "SPI r/w error",
+    };
+    if (text.startsWith(QLatin1String("[red")))
+        return true;
+    for (const char* start : kUncoloured)
+        if (text.startsWith(QLatin1String(start)))
+            return true;
+    return false;
+}
+
+PluginHost::PluginHost(Console& console, bool verbose, Transcript* transcript)
     : console_(console)
     , verbose_(verbose)
+    , transcript_(transcript)
     , context_(new QObject)
 {
 }
@@ -71,19 +104,24 @@ void PluginHost::connectFamily()
 {
     QObject* context = context_.get();
     QObject::connect(family_, &QVeltraHardwareFamily::statusChanged, context, [this](hardwareStatus status) {
+        observations_.familyStatuses.append(status);
         console_.out(statusLine(status));
+        if (transcript_)
+            transcript_->record(QStringLiteral("status"), statusFields(status));
         connectUnits();
     });
-    QObject::connect(family_, &QVeltraHardwareFamily::gotoStatusRejected, context,
-        [this] { console_.out(QStringLiteral("rejected")); });
-    QObject::connect(family_, &QVeltraHardwareFamily::logText, context,
-        [this](const QString& text) { console_.log(text); });
-    QObject::connect(family_, &QVeltraHardwareFamily::logAdvancedText, context, [this](const QString& text) {
-        if (verbose_)
-            console_.log(text);
+    QObject::connect(family_, &QVeltraHardwareFamily::gotoStatusRejected, context, [this] {
+        ++observations_.rejected;
+        console_.out(QStringLiteral("rejected"));
+        if (transcript_)
+            transcript_->record(QStringLiteral("rejected"));
     });
+    QObject::connect(family_, &QVeltraHardwareFamily::logText, context,
+        [this](const QString& text) { logLine(text, false, nullptr); });
+    QObject::connect(family_, &QVeltraHardwareFamily::logAdvancedText, context,
+        [this](const QString& text) { logLine(text, true, nullptr); });
     QObject::connect(family_, &QVeltraHardwareFamily::dataRead, context,
-        [this](const QString& json) { console_.out(json); });
+        [this](const QString& json) { report(json, nullptr); });
 }
 
 void PluginHost::connectUnits()
@@ -103,17 +141,21 @@ void PluginHost::connectUnit(QVeltraHardwareUnit* unit)
     connected_.removeAll(QPointer<QVeltraHardwareUnit>());
     connected_.append(unit);
     QObject* context = context_.get();
-    QObject::connect(
-        unit, &QVeltraHardwareUnit::logText, context, [this](const QString& text) { console_.log(text); });
-    QObject::connect(unit, &QVeltraHardwareUnit::logAdvancedText, context, [this](const QString& text) {
-        if (verbose_)
-            console_.log(text);
-    });
-    QObject::connect(
-        unit, &QVeltraHardwareUnit::dataRead, context, [this](const QString& json) { console_.out(json); });
+    QObject::connect(unit, &QVeltraHardwareUnit::logText, context,
+        [this, unit](const QString& text) { logLine(text, false, unit); });
+    QObject::connect(unit, &QVeltraHardwareUnit::logAdvancedText, context,
+        [this, unit](const QString& text) { logLine(text, true, unit); });
+    QObject::connect(unit, &QVeltraHardwareUnit::dataRead, context,
+        [this, unit](const QString& json) { report(json, unit); });
     QObject::connect(unit, &QVeltraHardwareUnit::statusChanged, context, [this, unit](hardwareStatus status) {
+        observations_.unitStatus.insert(unit, status);
         if (verbose_)
             console_.out(QStringLiteral("unit %1 %2").arg(unitName(unit), statusLine(status)));
+        if (transcript_) {
+            QJsonObject fields = statusFields(status);
+            fields.insert(QStringLiteral("unit"), unitIndex(unit));
+            transcript_->record(QStringLiteral("unit-status"), fields);
+        }
     });
     QObject::connect(unit, &QVeltraHardwareUnit::imageAcquired, context,
         [this, unit](const QImage& image, const QString& description) {
@@ -125,15 +167,58 @@ void PluginHost::connectUnit(QVeltraHardwareUnit* unit)
         });
 }
 
+void PluginHost::logLine(const QString& text, bool detailed, const QVeltraHardwareUnit* unit)
+{
+    if (isFailureLine(text))
+        ++observations_.failureLines;
+    if (!detailed || verbose_)
+        console_.log(text);
+    if (transcript_) {
+        QJsonObject fields { { QStringLiteral("channel"), detailed ? "detail" : "log" },
+            { QStringLiteral("text"), text } };
+        if (unit)
+            fields.insert(QStringLiteral("unit"), unitIndex(unit));
+        transcript_->record(QStringLiteral("log"), fields);
+    }
+}
+
+void PluginHost::report(const QString& json, const QVeltraHardwareUnit* unit)
+{
+    observations_.reports.append(json);
+    console_.out(json);
+    if (!transcript_)
+        return;
+    QJsonObject fields;
+    const QJsonDocument document = QJsonDocument::fromJson(json.toUtf8());
+    if (document.isObject())
+        fields.insert(QStringLiteral("report"), document.object());
+    else
+        fields.insert(QStringLiteral("text"), json);
+    if (unit)
+        fields.insert(QStringLiteral("unit"), unitIndex(unit));
+    transcript_->record(QStringLiteral("report"), fields);
+}
+
 void PluginHost::printImage(
     QVeltraHardwareUnit* unit, const QImage& image, const QImage& black, const QString& description)
 {
+    ++observations_.images[unit];
     QString line = QStringLiteral("image unit %1 %2").arg(unitName(unit), sizeText(image));
     if (!black.isNull())
         line += QStringLiteral(" black %1").arg(sizeText(black));
     console_.out(line);
     if (verbose_)
         console_.out(description);
+    if (transcript_) {
+        QJsonObject fields { { QStringLiteral("unit"), unitIndex(unit) },
+            { QStringLiteral("width"), image.width() }, { QStringLiteral("height"), image.height() },
+            { QStringLiteral("description"), description } };
+        if (!black.isNull())
+            fields.insert(QStringLiteral("black"),
+                QJsonObject { { QStringLiteral("width"), black.width() },
+                    { QStringLiteral("height"), black.height() } });
+        transcript_->record(QStringLiteral("image"), fields);
+    }
     if (onImage)
         onImage(unit, image, black, description);
 }
@@ -149,7 +234,6 @@ int PluginHost::unitIndex(const QVeltraHardwareUnit* unit) const
     return -1;
 }
 
-// A unit is named by its index and, once known, its board serial.
 QString PluginHost::unitName(const QVeltraHardwareUnit* unit) const
 {
     const QString index = QString::number(unitIndex(unit));
@@ -159,12 +243,25 @@ QString PluginHost::unitName(const QVeltraHardwareUnit* unit) const
 
 void PluginHost::settle(int milliseconds)
 {
+    waitUntil([] { return false; }, milliseconds);
+}
+
+bool PluginHost::waitUntil(const std::function<bool()>& done, int timeoutMs)
+{
     QElapsedTimer timer;
     timer.start();
-    do {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    // A tick keeps the wait below from sleeping past the time-out when the
+    // plug-in has nothing queued.
+    QTimer tick;
+    tick.start(5);
+    for (;;) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    } while (timer.elapsed() < milliseconds);
+        if (done())
+            return true;
+        if (timer.elapsed() >= timeoutMs)
+            return false;
+    }
 }
 
 } // namespace korux

@@ -1,12 +1,15 @@
 // The plug-in as korux hosts it: loaded with QLibrary, its factory called,
-// every framework signal of the family and of its units printed.
+// every framework signal of the family and of its units printed, counted for
+// the command that is running, and written to the transcript.
 #pragma once
 
+#include <QHash>
 #include <QImage>
 #include <QLibrary>
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 #include <functional>
@@ -17,9 +20,27 @@
 
 namespace korux {
 
+class Transcript;
+
+// What the plug-in said since the last clearObservations(): what a command's
+// outcome is judged by.
+struct Observations {
+    int rejected = 0;
+    int failureLines = 0; // log lines that tell of a failure, both channels
+    QStringList reports; // JSON reports (dataRead), family and units
+    QVector<hardwareStatus> familyStatuses;
+    // Last status each unit reported, and the images it delivered.
+    QHash<const QVeltraHardwareUnit*, hardwareStatus> unitStatus;
+    QHash<const QVeltraHardwareUnit*, int> images;
+};
+
+// True for the plug-in's log lines that report a failure: those it colours
+// red, and its uncoloured flash and sensor-information failures.
+bool isFailureLine(const QString& text);
+
 class PluginHost {
 public:
-    PluginHost(Console& console, bool verbose);
+    PluginHost(Console& console, bool verbose, Transcript* transcript = nullptr);
     ~PluginHost();
 
     PluginHost(const PluginHost&) = delete;
@@ -37,9 +58,17 @@ public:
     void connectUnits();
     // Position of the unit in the family's vector, -1 when it left it.
     int unitIndex(const QVeltraHardwareUnit* unit) const;
+    // The unit's index and, once known, its board serial: "0 (1904001)".
+    QString unitName(const QVeltraHardwareUnit* unit) const;
 
     // Lets queued calls, timers and deferred deletions run for a while.
     void settle(int milliseconds);
+    // Runs the event loop until done() holds or the time is up; false on
+    // time-out.
+    bool waitUntil(const std::function<bool()>& done, int timeoutMs);
+
+    const Observations& observations() const { return observations_; }
+    void clearObservations() { observations_ = Observations(); }
 
     // Called for each image a unit delivers (black is null for imageAcquired),
     // after korux has printed its line.
@@ -50,14 +79,17 @@ public:
 private:
     void connectFamily();
     void connectUnit(QVeltraHardwareUnit* unit);
-    QString unitName(const QVeltraHardwareUnit* unit) const;
+    void logLine(const QString& text, bool detailed, const QVeltraHardwareUnit* unit);
+    void report(const QString& json, const QVeltraHardwareUnit* unit);
     void printImage(
         QVeltraHardwareUnit* unit, const QImage& image, const QImage& black, const QString& description);
 
     Console& console_;
     bool verbose_;
+    Transcript* transcript_;
     QLibrary library_;
     QVeltraHardwareFamily* family_ = nullptr;
+    Observations observations_;
     // Receiver of every connection: they all go when the host does.
     std::unique_ptr<QObject> context_;
     QVector<QPointer<QVeltraHardwareUnit>> connected_;

@@ -15,6 +15,7 @@
 #include "tools/ExitCodes.h"
 #include "tools/Options.h"
 #include "tools/PluginHost.h"
+#include "tools/Transcript.h"
 
 using namespace korux;
 
@@ -67,20 +68,27 @@ int main(int argc, char** argv)
     const Command* command = findCommand(options.command);
     if (!command)
         return usageError(console, QStringLiteral("unknown command \"%1\"").arg(options.command));
-    const int count = options.arguments.size();
-    if (count < command->minimumArguments || count > command->maximumArguments)
+    CommandLine line;
+    if (!parseCommandLine(*command, options.arguments, &line, &error))
+        return usageError(console, error);
+    if (!options.serial.isEmpty() && !command->forOneUnit)
         return usageError(console,
-            QStringLiteral("wrong arguments for %1: korux %1 %2")
-                .arg(command->name, command->arguments)
-                .trimmed());
+            QStringLiteral("%1 acts on the whole family; --serial does not apply").arg(command->name));
 
     console.setColour(wantColour(options.color));
     if (options.timeScaleSet)
         setSleepTimeScale(options.timeScale);
 
-    Session session { options, console, nullptr };
+    Transcript transcript;
+    if (!options.transcript.isEmpty() && !transcript.open(options.transcript, &error)) {
+        console.error(QStringLiteral("korux: ") + error);
+        return kExitUsage;
+    }
+    Session session { options, console, nullptr, nullptr, QString(), false, 0, 0 };
+    if (transcript.isOpen())
+        session.transcript = &transcript;
     if (!command->needsPlugin)
-        return command->run(session, options.arguments);
+        return runCommand(session, *command, options.arguments, options.serial);
 
     // The bridge goes first: the plug-in's "libft4222.so" is bound to
     // whichever library of that name is loaded when the plug-in is.
@@ -93,7 +101,7 @@ int main(int argc, char** argv)
     const QString pluginPath = options.plugin.isEmpty()
         ? QDir::cleanPath(executableDirectory + QStringLiteral("/../lib/") + kPluginFile)
         : options.plugin;
-    PluginHost host(console, options.verbose);
+    PluginHost host(console, options.verbose, session.transcript);
     const int loadResult = host.load(pluginPath);
     if (loadResult != kExitOk)
         return loadResult;
@@ -106,5 +114,5 @@ int main(int argc, char** argv)
         host.family()->setDirectory(QDir(options.directory));
 
     session.host = &host;
-    return command->run(session, options.arguments);
+    return runCommand(session, *command, options.arguments, options.serial);
 }

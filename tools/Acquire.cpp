@@ -1,0 +1,194 @@
+// korux acquire: from whatever status the family is in to an armed family,
+// then the exposure followed live until every unit has delivered its image,
+// written as 16-bit grey-scale PNG files with the description beside them.
+#include <QDir>
+#include <QImage>
+#include <QImageWriter>
+
+#include "tools/ExitCodes.h"
+#include "tools/FamilyControl.h"
+
+namespace korux {
+
+namespace {
+
+constexpr double kDefaultTimeoutSeconds = 60;
+
+// Statuses that end a unit's part of one shot.
+bool shotEnded(hardwareStatus status)
+{
+    return status == statusAcquired || status == statusError || status == statusStopped
+        || status == statusAborted;
+}
+
+// Brings the family to a status that accepts arming (statusReady,
+// statusFpgaUpdated, statusNoOpEnd or statusArmed), going the ways the
+// status cycle allows. The FPGA check on the way from statusSensorFound also
+// sets the sensor's ports up for arming.
+int prepareArming(Session& session)
+{
+    for (int step = 0; step < 3; ++step) {
+        const hardwareStatus status = session.host->family()->status();
+        int result = kExitOk;
+        switch (status) {
+        case statusReady:
+        case statusFpgaUpdated:
+        case statusNoOpEnd:
+        case statusArmed:
+            return kExitOk;
+        case statusAcquired:
+            result = cycleExit(session, sendFamilyCommand(session, statusEnumerating), { statusReady });
+            break;
+        case statusSensorFound:
+            result = cycleExit(session, sendFamilyCommand(session, statusFpgaUpdating), { statusFpgaUpdated });
+            break;
+        case statusAborted:
+        case statusStopped:
+        case statusError:
+            // The units are still set up from their last arming; a new
+            // enumeration would give them up with their ports open.
+            result = cycleExit(session, sendFamilyCommand(session, statusNoOpBegin), { statusNoOpEnd });
+            break;
+        case statusUnknown:
+        case statusInitialized:
+        case statusNoSensor:
+        case statusSensorLost:
+        case statusWarning:
+        case statusCalibrated:
+            result = cycleExit(session, sendFamilyCommand(session, statusEnumerating), { statusSensorFound });
+            break;
+        default:
+            session.console.error(
+                QStringLiteral("korux: the family is busy (%1); try again once it is done").arg(statusText(status)));
+            return kExitFailure;
+        }
+        if (result != kExitOk)
+            return result;
+    }
+    return kExitFailure;
+}
+
+bool writePng(Session& session, const QImage& image, const QString& path)
+{
+    const QImage grey =
+        image.format() == QImage::Format_Grayscale16 ? image : image.convertToFormat(QImage::Format_Grayscale16);
+    QImageWriter writer(path, "png");
+    if (!writer.write(grey)) {
+        session.console.error(QStringLiteral("korux: cannot write %1: %2").arg(path, writer.errorString()));
+        return false;
+    }
+    session.console.out(QStringLiteral("wrote %1").arg(path));
+    return true;
+}
+
+bool writeText(Session& session, const QString& text, const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(text.toUtf8()) < 0) {
+        session.console.error(QStringLiteral("korux: cannot write %1: %2").arg(path, file.errorString()));
+        return false;
+    }
+    session.console.out(QStringLiteral("wrote %1").arg(path));
+    return true;
+}
+
+// Files of one image: <board serial>-<shot>.png, -black.png and .txt.
+bool writeShot(Session& session, const QDir& directory, QVeltraHardwareUnit* unit, const QImage& image,
+    const QImage& black, const QString& description)
+{
+    const QString board = unit->boardSerial();
+    const QString name = board.isEmpty() ? QStringLiteral("unit%1").arg(session.host->unitIndex(unit)) : board;
+    const QString stem = directory.filePath(QStringLiteral("%1-%2").arg(name).arg(session.shots, 3, 10, QLatin1Char('0')));
+    bool written = true;
+    if (!image.isNull())
+        written = writePng(session, image, stem + QStringLiteral(".png")) && written;
+    if (!black.isNull())
+        written = writePng(session, black, stem + QStringLiteral("-black.png")) && written;
+    return writeText(session, description, stem + QStringLiteral(".txt")) && written;
+}
+
+// One shot: arm, wait for every unit, stop on time-out.
+int shoot(Session& session, const QDir& directory, int timeoutMs)
+{
+    PluginHost& host = *session.host;
+    ++session.shots;
+    bool filesWritten = true;
+    host.onImage = [&](QVeltraHardwareUnit* unit, const QImage& image, const QImage& black,
+                       const QString& description) {
+        filesWritten = writeShot(session, directory, unit, image, black, description) && filesWritten;
+    };
+    const Outcome armed = sendFamilyCommand(session, statusArming);
+    int result = kExitOk;
+    if (armed.rejected || armed.status == statusError) {
+        result = cycleExit(session, armed, {});
+    } else {
+        const QVector<QVeltraHardwareUnit*> units = host.family()->hardwareUnitVector();
+        const bool ended = host.waitUntil(
+            [&] {
+                for (const QVeltraHardwareUnit* unit : units)
+                    if (!shotEnded(host.observations().unitStatus.value(unit, statusUnknown)))
+                        return false;
+                return true;
+            },
+            timeoutMs);
+        if (!ended) {
+            session.console.error(QStringLiteral("korux: no image within %1 s; stopping").arg(timeoutMs / 1000.0));
+            if (host.family()->status() == statusArmed) {
+                sendFamilyCommand(session, statusStopping);
+                waitForUnitsToStop(session, timeoutMs);
+            }
+            result = kExitTimeout;
+        } else {
+            for (const QVeltraHardwareUnit* unit : units) {
+                if (host.observations().images.value(unit) == 0) {
+                    session.console.error(
+                        QStringLiteral("korux: unit %1 delivered no image").arg(host.unitName(unit)));
+                    result = kExitFailure;
+                }
+            }
+        }
+    }
+    host.onImage = nullptr;
+    if (result == kExitOk && !filesWritten)
+        result = kExitFailure;
+    return result;
+}
+
+} // namespace
+
+int runAcquire(Session& session, const CommandLine& line)
+{
+    bool ok = true;
+    const int count = line.value(QStringLiteral("--count"), QStringLiteral("1")).toInt(&ok);
+    if (!ok || count < 1) {
+        session.console.error(QStringLiteral("korux: acquire --count takes a number of 1 or more"));
+        return kExitUsage;
+    }
+    const double timeout =
+        line.value(QStringLiteral("--timeout"), QString::number(kDefaultTimeoutSeconds)).toDouble(&ok);
+    if (!ok || timeout <= 0) {
+        session.console.error(QStringLiteral("korux: acquire --timeout takes a number of seconds above 0"));
+        return kExitUsage;
+    }
+    const QDir directory(line.value(QStringLiteral("--out"), QStringLiteral(".")));
+    if (!directory.mkpath(QStringLiteral("."))) {
+        session.console.error(QStringLiteral("korux: cannot create %1").arg(directory.path()));
+        return kExitFailure;
+    }
+    const int ready = requireUnits(session);
+    if (ready != kExitOk)
+        return ready;
+    if (line.has(QStringLiteral("--oscilloscope")))
+        session.host->family()->setParameter(QStringLiteral("Oscilloscope"), true);
+
+    for (int shot = 0; shot < count; ++shot) {
+        int result = prepareArming(session);
+        if (result == kExitOk)
+            result = shoot(session, directory, int(timeout * 1000));
+        if (result != kExitOk)
+            return result;
+    }
+    return kExitOk;
+}
+
+} // namespace korux

@@ -1,0 +1,545 @@
+// The commands that map onto one host command each: the acquisition cycle
+// (1, 6, 11, 13, 18, 20) and the service commands (1000 to 3001).
+#include <QDir>
+#include <QMetaObject>
+#include <QRegularExpression>
+
+#include "tools/ExitCodes.h"
+#include "tools/FamilyControl.h"
+
+namespace korux {
+
+namespace {
+
+// Time given to queued calls and deferred deletions after a command.
+constexpr int kSettleMs = 50;
+// How long the units may take to end a stop's dummy integration.
+constexpr int kStopTimeoutMs = 5000;
+
+constexpr hardwareStatus kFlashFilesCommand = commandReadFlashFiles;
+
+QString orDash(const QString& text)
+{
+    return text.isEmpty() ? QStringLiteral("-") : text;
+}
+
+// The unit operations a --serial command goes to, or every unit.
+QVector<QVeltraHardwareUnit*> targetUnits(Session& session)
+{
+    if (session.serial.isEmpty())
+        return session.host->family()->hardwareUnitVector();
+    QVeltraHardwareUnit* unit = findUnit(session, session.serial);
+    return unit ? QVector<QVeltraHardwareUnit*> { unit } : QVector<QVeltraHardwareUnit*> {};
+}
+
+int noUnitWithSerial(Session& session)
+{
+    session.console.error(QStringLiteral("korux: no unit with the serial %1").arg(session.serial));
+    return kExitNoSensor;
+}
+
+int serviceCommand(Session& session, hardwareStatus command, bool reports)
+{
+    const int ready = requireUnits(session);
+    if (ready != kExitOk)
+        return ready;
+    return serviceExit(session, sendUnitCommand(session, command), reports);
+}
+
+// The counter, page and format commands work on port C as the last command
+// left it: they neither open nor set it up. Reading the serial numbers does
+// both (as the unit search of a --serial command does anyway).
+void openFlashPorts(Session& session)
+{
+    if (session.serial.isEmpty())
+        sendFamilyCommand(session, commandReadSerialNumber);
+}
+
+int flashServiceCommand(Session& session, hardwareStatus command, bool reports)
+{
+    const int ready = requireUnits(session);
+    if (ready != kExitOk)
+        return ready;
+    openFlashPorts(session);
+    return serviceExit(session, sendUnitCommand(session, command), reports);
+}
+
+int stopCommand(Session& session, hardwareStatus command, hardwareStatus final)
+{
+    const int ready = ensureFamily(session);
+    if (ready != kExitOk)
+        return ready;
+    const Outcome outcome = sendFamilyCommand(session, command);
+    if (outcome.rejected)
+        return cycleExit(session, outcome, {});
+    if (!waitForUnitsToStop(session, kStopTimeoutMs)) {
+        session.console.error(QStringLiteral("korux: the units did not stop within %1 s").arg(kStopTimeoutMs / 1000));
+        return kExitTimeout;
+    }
+    return cycleExit(session, outcome, { final });
+}
+
+// A hardwareStatus by number or by its name ("statusArming", "commandArm",
+// or without the prefix: "Arming").
+bool parseStatus(const QString& text, hardwareStatus* status)
+{
+    bool ok = false;
+    const int number = text.toInt(&ok, 0);
+    if (ok) {
+        *status = hardwareStatus(number);
+        return true;
+    }
+    auto matches = [&](int value) {
+        const QString name = QVeltraHardwareUnit::hardwareStatusToString(hardwareStatus(value));
+        return name == text || name == QStringLiteral("status") + text || name == QStringLiteral("command") + text;
+    };
+    for (int value = 0; value <= 3001; ++value) {
+        if (matches(value)) {
+            *status = hardwareStatus(value);
+            return true;
+        }
+    }
+    return false;
+}
+
+// A parameter value typed as the key's current value is, or, for a new key,
+// as the text reads: true/false, a whole number, a decimal one, else text.
+bool typedValue(const QVariant& current, const QString& text, bool forceString, QVariant* value)
+{
+    bool ok = true;
+    const int type = forceString ? int(QMetaType::QString)
+        : current.isValid()      ? current.userType()
+                                 : int(QMetaType::UnknownType);
+    switch (type) {
+    case QMetaType::QString:
+        *value = text;
+        return true;
+    case QMetaType::Bool: {
+        const QString lower = text.toLower();
+        if (lower == QLatin1String("true") || lower == QLatin1String("1") || lower == QLatin1String("yes"))
+            *value = true;
+        else if (lower == QLatin1String("false") || lower == QLatin1String("0") || lower == QLatin1String("no"))
+            *value = false;
+        else
+            return false;
+        return true;
+    }
+    case QMetaType::Int:
+        *value = text.toInt(&ok, 0);
+        return ok;
+    case QMetaType::UInt:
+        *value = text.toUInt(&ok, 0);
+        return ok;
+    case QMetaType::LongLong:
+        *value = text.toLongLong(&ok, 0);
+        return ok;
+    case QMetaType::Double:
+        *value = text.toDouble(&ok);
+        return ok;
+    case QMetaType::UnknownType:
+        break;
+    default:
+        *value = text;
+        return true;
+    }
+    if (text == QLatin1String("true") || text == QLatin1String("false")) {
+        *value = text == QLatin1String("true");
+        return true;
+    }
+    const int whole = text.toInt(&ok, 0);
+    if (ok) {
+        *value = whole;
+        return true;
+    }
+    const double decimal = text.toDouble(&ok);
+    *value = ok ? QVariant(decimal) : QVariant(text);
+    return true;
+}
+
+// The "ShootCounter" member of a counter report, wherever it sits.
+unsigned int reportedCounter(const QString& json)
+{
+    static const QRegularExpression member(QStringLiteral("\"ShootCounter\"\\s*:\\s*([0-9]+)"));
+    const QRegularExpressionMatch match = member.match(json);
+    return match.hasMatch() ? match.captured(1).toUInt() : 0;
+}
+
+} // namespace
+
+int ensureFamily(Session& session)
+{
+    if (session.familyInitialized)
+        return kExitOk;
+    session.familyInitialized = true;
+    QVeltraHardwareFamily* family = session.host->family();
+    const bool initialized = family->initializeVeltraHardwareFamily();
+    session.host->connectUnits();
+    session.host->settle(kSettleMs);
+    if (!initialized) {
+        session.console.error(QStringLiteral("korux: initializeVeltraHardwareFamily failed"));
+        return kExitFailure;
+    }
+    return kExitOk;
+}
+
+int requireUnits(Session& session)
+{
+    const int ready = ensureFamily(session);
+    if (ready != kExitOk)
+        return ready;
+    if (session.host->family()->hardwareUnitVector().isEmpty()) {
+        session.console.error(QStringLiteral("korux: no sensor found"));
+        return kExitNoSensor;
+    }
+    return kExitOk;
+}
+
+Outcome sendFamilyCommand(Session& session, hardwareStatus command)
+{
+    PluginHost& host = *session.host;
+    host.clearObservations();
+    host.family()->gotoStatus(command);
+    host.connectUnits();
+    host.settle(kSettleMs);
+    const Observations& seen = host.observations();
+    Outcome outcome;
+    outcome.rejected = seen.rejected > 0;
+    outcome.failureLines = seen.failureLines;
+    outcome.reports = seen.reports;
+    outcome.status = host.family()->status();
+    return outcome;
+}
+
+Outcome sendUnitCommand(Session& session, hardwareStatus command)
+{
+    if (session.serial.isEmpty())
+        return sendFamilyCommand(session, command);
+    PluginHost& host = *session.host;
+    host.clearObservations();
+    host.family()->gotoUnitStatus(session.serial, command);
+    host.settle(kSettleMs);
+    const Observations& seen = host.observations();
+    Outcome outcome;
+    outcome.failureLines = seen.failureLines;
+    outcome.reports = seen.reports;
+    outcome.status = host.family()->status();
+    return outcome;
+}
+
+int cycleExit(Session& session, const Outcome& outcome, std::initializer_list<hardwareStatus> expected)
+{
+    if (outcome.rejected) {
+        session.console.error(QStringLiteral("korux: the family refused the command in %1")
+                                  .arg(statusText(outcome.status)));
+        return kExitRejected;
+    }
+    for (hardwareStatus status : expected)
+        if (outcome.status == status)
+            return outcome.failureLines > 0 ? kExitFailure : kExitOk;
+    if (outcome.status == statusNoSensor)
+        return kExitNoSensor;
+    return kExitFailure;
+}
+
+int serviceExit(Session& session, const Outcome& outcome, bool reports)
+{
+    const QVector<QVeltraHardwareUnit*>& units = session.host->family()->hardwareUnitVector();
+    if (!session.serial.isEmpty()) {
+        bool found = false;
+        for (const QVeltraHardwareUnit* unit : units)
+            found = found || unit->boardSerial() == session.serial;
+        if (!found)
+            return noUnitWithSerial(session);
+    }
+    if (outcome.failureLines > 0)
+        return kExitFailure;
+    const int wanted = session.serial.isEmpty() ? units.size() : 1;
+    if (reports && outcome.reports.size() < wanted) {
+        session.console.error(
+            QStringLiteral("korux: %1 of %2 reports came").arg(outcome.reports.size()).arg(wanted));
+        return kExitFailure;
+    }
+    return kExitOk;
+}
+
+QVeltraHardwareUnit* findUnit(Session& session, const QString& serial)
+{
+    auto search = [&]() -> QVeltraHardwareUnit* {
+        for (QVeltraHardwareUnit* unit : session.host->family()->hardwareUnitVector())
+            if (unit->boardSerial() == serial)
+                return unit;
+        return nullptr;
+    };
+    if (QVeltraHardwareUnit* unit = search())
+        return unit;
+    sendFamilyCommand(session, commandReadSerialNumber);
+    return search();
+}
+
+bool waitForUnitsToStop(Session& session, int timeoutMs)
+{
+    // A stopped unit runs a short dummy integration and ends its polling in
+    // statusStopping, or in statusStopped when the sensor was already off.
+    PluginHost& host = *session.host;
+    return host.waitUntil(
+        [&host] {
+            for (const QVeltraHardwareUnit* unit : host.family()->hardwareUnitVector()) {
+                const hardwareStatus status = host.observations().unitStatus.value(unit, statusUnknown);
+                if (status != statusStopping && status != statusStopped && status != statusError)
+                    return false;
+            }
+            return true;
+        },
+        timeoutMs);
+}
+
+QString statusText(hardwareStatus status)
+{
+    return QStringLiteral("%1 (%2)").arg(QVeltraHardwareUnit::hardwareStatusToString(status)).arg(int(status));
+}
+
+int runList(Session& session, const CommandLine&)
+{
+    const int ready = ensureFamily(session);
+    if (ready != kExitOk)
+        return ready;
+    QVeltraHardwareFamily* family = session.host->family();
+    const QVector<QVeltraHardwareUnit*>& units = family->hardwareUnitVector();
+    for (int i = 0; i < units.size(); ++i) {
+        const QVeltraHardwareUnit* unit = units.at(i);
+        session.console.out(QStringLiteral("unit %1 model %2 serial %3 board %4 status %5")
+                                .arg(i)
+                                .arg(orDash(unit->model()), orDash(unit->serial()),
+                                    orDash(unit->boardSerial()), statusText(unit->status())));
+    }
+    const QString name = family->codeName().isEmpty() ? family->sensorFamily() : family->codeName();
+    session.console.out(QStringLiteral("family %1: %2 unit%3, status %4")
+                            .arg(orDash(name))
+                            .arg(units.size())
+                            .arg(units.size() == 1 ? QString() : QStringLiteral("s"))
+                            .arg(statusText(family->status())));
+    switch (family->status()) {
+    case statusSensorFound:
+        return kExitOk;
+    case statusNoSensor:
+        return kExitNoSensor;
+    default:
+        return kExitFailure;
+    }
+}
+
+int runEnumerate(Session& session, const CommandLine&)
+{
+    const int ready = ensureFamily(session);
+    if (ready != kExitOk)
+        return ready;
+    const bool fromAcquired = session.host->family()->status() == statusAcquired;
+    const Outcome outcome = sendFamilyCommand(session, statusEnumerating);
+    return cycleExit(session, outcome, { fromAcquired ? statusReady : statusSensorFound });
+}
+
+int runNoop(Session& session, const CommandLine&)
+{
+    const int ready = ensureFamily(session);
+    if (ready != kExitOk)
+        return ready;
+    return cycleExit(session, sendFamilyCommand(session, statusNoOpBegin), { statusNoOpEnd });
+}
+
+int runFpgaUpdate(Session& session, const CommandLine&)
+{
+    const int ready = requireUnits(session);
+    if (ready != kExitOk)
+        return ready;
+    return cycleExit(session, sendFamilyCommand(session, statusFpgaUpdating), { statusFpgaUpdated });
+}
+
+int runArm(Session& session, const CommandLine& line)
+{
+    const int ready = requireUnits(session);
+    if (ready != kExitOk)
+        return ready;
+    if (line.has(QStringLiteral("--oscilloscope")))
+        session.host->family()->setParameter(QStringLiteral("Oscilloscope"), true);
+    return cycleExit(session, sendFamilyCommand(session, statusArming), { statusArmed });
+}
+
+int runStop(Session& session, const CommandLine&)
+{
+    return stopCommand(session, statusStopping, statusStopped);
+}
+
+int runAbort(Session& session, const CommandLine&)
+{
+    return stopCommand(session, statusAborted, statusAborted);
+}
+
+int runGoto(Session& session, const CommandLine& line)
+{
+    hardwareStatus command = statusUnknown;
+    if (!parseStatus(line.positional.first(), &command)) {
+        session.console.error(QStringLiteral("korux: \"%1\" is no hardwareStatus").arg(line.positional.first()));
+        return kExitUsage;
+    }
+    const int ready = ensureFamily(session);
+    if (ready != kExitOk)
+        return ready;
+    const Outcome outcome = sendUnitCommand(session, command);
+    if (outcome.rejected)
+        return cycleExit(session, outcome, {});
+    return serviceExit(session, outcome, false);
+}
+
+int runParams(Session& session, const CommandLine&)
+{
+    return serviceCommand(session, commandGetParameters, true);
+}
+
+int runVoltages(Session& session, const CommandLine&)
+{
+    return serviceCommand(session, commandGetVoltages, true);
+}
+
+int runSerial(Session& session, const CommandLine&)
+{
+    return serviceCommand(session, commandReadSerialNumber, true);
+}
+
+int runFlashFiles(Session& session, const CommandLine& line)
+{
+    // 1003: the four files, 1004: with the production files, 1005 and 1006:
+    // the same, replacing the copies already on disk.
+    int command = kFlashFilesCommand;
+    if (line.has(QStringLiteral("--all")))
+        command += 1;
+    if (line.has(QStringLiteral("--overwrite")))
+        command += 2;
+    const int result = serviceCommand(session, hardwareStatus(command), false);
+    if (result == kExitOk)
+        session.console.out(
+            QStringLiteral("files in %1").arg(session.host->family()->directory().absolutePath()));
+    return result;
+}
+
+int runCounter(Session& session, const CommandLine& line)
+{
+    const bool increase = line.has(QStringLiteral("--increase"));
+    const bool set = line.has(QStringLiteral("--set"));
+    if (increase && set) {
+        session.console.error(QStringLiteral("korux: counter takes --increase or --set, not both"));
+        return kExitUsage;
+    }
+    unsigned int value = 0;
+    if (set) {
+        bool ok = false;
+        value = line.value(QStringLiteral("--set")).toUInt(&ok, 0);
+        // All ones is the "last value plus one" request, not a value.
+        if (!ok || value == 0xFFFFFFFFu) {
+            session.console.error(QStringLiteral("korux: counter --set takes a number from 0 to 4294967294, not \"%1\"")
+                                      .arg(line.value(QStringLiteral("--set"))));
+            return kExitUsage;
+        }
+    }
+    const int ready = requireUnits(session);
+    if (ready != kExitOk)
+        return ready;
+    if (set)
+        sendFamilyCommand(session, commandReadSerialNumber);
+    if (increase || set) {
+        const QVector<QVeltraHardwareUnit*> units = targetUnits(session);
+        if (units.isEmpty())
+            return noUnitWithSerial(session);
+        for (QVeltraHardwareUnit* unit : units) {
+            if (increase) {
+                // The host command for one unit: its board serial names it.
+                if (unit->boardSerial().isEmpty())
+                    sendFamilyCommand(session, commandReadSerialNumber);
+                const QString previous = session.serial;
+                session.serial = unit->boardSerial();
+                const Outcome outcome = sendUnitCommand(session, commandIncreaseShootCounter);
+                session.serial = previous;
+                if (outcome.failureLines > 0)
+                    return kExitFailure;
+                continue;
+            }
+            bool written = false;
+            if (!QMetaObject::invokeMethod(unit, "setShootCounter", Qt::DirectConnection,
+                    Q_RETURN_ARG(bool, written), Q_ARG(unsigned int, value))) {
+                session.console.error(QStringLiteral("korux: this plug-in cannot set the shot counter"));
+                return kExitFailure;
+            }
+            session.host->settle(kSettleMs);
+            if (!written) {
+                session.console.error(
+                    QStringLiteral("korux: unit %1 did not take the counter").arg(session.host->unitName(unit)));
+                return kExitFailure;
+            }
+        }
+    }
+    if (!set)
+        return flashServiceCommand(session, commandGetShootCounter, true);
+    const Outcome outcome = sendUnitCommand(session, commandGetShootCounter);
+    const int result = serviceExit(session, outcome, true);
+    if (result != kExitOk)
+        return result;
+    for (const QString& report : outcome.reports) {
+        const unsigned int kept = reportedCounter(report);
+        if (kept != value) {
+            session.console.error(QStringLiteral("korux: the counter reads %1, not %2: it always reads the "
+                                                 "largest value written, so it can only be set upwards")
+                                      .arg(kept)
+                                      .arg(value));
+            return kExitFailure;
+        }
+    }
+    return kExitOk;
+}
+
+int runFormatFlash(Session& session, const CommandLine&)
+{
+    return flashServiceCommand(session, commandFormatFlash, false);
+}
+
+int runFlashPage(Session& session, const CommandLine& line)
+{
+    bool ok = false;
+    const uint address = line.positional.first().toUInt(&ok, 0);
+    if (!ok) {
+        session.console.error(
+            QStringLiteral("korux: flash-page takes an address (decimal or 0x...), not \"%1\"")
+                .arg(line.positional.first()));
+        return kExitUsage;
+    }
+    const int ready = requireUnits(session);
+    if (ready != kExitOk)
+        return ready;
+    session.host->family()->setParameter(QStringLiteral("FlashAddress"), int(address));
+    return flashServiceCommand(session, commandReadFlashPage, true);
+}
+
+int runReport(Session& session, const CommandLine&)
+{
+    const int ready = ensureFamily(session);
+    if (ready != kExitOk)
+        return ready;
+    const Outcome outcome = sendFamilyCommand(session, commandFamilyReport);
+    return outcome.reports.isEmpty() ? kExitFailure : kExitOk;
+}
+
+int runSet(Session& session, const CommandLine& line)
+{
+    const QString key = line.positional.at(0);
+    const QString text = line.positional.at(1);
+    QVeltraHardwareFamily* family = session.host->family();
+    QVariant value;
+    if (!typedValue(family->getParameter(key), text, line.has(QStringLiteral("--string")), &value)) {
+        session.console.error(QStringLiteral("korux: %1 is a %2; \"%3\" is not one")
+                                  .arg(key, QString::fromLatin1(family->getParameter(key).typeName()), text));
+        return kExitUsage;
+    }
+    family->setParameter(key, value);
+    session.console.out(QStringLiteral("%1 = %2 (%3)").arg(key, value.toString(), value.typeName()));
+    return kExitOk;
+}
+
+} // namespace korux

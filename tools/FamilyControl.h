@@ -1,0 +1,53 @@
+// Driving the family as a host does, shared by korux's commands: the
+// initialisation, the commands with what came of them, the waits.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <initializer_list>
+
+#include "host/VeltraXRayHardware.h"
+#include "tools/Commands.h"
+
+namespace korux {
+
+// What the plug-in did with one command.
+struct Outcome {
+    bool rejected = false;
+    int failureLines = 0;
+    QStringList reports;
+    hardwareStatus status = statusUnknown; // the family's, afterwards
+};
+
+// Initialises the family once per session, as a host does at start
+// (directory, names, enumeration). kExitOk or kExitFailure.
+int ensureFamily(Session& session);
+// ensureFamily, and at least one unit; says so and gives kExitNoSensor when
+// there is none.
+int requireUnits(Session& session);
+
+// gotoStatus(command), then lets queued signals run.
+Outcome sendFamilyCommand(Session& session, hardwareStatus command);
+// gotoUnitStatus(session.serial, command) when a serial is chosen, else
+// gotoStatus(command).
+Outcome sendUnitCommand(Session& session, hardwareStatus command);
+
+// Exit status of a cycle command: rejected, statusError, no sensor, or the
+// expected final status reached.
+int cycleExit(Session& session, const Outcome& outcome, std::initializer_list<hardwareStatus> expected);
+// Exit status of a service command: a failure logged, a report missing, or
+// (with --serial) no unit of that serial.
+int serviceExit(Session& session, const Outcome& outcome, bool reports);
+
+// The unit whose board serial is serial, reading the serial numbers first
+// when no unit knows it yet; null when none has it.
+QVeltraHardwareUnit* findUnit(Session& session, const QString& serial);
+
+// Waits, after a stop or abort command, until every unit has ended its
+// stopping; false on time-out.
+bool waitForUnitsToStop(Session& session, int timeoutMs);
+
+QString statusText(hardwareStatus status);
+
+} // namespace korux
