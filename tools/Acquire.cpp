@@ -23,9 +23,8 @@ bool shotEnded(hardwareStatus status)
 
 // Brings the family to a status that accepts arming (statusReady,
 // statusFpgaUpdated, statusNoOpEnd or statusArmed), going the ways the
-// status cycle allows. The FPGA check on the way from statusSensorFound also
-// sets the sensor's ports up for arming.
-int prepareArming(Session& session)
+// status cycle allows.
+int prepareStatus(Session& session)
 {
     for (int step = 0; step < 3; ++step) {
         const hardwareStatus status = session.host->family()->status();
@@ -66,6 +65,20 @@ int prepareArming(Session& session)
             return result;
     }
     return kExitFailure;
+}
+
+// Arming reads the sensor's status before it sets port A up, so it needs a
+// port A that an earlier operation left open and in SPI mode. An FPGA
+// programming and a flash-file copy close the ports; a voltage read opens
+// them and sets A and D up (and shows the supplies before the shot).
+int prepareArming(Session& session)
+{
+    const hardwareStatus status = session.host->family()->status();
+    const bool portsInUse = status == statusArmed || status == statusAcquired;
+    const int result = prepareStatus(session);
+    if (result == kExitOk && !portsInUse)
+        sendFamilyCommand(session, commandGetVoltages);
+    return result;
 }
 
 bool writePng(Session& session, const QImage& image, const QString& path)
@@ -182,7 +195,7 @@ int runAcquire(Session& session, const CommandLine& line)
         session.host->family()->setParameter(QStringLiteral("Oscilloscope"), true);
 
     for (int shot = 0; shot < count; ++shot) {
-        int result = prepareArming(session);
+        int result = shot == 0 ? prepareArming(session) : prepareStatus(session);
         if (result == kExitOk)
             result = shoot(session, directory, int(timeout * 1000));
         if (result != kExitOk)

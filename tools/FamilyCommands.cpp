@@ -156,6 +156,14 @@ bool typedValue(const QVariant& current, const QString& text, bool forceString, 
     return true;
 }
 
+int reportedFailure(Session& session)
+{
+    session.console.error(session.options.verbose
+            ? QStringLiteral("korux: the plug-in reported a failure")
+            : QStringLiteral("korux: the plug-in reported a failure (-v shows its detailed log)"));
+    return kExitFailure;
+}
+
 // The "ShootCounter" member of a counter report, wherever it sits.
 unsigned int reportedCounter(const QString& json)
 {
@@ -235,7 +243,7 @@ int cycleExit(Session& session, const Outcome& outcome, std::initializer_list<ha
     }
     for (hardwareStatus status : expected)
         if (outcome.status == status)
-            return outcome.failureLines > 0 ? kExitFailure : kExitOk;
+            return outcome.failureLines > 0 ? reportedFailure(session) : kExitOk;
     if (outcome.status == statusNoSensor)
         return kExitNoSensor;
     return kExitFailure;
@@ -252,7 +260,7 @@ int serviceExit(Session& session, const Outcome& outcome, bool reports)
             return noUnitWithSerial(session);
     }
     if (outcome.failureLines > 0)
-        return kExitFailure;
+        return reportedFailure(session);
     const int wanted = session.serial.isEmpty() ? units.size() : 1;
     if (reports && outcome.reports.size() < wanted) {
         session.console.error(

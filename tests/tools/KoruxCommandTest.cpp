@@ -12,74 +12,9 @@
 
 #include <gtest/gtest.h>
 
-// Output texts in failure messages.
-inline std::ostream& operator<<(std::ostream& os, const QString& text)
-{
-    return os << text.toStdString();
-}
+#include "tools/KoruxRunner.h"
 
-namespace {
-
-struct KoruxRun {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-QString buildDirectory()
-{
-    const QString fromEnvironment = qEnvironmentVariable("KORUX_BUILD_DIR");
-    if (!fromEnvironment.isEmpty())
-        return fromEnvironment;
-    return QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/.."));
-}
-
-QString koruxPath()
-{
-    return buildDirectory() + QStringLiteral("/bin/korux");
-}
-
-class Korux : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(QFile::exists(koruxPath())) << koruxPath().toStdString(); }
-
-    // Runs korux in a clean environment: no scenario, no library path that
-    // could put a bridge in front of the one the test chooses.
-    KoruxRun korux(const QStringList& arguments)
-    {
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.remove(QStringLiteral("KORUX_SCENARIO"));
-        environment.remove(QStringLiteral("LD_LIBRARY_PATH"));
-        environment.remove(QStringLiteral("LD_PRELOAD"));
-        QProcess process;
-        process.setProcessEnvironment(environment);
-        process.start(koruxPath(), arguments);
-        KoruxRun run;
-        if (!process.waitForFinished(60000)) {
-            process.kill();
-            process.waitForFinished();
-            ADD_FAILURE() << "korux did not finish";
-            return run;
-        }
-        run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        run.out = QString::fromUtf8(process.readAllStandardOutput());
-        run.err = QString::fromUtf8(process.readAllStandardError());
-        return run;
-    }
-
-    QString writeFile(const QString& name, const QByteArray& content)
-    {
-        const QString path = directory_.filePath(name);
-        QFile file(path);
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(content);
-        return path;
-    }
-
-    QString familyDirectory() const { return directory_.filePath(QStringLiteral("family")); }
-
-    QTemporaryDir directory_;
-};
+using namespace korux_test;
 
 TEST_F(Korux, HelpPrintsTheUsageAndSucceeds)
 {
@@ -251,5 +186,3 @@ TEST_F(Korux, DetailedLogOnlyWithVerbose)
     EXPECT_TRUE(verbose.out.startsWith(QStringLiteral("bridge "))) << verbose.out;
     EXPECT_TRUE(verbose.out.contains(QStringLiteral("(virtual)"))) << verbose.out;
 }
-
-} // namespace

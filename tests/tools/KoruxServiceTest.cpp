@@ -1,0 +1,215 @@
+// korux's service commands and single-command cycle steps on the virtual
+// bridge: reports, the unit chosen by --serial, typed parameters, exit
+// statuses.
+#include <QDir>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include "tools/KoruxRunner.h"
+
+using namespace korux_test;
+
+namespace {
+
+class KoruxService : public Korux {
+protected:
+    KoruxRun service(const QStringList& arguments, const QString& scenario = QString())
+    {
+        QStringList words { QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--time-scale"),
+            QStringLiteral("0") };
+        if (!scenario.isEmpty())
+            words << QStringLiteral("--scenario") << writeFile(QStringLiteral("scenario.json"), scenario.toUtf8());
+        return korux(words + arguments);
+    }
+
+    KoruxRun script(const QByteArray& text, const QString& scenario = QString())
+    {
+        return service({ QStringLiteral("run"), writeFile(QStringLiteral("script.korux"), text) }, scenario);
+    }
+};
+
+QStringList boardSerials(const QString& out)
+{
+    QStringList serials;
+    static const QRegularExpression member(QStringLiteral("\"serialNumber\": \"([0-9A-F]{16})\""));
+    auto matches = member.globalMatch(out);
+    while (matches.hasNext()) {
+        const QString serial = matches.next().captured(1);
+        if (!serials.contains(serial))
+            serials << serial;
+    }
+    return serials;
+}
+
+QVector<uint> counterValues(const QString& out)
+{
+    QVector<uint> values;
+    static const QRegularExpression member(QStringLiteral("\"ShootCounter\": (\\d+)"));
+    auto matches = member.globalMatch(out);
+    while (matches.hasNext())
+        values << matches.next().captured(1).toUInt();
+    return values;
+}
+
+} // namespace
+
+TEST_F(KoruxService, VoltagesReportEveryUnit)
+{
+    const KoruxRun run = service({ QStringLiteral("voltages") }, QStringLiteral(R"({"sensors": [{}, {}]})"));
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_EQ(run.out.count(QRegularExpression(QStringLiteral("\"KORUX-KORUX2 Series [0-9A-F]*\""))), 2)
+        << run.out;
+}
+
+TEST_F(KoruxService, SerialOptionChoosesOneUnit)
+{
+    const QString twoSensors = QStringLiteral(R"({"sensors": [{}, {}]})");
+    const QStringList serials = boardSerials(service({ QStringLiteral("serial") }, twoSensors).out);
+    ASSERT_EQ(serials.size(), 2);
+    const KoruxRun run = service({ QStringLiteral("--serial"), serials.at(1), QStringLiteral("voltages") }, twoSensors);
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("\"KORUX-KORUX2 Series %1\"").arg(serials.at(1)))) << run.out;
+    EXPECT_FALSE(run.out.contains(QStringLiteral("\"KORUX-KORUX2 Series %1\"").arg(serials.at(0)))) << run.out;
+}
+
+TEST_F(KoruxService, SerialInAnotherCaseMatchesNoUnit)
+{
+    const QStringList serials = boardSerials(service({ QStringLiteral("serial") }).out);
+    ASSERT_EQ(serials.size(), 1);
+    const KoruxRun run = service({ QStringLiteral("--serial"), serials.first().toLower(), QStringLiteral("params") });
+    EXPECT_EQ(run.exitCode, 3) << run.out << run.err;
+    EXPECT_TRUE(run.err.contains(QStringLiteral("korux: no unit with the serial %1").arg(serials.first().toLower())))
+        << run.err;
+}
+
+TEST_F(KoruxService, SerialDoesNotApplyToFamilyCommands)
+{
+    const KoruxRun run = service({ QStringLiteral("--serial"), QStringLiteral("X"), QStringLiteral("enumerate") });
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_TRUE(run.err.contains(QStringLiteral("enumerate acts on the whole family"))) << run.err;
+    EXPECT_FALSE(run.out.contains(QStringLiteral("status"))) << run.out;
+}
+
+TEST_F(KoruxService, CounterIncreaseAddsOne)
+{
+    const KoruxRun run = script("counter\ncounter --increase\n");
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    const QVector<uint> values = counterValues(run.out);
+    ASSERT_GE(values.size(), 2) << run.out;
+    EXPECT_EQ(values.first(), 1234u);
+    EXPECT_EQ(values.last(), 1235u);
+}
+
+TEST_F(KoruxService, CounterIsSetUpwardsOnly)
+{
+    const KoruxRun up = service({ QStringLiteral("counter"), QStringLiteral("--set"), QStringLiteral("5000") });
+    EXPECT_EQ(up.exitCode, 0) << up.out << up.err;
+    EXPECT_EQ(counterValues(up.out).value(counterValues(up.out).size() - 1), 5000u) << up.out;
+
+    const KoruxRun down = service({ QStringLiteral("counter"), QStringLiteral("--set"), QStringLiteral("77") });
+    EXPECT_EQ(down.exitCode, 1);
+    EXPECT_TRUE(down.err.contains(QStringLiteral("the counter reads 1234, not 77"))) << down.err;
+}
+
+TEST_F(KoruxService, CounterIncreaseAndSetTogetherIsAUsageError)
+{
+    const KoruxRun run = service(
+        { QStringLiteral("counter"), QStringLiteral("--increase"), QStringLiteral("--set"), QStringLiteral("9") });
+    EXPECT_EQ(run.exitCode, 2);
+}
+
+TEST_F(KoruxService, FlashFilesLandInTheFamilyDirectory)
+{
+    const KoruxRun run = service({ QStringLiteral("flash-files"), QStringLiteral("--all") });
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("files in %1").arg(QDir(familyDirectory()).absolutePath())))
+        << run.out;
+    QStringList suffixes;
+    for (const QFileInfo& file : QDir(familyDirectory()).entryInfoList(QDir::Files))
+        suffixes << file.suffix();
+    suffixes.sort();
+    EXPECT_EQ(suffixes, (QStringList { "ASS", "BLK", "BTS", "DPL", "FFC", "PRD" }));
+}
+
+TEST_F(KoruxService, FlashPageReportsTheAddressAsked)
+{
+    const KoruxRun run = service({ QStringLiteral("flash-page"), QStringLiteral("0x1000") });
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("\"address\": 4096"))) << run.out;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("\"flashPage\": \""))) << run.out;
+
+    const KoruxRun bad = service({ QStringLiteral("flash-page"), QStringLiteral("page") });
+    EXPECT_EQ(bad.exitCode, 2);
+}
+
+TEST_F(KoruxService, FormatFlashFailureIsReported)
+{
+    // The chip erase is sent only when write enable fails: on a working
+    // sensor the plug-in reports that it could not format.
+    const KoruxRun run = service({ QStringLiteral("format-flash") });
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_TRUE(run.err.contains(QStringLiteral("korux: the plug-in reported a failure"))) << run.err;
+}
+
+TEST_F(KoruxService, SetIsTypedAsTheDefaults)
+{
+    const KoruxRun run = script("set Oscilloscope true\nset ACEValue 0x10\nset --string X 12\nset Y 3\nreport\n");
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("\"Oscilloscope\": true"))) << run.out;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("\"ACEValue\": 16"))) << run.out;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("\"X\": \"12\""))) << run.out;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("\"Y\": 3"))) << run.out;
+}
+
+TEST_F(KoruxService, SetRefusesAValueOfAnotherType)
+{
+    const KoruxRun run = service({ QStringLiteral("set"), QStringLiteral("PhdTreshold"), QStringLiteral("high") });
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_TRUE(run.err.contains(QStringLiteral("PhdTreshold is a int"))) << run.err;
+}
+
+TEST_F(KoruxService, NoSensorHasItsOwnExitStatus)
+{
+    const KoruxRun run = service({ QStringLiteral("voltages") }, QStringLiteral(R"({"sensors": []})"));
+    EXPECT_EQ(run.exitCode, 3);
+    EXPECT_TRUE(run.err.contains(QStringLiteral("korux: no sensor found"))) << run.err;
+}
+
+TEST_F(KoruxService, ArmingRightAfterTheEnumerationIsRefused)
+{
+    const KoruxRun run = service({ QStringLiteral("arm") });
+    EXPECT_EQ(run.exitCode, 5);
+    EXPECT_TRUE(run.out.endsWith(QStringLiteral("status statusSensorFound (4)\nrejected\n"))) << run.out;
+    EXPECT_TRUE(run.err.contains(QStringLiteral("refused the command in statusSensorFound (4)"))) << run.err;
+}
+
+TEST_F(KoruxService, GotoTakesANumberOrAName)
+{
+    const KoruxRun byName = service({ QStringLiteral("goto"), QStringLiteral("NoOpBegin") });
+    EXPECT_EQ(byName.exitCode, 0) << byName.err;
+    EXPECT_TRUE(byName.out.endsWith(QStringLiteral("status statusNoOpBegin (13)\nstatus statusNoOpEnd (14)\n")))
+        << byName.out;
+    const KoruxRun byNumber = service({ QStringLiteral("goto"), QStringLiteral("1010") });
+    EXPECT_EQ(byNumber.exitCode, 0) << byNumber.err;
+    EXPECT_TRUE(byNumber.out.contains(QStringLiteral("\"PhdTreshold\": 440"))) << byNumber.out;
+    const KoruxRun unknown = service({ QStringLiteral("goto"), QStringLiteral("Dancing") });
+    EXPECT_EQ(unknown.exitCode, 2);
+}
+
+TEST_F(KoruxService, ArmThenStopEndsStopped)
+{
+    const KoruxRun run = script("fpga-update\narm\nstop\n");
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_TRUE(inOrder(run.out, { "status statusStopping (18)\n", "status statusStopped (19)\n" }))
+        << run.out;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("[orange]Stopping\n"))) << run.out;
+}
+
+TEST_F(KoruxService, ArmThenAbortEndsAborted)
+{
+    const KoruxRun run = script("fpga-update\narm\nabort\n");
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_TRUE(inOrder(run.out, { "status statusStopping (18)\n", "status statusAborted (6)\n" }))
+        << run.out;
+}
