@@ -5,7 +5,7 @@
 KORUX_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # The build tree; KORUX_BUILD overrides it (for example to keep a second one).
 KORUX_BUILD=${KORUX_BUILD:-$KORUX_ROOT/build}
-KORUX_PACKAGES=(cmake ninja-build g++ qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev pkg-config)
+KORUX_PACKAGES=(cmake ninja-build g++ qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev pkg-config valgrind)
 
 korux_say() {
     printf '==> %s\n' "$*"
@@ -46,6 +46,10 @@ korux_install_dependencies() {
     apt-get install -y --no-install-recommends "${missing[@]}" </dev/null
 }
 
+# Extra cache settings for the configure step (scripts/test --sanitize adds
+# the sanitizer switch).
+KORUX_CMAKE_ARGS=(${KORUX_CMAKE_ARGS[@]+"${KORUX_CMAKE_ARGS[@]}"})
+
 korux_configure() {
     local cache=$KORUX_BUILD/CMakeCache.txt
     if [[ -f "$cache" ]] && ! grep -q '^CMAKE_GENERATOR:INTERNAL=Ninja$' "$cache"; then
@@ -54,7 +58,8 @@ korux_configure() {
         exit 1
     fi
     korux_say "configuring $KORUX_BUILD"
-    cmake -S "$KORUX_ROOT" -B "$KORUX_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+    cmake -S "$KORUX_ROOT" -B "$KORUX_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        ${KORUX_CMAKE_ARGS[@]+"${KORUX_CMAKE_ARGS[@]}"}
 }
 
 korux_build() {

@@ -11,6 +11,7 @@
 #include <QPointer>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <QVector>
 
 #include <functional>
@@ -147,10 +148,14 @@ public:
     {
         QElapsedTimer timer;
         timer.start();
+        // Sleeps until the next event instead of spinning; the tick bounds
+        // the sleep when nothing else is due.
+        QTimer tick;
+        tick.start(2);
         while (!done()) {
             if (timer.elapsed() > timeoutMs)
                 return false;
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+            QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
         }
         return true;
     }
