@@ -29,7 +29,8 @@ options:
                                 <korux dir>/../lib/libVeltraXRayKORUX.so)
   --dir DIR                     the family's directory for the files copied from flash
                                 (default: the per-user data directory)
-  --serial SERIAL               the unit (board serial, as list shows it) a * command is for
+  --serial SERIAL               the unit a * command is for, by its board serial (korux serial
+                                prints it)
   --transcript FILE             write every signal and command as JSON lines to FILE
   --color auto|always|never     render the log lines' style tags as colours (auto: on a
                                 terminal, unless NO_COLOR is set)

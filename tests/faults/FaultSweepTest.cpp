@@ -28,12 +28,14 @@ constexpr int kSettleTimeoutMs = 4000;
 enum class Fault { None, FailingCall, Unplug };
 
 // The exposure starts with the arming and is still running at the first
-// polling tick, so the sequence goes through every polling state quickly.
+// polling tick (100 ms, with 200 ms to spare for a busy machine); the second
+// tick finds the image ready, so the sequence passes every polling state in
+// two ticks.
 vbridge::SensorConfig sweepSensor()
 {
     vbridge::SensorConfig config;
     config.exposure.delayMs = 0;
-    config.exposure.durationMs = 150;
+    config.exposure.durationMs = 300;
     config.readoutMs = 0;
     return config;
 }

@@ -1,0 +1,114 @@
+// Long runs: hundreds of acquisitions in one process, on one sensor and on
+// four at once. Every shot delivered, the shot counter up by exactly the
+// number delivered, and no memory growth once the process has warmed up.
+// Labelled "soak": scripts/test --soak runs these alone.
+#include <QImage>
+
+#include <cstdio>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "flash/FlashProtocol.h"
+#include "support/PluginHarness.h"
+
+using testing_support::PluginHarness;
+
+namespace {
+
+constexpr int kWarmUpShots = 50;
+constexpr long kGrowthLimitBytes = 2L * 1024 * 1024;
+
+long residentBytes()
+{
+    long pages = 0;
+    long resident = 0;
+    FILE* statm = std::fopen("/proc/self/statm", "r");
+    if (!statm)
+        return -1;
+    if (std::fscanf(statm, "%ld %ld", &pages, &resident) != 2)
+        resident = -1;
+    std::fclose(statm);
+    return resident < 0 ? -1 : resident * sysconf(_SC_PAGESIZE);
+}
+
+uint32_t storedCounter(int sensor)
+{
+    const std::vector<uint8_t> area =
+        PluginHarness::bridge().flashContents(sensor, korux::kShootCounterAddress, korux::kShootCounterAreaSize);
+    return korux::scanShootCounter(area.data()).value;
+}
+
+// The exposure starts with the arming and runs over the first polling tick
+// (100 ms, with 200 ms to spare for a busy machine); the second tick finds the
+// image ready, so a shot takes two ticks.
+vbridge::SensorConfig soakSensor()
+{
+    vbridge::SensorConfig config;
+    config.exposure.delayMs = 0;
+    config.exposure.durationMs = 300;
+    config.readoutMs = 0;
+    return config;
+}
+
+void soak(int sensors, int shots)
+{
+    PluginHarness host;
+    host.bridge().setTraceEnabled(false);
+    for (int i = 0; i < sensors; ++i)
+        host.bridge().addSensor(soakSensor());
+    ASSERT_TRUE(host.initialize());
+    ASSERT_EQ(host.unitCount(), sensors);
+    std::vector<uint32_t> before;
+    for (int i = 0; i < sensors; ++i)
+        before.push_back(storedCounter(i));
+
+    host.family().gotoStatus(statusFpgaUpdating);
+    ASSERT_EQ(host.family().status(), statusFpgaUpdated);
+    int delivered = 0;
+    long warm = 0;
+    for (int shot = 1; shot <= shots; ++shot) {
+        host.seen().clear();
+        if (host.family().status() == statusAcquired)
+            host.family().gotoStatus(statusEnumerating);
+        host.family().gotoStatus(statusArming);
+        ASSERT_EQ(host.family().status(), statusArmed) << "shot " << shot;
+        ASSERT_TRUE(host.runUntil(
+            [&] {
+                for (int i = 0; i < sensors; ++i)
+                    if (host.unit(i)->status() != statusAcquired)
+                        return false;
+                return true;
+            },
+            5000))
+            << "shot " << shot;
+        for (const auto& image : host.seen().images)
+            delivered += image.image.isNull() ? 0 : 1;
+        ASSERT_EQ(host.seen().images.size(), static_cast<size_t>(sensors)) << "shot " << shot;
+        if (shot == kWarmUpShots)
+            warm = residentBytes();
+    }
+    host.seen().clear();
+    const long last = residentBytes();
+
+    EXPECT_EQ(delivered, sensors * shots);
+    for (int i = 0; i < sensors; ++i)
+        EXPECT_EQ(storedCounter(i), before[i] + static_cast<uint32_t>(shots)) << "sensor " << i;
+    ASSERT_GT(warm, 0);
+    EXPECT_LT(last - warm, kGrowthLimitBytes) << "resident " << warm << " bytes after shot " << kWarmUpShots
+                                               << ", " << last << " after the last";
+    std::printf("resident memory: %ld KiB after shot %d, %ld KiB after shot %d\n", warm / 1024, kWarmUpShots,
+        last / 1024, shots);
+}
+
+} // namespace
+
+TEST(Soak, FiveHundredShotsOnOneSensor)
+{
+    soak(1, 500);
+}
+
+TEST(Soak, HundredShotsOnFourSensorsAtOnce)
+{
+    soak(4, 100);
+}
