@@ -29,7 +29,6 @@ struct HandleRecord {
     int sensor = -1; // -1: a foreign device
     int port = 0; // port of the sensor, or index of the foreign device
     uint64_t generation = 0;
-    bool closed = false;
 };
 
 struct CallFault {

@@ -78,7 +78,7 @@ public:
     uint32_t identify(FT_HANDLE handle, Api api)
     {
         const auto it = bridge_.handles.find(reinterpret_cast<uintptr_t>(handle));
-        if (!handle || it == bridge_.handles.end() || it->second.closed)
+        if (!handle || it == bridge_.handles.end())
             return api == Api::D2xx ? static_cast<uint32_t>(FT_INVALID_HANDLE)
                                     : static_cast<uint32_t>(FT4222_INVALID_HANDLE);
         record_ = &it->second;
@@ -296,14 +296,14 @@ FT_STATUS WINAPI FT_OpenEx(void* arg, DWORD flags, FT_HANDLE* handle)
         interface.handle = bridge.newHandle();
         interface.port.clear();
         bridge.handles[interface.handle]
-            = HandleRecord { target.sensor, target.port, sensor.generation, false };
+            = HandleRecord { target.sensor, target.port, sensor.generation };
         *handle = reinterpret_cast<FT_HANDLE>(interface.handle);
     } else {
         ForeignInterface& device = bridge.foreign[static_cast<size_t>(target.port)];
         if (device.handle)
             return call.finish(FT_DEVICE_NOT_OPENED);
         device.handle = bridge.newHandle();
-        bridge.handles[device.handle] = HandleRecord { -1, target.port, 0, false };
+        bridge.handles[device.handle] = HandleRecord { -1, target.port, 0 };
         *handle = reinterpret_cast<FT_HANDLE>(device.handle);
     }
     return call.finish(FT_OK);
@@ -348,14 +348,16 @@ FT_STATUS WINAPI FT_Close(FT_HANDLE handle)
     if (status == FT_INVALID_HANDLE)
         return call.finish(status);
     // A handle is given back even when its device has gone from the bus.
-    HandleRecord* record = call.record();
-    record->closed = true;
+    // Handle values are never given out twice, so a closed one is simply
+    // forgotten: every later call with it finds no record and fails.
+    const HandleRecord record = *call.record();
     Bridge& bridge = call.bridge();
-    if (record->sensor < 0) {
-        bridge.foreign[static_cast<size_t>(record->port)].handle = 0;
+    bridge.handles.erase(reinterpret_cast<uintptr_t>(handle));
+    if (record.sensor < 0) {
+        bridge.foreign[static_cast<size_t>(record.port)].handle = 0;
     } else if (status == FT_OK) {
         VirtualSensor& sensor = *call.sensor();
-        VirtualSensor::Interface& interface = sensor.interfaces[static_cast<size_t>(record->port)];
+        VirtualSensor::Interface& interface = sensor.interfaces[static_cast<size_t>(record.port)];
         interface.port.clear();
         interface.handle = 0;
         // The flash image is brought up to date when port C lets go.

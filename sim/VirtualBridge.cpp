@@ -59,9 +59,8 @@ void VirtualBridge::reset()
     b.foreign.clear();
     b.order.clear();
     b.snapshot.clear();
-    // Handles from before stay dead: they are remembered as closed.
-    for (auto& handle : b.handles)
-        handle.second.closed = true;
+    // Handles from before stay dead: their values are never given out again.
+    b.handles.clear();
     b.trace.clear();
     b.traceEnabled = true;
     b.traceDataLimit = static_cast<size_t>(-1);
@@ -506,8 +505,7 @@ void VirtualBridge::setLinkTiming(bool on)
 int VirtualBridge::openHandleCount() const
 {
     Locked locked;
-    return static_cast<int>(std::count_if(locked.bridge.handles.begin(), locked.bridge.handles.end(),
-        [](const auto& handle) { return !handle.second.closed; }));
+    return static_cast<int>(locked.bridge.handles.size());
 }
 
 std::vector<TraceEntry> VirtualBridge::trace() const

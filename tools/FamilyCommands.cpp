@@ -4,6 +4,8 @@
 #include <QMetaObject>
 #include <QRegularExpression>
 
+#include <limits>
+
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
 
@@ -15,8 +17,6 @@ namespace {
 constexpr int kSettleMs = 50;
 // How long the units may take to end a stop's dummy integration.
 constexpr int kStopTimeoutMs = 5000;
-
-constexpr hardwareStatus kFlashFilesCommand = commandReadFlashFiles;
 
 QString orDash(const QString& text)
 {
@@ -64,7 +64,7 @@ int flashServiceCommand(Session& session, hardwareStatus command, bool reports)
     return serviceExit(session, sendUnitCommand(session, command), reports);
 }
 
-int stopCommand(Session& session, hardwareStatus command, hardwareStatus final)
+int stopCommand(Session& session, hardwareStatus command, hardwareStatus finalStatus)
 {
     const int ready = ensureFamily(session);
     if (ready != kExitOk)
@@ -76,7 +76,7 @@ int stopCommand(Session& session, hardwareStatus command, hardwareStatus final)
         session.console.error(QStringLiteral("korux: the units did not stop within %1 s").arg(kStopTimeoutMs / 1000));
         return kExitTimeout;
     }
-    return cycleExit(session, outcome, { final });
+    return cycleExit(session, outcome, { finalStatus });
 }
 
 // A hardwareStatus by number or by its name ("statusArming", "commandArm",
@@ -84,8 +84,8 @@ int stopCommand(Session& session, hardwareStatus command, hardwareStatus final)
 bool parseStatus(const QString& text, hardwareStatus* status)
 {
     bool ok = false;
-    const int number = text.toInt(&ok, 0);
-    if (ok) {
+    const qlonglong number = parseNumber(text, &ok);
+    if (ok && number >= 0 && number <= std::numeric_limits<int>::max()) {
         *status = hardwareStatus(number);
         return true;
     }
@@ -124,14 +124,18 @@ bool typedValue(const QVariant& current, const QString& text, bool forceString, 
             return false;
         return true;
     }
-    case QMetaType::Int:
-        *value = text.toInt(&ok, 0);
-        return ok;
-    case QMetaType::UInt:
-        *value = text.toUInt(&ok, 0);
-        return ok;
+    case QMetaType::Int: {
+        const qlonglong number = parseNumber(text, &ok);
+        *value = int(number);
+        return ok && number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max();
+    }
+    case QMetaType::UInt: {
+        const qlonglong number = parseNumber(text, &ok);
+        *value = uint(number);
+        return ok && number >= 0 && number <= std::numeric_limits<uint>::max();
+    }
     case QMetaType::LongLong:
-        *value = text.toLongLong(&ok, 0);
+        *value = parseNumber(text, &ok);
         return ok;
     case QMetaType::Double:
         *value = text.toDouble(&ok);
@@ -146,9 +150,9 @@ bool typedValue(const QVariant& current, const QString& text, bool forceString, 
         *value = text == QLatin1String("true");
         return true;
     }
-    const int whole = text.toInt(&ok, 0);
-    if (ok) {
-        *value = whole;
+    const qlonglong whole = parseNumber(text, &ok);
+    if (ok && whole >= std::numeric_limits<int>::min() && whole <= std::numeric_limits<int>::max()) {
+        *value = int(whole);
         return true;
     }
     const double decimal = text.toDouble(&ok);
@@ -164,15 +168,24 @@ int reportedFailure(Session& session)
     return kExitFailure;
 }
 
-// The "ShootCounter" member of a counter report, wherever it sits.
-unsigned int reportedCounter(const QString& json)
+// The "ShootCounter" member of a counter report, wherever it sits; found
+// says whether the report has one.
+unsigned int reportedCounter(const QString& json, bool* found)
 {
     static const QRegularExpression member(QStringLiteral("\"ShootCounter\"\\s*:\\s*([0-9]+)"));
     const QRegularExpressionMatch match = member.match(json);
-    return match.hasMatch() ? match.captured(1).toUInt() : 0;
+    *found = match.hasMatch();
+    return *found ? match.captured(1).toUInt() : 0;
 }
 
 } // namespace
+
+qlonglong parseNumber(const QString& text, bool* ok)
+{
+    if (text.startsWith(QLatin1String("0x"), Qt::CaseInsensitive))
+        return text.mid(2).toLongLong(ok, 16);
+    return text.toLongLong(ok, 10);
+}
 
 int ensureFamily(Session& session)
 {
@@ -417,7 +430,7 @@ int runFlashFiles(Session& session, const CommandLine& line)
 {
     // 1003: the four files, 1004: with the production files, 1005 and 1006:
     // the same, replacing the copies already on disk.
-    int command = kFlashFilesCommand;
+    int command = commandReadFlashFiles;
     if (line.has(QStringLiteral("--all")))
         command += 1;
     if (line.has(QStringLiteral("--overwrite")))
@@ -429,70 +442,65 @@ int runFlashFiles(Session& session, const CommandLine& line)
     return result;
 }
 
-int runCounter(Session& session, const CommandLine& line)
+namespace {
+
+// Command 1009 for each unit asked for: a unit command, named by the unit's
+// board serial.
+int increaseCounters(Session& session)
 {
-    const bool increase = line.has(QStringLiteral("--increase"));
-    const bool set = line.has(QStringLiteral("--set"));
-    if (increase && set) {
-        session.console.error(QStringLiteral("korux: counter takes --increase or --set, not both"));
-        return kExitUsage;
-    }
-    unsigned int value = 0;
-    if (set) {
-        bool ok = false;
-        value = line.value(QStringLiteral("--set")).toUInt(&ok, 0);
-        // All ones is the "last value plus one" request, not a value.
-        if (!ok || value == 0xFFFFFFFFu) {
-            session.console.error(QStringLiteral("korux: counter --set takes a number from 0 to 4294967294, not \"%1\"")
-                                      .arg(line.value(QStringLiteral("--set"))));
-            return kExitUsage;
-        }
-    }
-    const int ready = requireUnits(session);
-    if (ready != kExitOk)
-        return ready;
-    if (set)
+    if (session.serial.isEmpty())
         sendFamilyCommand(session, commandReadSerialNumber);
-    if (increase || set) {
-        const QVector<QVeltraHardwareUnit*> units = targetUnits(session);
-        if (units.isEmpty())
-            return noUnitWithSerial(session);
-        for (QVeltraHardwareUnit* unit : units) {
-            if (increase) {
-                // The host command for one unit: its board serial names it.
-                if (unit->boardSerial().isEmpty())
-                    sendFamilyCommand(session, commandReadSerialNumber);
-                const QString previous = session.serial;
-                session.serial = unit->boardSerial();
-                const Outcome outcome = sendUnitCommand(session, commandIncreaseShootCounter);
-                session.serial = previous;
-                if (outcome.failureLines > 0)
-                    return kExitFailure;
-                continue;
-            }
-            bool written = false;
-            if (!QMetaObject::invokeMethod(unit, "setShootCounter", Qt::DirectConnection,
-                    Q_RETURN_ARG(bool, written), Q_ARG(unsigned int, value))) {
-                session.console.error(QStringLiteral("korux: this plug-in cannot set the shot counter"));
-                return kExitFailure;
-            }
-            session.host->settle(kSettleMs);
-            if (!written) {
-                session.console.error(
-                    QStringLiteral("korux: unit %1 did not take the counter").arg(session.host->unitName(unit)));
-                return kExitFailure;
-            }
+    const QVector<QVeltraHardwareUnit*> units = targetUnits(session);
+    if (units.isEmpty())
+        return noUnitWithSerial(session);
+    const QString chosen = session.serial;
+    int result = kExitOk;
+    for (QVeltraHardwareUnit* unit : units) {
+        session.serial = unit->boardSerial();
+        if (sendUnitCommand(session, commandIncreaseShootCounter).failureLines > 0)
+            result = reportedFailure(session);
+    }
+    session.serial = chosen;
+    return result;
+}
+
+// No host command sets the counter to a value: the unit's setShootCounter is
+// called by name, on port C opened by the serial read.
+int setCounters(Session& session, unsigned int value)
+{
+    sendFamilyCommand(session, commandReadSerialNumber);
+    const QVector<QVeltraHardwareUnit*> units = targetUnits(session);
+    if (units.isEmpty())
+        return noUnitWithSerial(session);
+    for (QVeltraHardwareUnit* unit : units) {
+        bool written = false;
+        if (!QMetaObject::invokeMethod(unit, "setShootCounter", Qt::DirectConnection, Q_RETURN_ARG(bool, written),
+                Q_ARG(unsigned int, value))) {
+            session.console.error(QStringLiteral("korux: this plug-in cannot set the shot counter"));
+            return kExitFailure;
+        }
+        session.host->settle(kSettleMs);
+        if (!written) {
+            session.console.error(
+                QStringLiteral("korux: unit %1 did not take the counter").arg(session.host->unitName(unit)));
+            return kExitFailure;
         }
     }
-    if (!set)
-        return flashServiceCommand(session, commandGetShootCounter, true);
+    return kExitOk;
+}
+
+// Reads the counters back after a set: the flash keeps every value written
+// and the counter is the largest, so a lower value does not take.
+int checkCounters(Session& session, unsigned int value)
+{
     const Outcome outcome = sendUnitCommand(session, commandGetShootCounter);
     const int result = serviceExit(session, outcome, true);
     if (result != kExitOk)
         return result;
     for (const QString& report : outcome.reports) {
-        const unsigned int kept = reportedCounter(report);
-        if (kept != value) {
+        bool found = false;
+        const unsigned int kept = reportedCounter(report, &found);
+        if (found && kept != value) {
             session.console.error(QStringLiteral("korux: the counter reads %1, not %2: it always reads the "
                                                  "largest value written, so it can only be set upwards")
                                       .arg(kept)
@@ -503,6 +511,40 @@ int runCounter(Session& session, const CommandLine& line)
     return kExitOk;
 }
 
+} // namespace
+
+int runCounter(Session& session, const CommandLine& line)
+{
+    const bool increase = line.has(QStringLiteral("--increase"));
+    const bool set = line.has(QStringLiteral("--set"));
+    if (increase && set) {
+        session.console.error(QStringLiteral("korux: counter takes --increase or --set, not both"));
+        return kExitUsage;
+    }
+    bool ok = true;
+    const qlonglong number = set ? parseNumber(line.value(QStringLiteral("--set")), &ok) : 0;
+    // All ones is the "last value plus one" request, not a value.
+    if (!ok || number < 0 || number >= 0xFFFFFFFFLL) {
+        session.console.error(QStringLiteral("korux: counter --set takes a number from 0 to 4294967294, not \"%1\"")
+                                  .arg(line.value(QStringLiteral("--set"))));
+        return kExitUsage;
+    }
+    const int ready = requireUnits(session);
+    if (ready != kExitOk)
+        return ready;
+    if (set) {
+        const unsigned int value = static_cast<unsigned int>(number);
+        const int result = setCounters(session, value);
+        return result == kExitOk ? checkCounters(session, value) : result;
+    }
+    if (increase) {
+        const int result = increaseCounters(session);
+        if (result != kExitOk)
+            return result;
+    }
+    return flashServiceCommand(session, commandGetShootCounter, true);
+}
+
 int runFormatFlash(Session& session, const CommandLine&)
 {
     return flashServiceCommand(session, commandFormatFlash, false);
@@ -511,8 +553,8 @@ int runFormatFlash(Session& session, const CommandLine&)
 int runFlashPage(Session& session, const CommandLine& line)
 {
     bool ok = false;
-    const uint address = line.positional.first().toUInt(&ok, 0);
-    if (!ok) {
+    const qlonglong address = parseNumber(line.positional.first(), &ok);
+    if (!ok || address < 0 || address > std::numeric_limits<int>::max()) {
         session.console.error(
             QStringLiteral("korux: flash-page takes an address (decimal or 0x...), not \"%1\"")
                 .arg(line.positional.first()));

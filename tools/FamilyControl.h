@@ -50,4 +50,8 @@ bool waitForUnitsToStop(Session& session, int timeoutMs);
 
 QString statusText(hardwareStatus status);
 
+// A number as service engineers write it: decimal, or hexadecimal after 0x
+// (a leading zero is no octal prefix). ok says whether the text was one.
+qlonglong parseNumber(const QString& text, bool* ok);
+
 } // namespace korux

@@ -213,3 +213,34 @@ TEST_F(KoruxService, ArmThenAbortEndsAborted)
     EXPECT_TRUE(inOrder(run.out, { "status statusStopping (18)\n", "status statusAborted (6)\n" }))
         << run.out;
 }
+
+// A flash image file named by the scenario keeps the sensor's flash from one
+// korux run to the next, as a real sensor's flash does.
+TEST_F(KoruxService, CounterIncreasedByOneRunIsSeenByTheNext)
+{
+    const QString scenario = QStringLiteral(R"({"sensors": [{"flash": {"image": "kx0001-flash.bin"}}]})");
+    const KoruxRun first = service({ QStringLiteral("counter"), QStringLiteral("--increase") }, scenario);
+    ASSERT_EQ(first.exitCode, 0) << first.out << first.err;
+    EXPECT_EQ(counterValues(first.out).value(counterValues(first.out).size() - 1), 1235u) << first.out;
+    EXPECT_TRUE(QFile::exists(path(QStringLiteral("kx0001-flash.bin"))));
+
+    const KoruxRun second = service({ QStringLiteral("counter") }, scenario);
+    ASSERT_EQ(second.exitCode, 0) << second.out << second.err;
+    EXPECT_EQ(counterValues(second.out).value(0), 1235u) << second.out;
+}
+
+TEST_F(KoruxService, CounterOfOneUnitIsSetByItsSerial)
+{
+    const QString twoSensors = QStringLiteral(R"({"sensors": [{}, {}]})");
+    const QStringList serials = boardSerials(service({ QStringLiteral("serial") }, twoSensors).out);
+    ASSERT_EQ(serials.size(), 2);
+    const KoruxRun run = service({ QStringLiteral("--serial"), serials.at(1), QStringLiteral("counter"),
+                                     QStringLiteral("--set"), QStringLiteral("0x1000") },
+        twoSensors);
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    const QVector<uint> values = counterValues(run.out);
+    ASSERT_FALSE(values.isEmpty());
+    EXPECT_EQ(values.last(), 4096u);
+    // The other unit's counter is not touched, nor read.
+    EXPECT_FALSE(run.out.contains(QStringLiteral("\"KORUX-KORUX2 Series %1\"").arg(serials.at(0)))) << run.out;
+}
