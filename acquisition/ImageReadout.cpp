@@ -14,10 +14,6 @@ using namespace korux;
 
 namespace {
 
-// Rows the sensor reads out beyond the raw image: 4 above, 6 below.
-constexpr int kBlackTopRows = 4;
-constexpr int kExtraRows = 10;
-
 hardwareSize sizeOfCode(int code)
 {
     return code == 1 ? size1 : size2;
@@ -128,7 +124,7 @@ bool QVeltraXRayKORUXPlugInUnit::readImage(bool black)
     if (!black) {
         setBinaryImage(image);
     } else {
-        setBlackImage(image.copy(0, kBlackTopRows, image.width(), image.height() - kExtraRows));
+        setBlackImage(image.copy(0, kBlackTopRows, image.width(), image.height() - kExtraReadOutRows));
     }
     return true;
 }

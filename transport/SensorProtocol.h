@@ -28,6 +28,10 @@ constexpr CommandFrame sensorCommand(uint8_t commandClass, uint8_t code)
     return {commandClass, code, kFrameTailHigh, kFrameTailLow};
 }
 
+// Rows the sensor reads out beyond the raw image: 4 above it, 6 below.
+constexpr int kExtraReadOutRows = 10;
+constexpr int kBlackTopRows = 4;
+
 // Status flags of the first status byte.
 constexpr uint8_t kFlagExposure = 0x01;
 constexpr uint8_t kFlagIntegrated = 0x02;

@@ -111,9 +111,6 @@ bool QVeltraXRayKORUXPlugInUnit::reset(bool prog_mode)
     return true;
 }
 
-// Image geometry: the sensor reads out 10 rows more than the raw image.
-constexpr int kExtraReadOutRows = 10;
-
 QSize QVeltraXRayKORUXPlugInUnit::BINImageSize()
 {
     switch (size()) {
