@@ -80,7 +80,7 @@ const std::vector<Command>& commandTable()
         { "counter", "[--increase | --set N]",
             "* read the shot counter (1007), add one (1009) or set it, then read it", 0, 0, "--increase",
             "--set", true, true, runCounter },
-        { "format-flash", "", "* erase the whole sensor flash (command 2000)", 0, 0, "", "", true, true,
+        { "format-flash", "", "* the flash format command (2000): a chip erase, sent only when write enable fails", 0, 0, "", "", true, true,
             runFormatFlash },
         { "flash-page", "ADDRESS", "* print the flash page at ADDRESS (command 3001 with FlashAddress)", 1, 1,
             "", "", true, true, runFlashPage },
