@@ -1,5 +1,7 @@
 #include "flash/FlashProtocol.h"
 
+#include <algorithm>
+
 namespace korux {
 
 std::array<uint8_t, kQuadReadOpcodeBytes + kQuadReadAddressBytes> quadReadFrame(uint32_t address)
@@ -11,8 +13,10 @@ std::array<uint8_t, kQuadReadOpcodeBytes + kQuadReadAddressBytes> quadReadFrame(
 std::vector<uint8_t> pageProgramFrame(uint32_t address, const uint8_t* data)
 {
     const auto a = flashAddressBytes(address);
-    std::vector<uint8_t> frame{kFlashQuadPageProgram, a[0], a[1], a[2]};
-    frame.insert(frame.end(), data, data + kFlashPageSize);
+    std::vector<uint8_t> frame(4 + kFlashPageSize);
+    frame[0] = kFlashQuadPageProgram;
+    std::copy(a.begin(), a.end(), frame.begin() + 1);
+    std::copy(data, data + kFlashPageSize, frame.begin() + 4);
     return frame;
 }
 

@@ -1,5 +1,6 @@
 #include "sim/Scenario.h"
 
+#include <cmath>
 #include <QByteArray>
 #include <QDir>
 #include <QFile>
@@ -11,6 +12,7 @@
 #include <QStringList>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <functional>
 
@@ -85,8 +87,18 @@ public:
         int64_t number = 0;
         if (v.isDouble()) {
             const double d = v.toDouble();
-            if (d != static_cast<double>(static_cast<int64_t>(d)))
+            if (d != std::trunc(d))
                 return fail(QStringLiteral("%1 must be a whole number, not %2").arg(name).arg(d));
+            // The range is checked on the double: converting a value that
+            // does not fit (1e300, infinity, 2^63) would be undefined.
+            const bool fits = d >= static_cast<double>(minimum) && d <= static_cast<double>(maximum)
+                && d < std::ldexp(1.0, 63);
+            if (!fits)
+                return fail(QStringLiteral("%1 = %2 is out of range (%3 to %4)")
+                                .arg(name)
+                                .arg(d)
+                                .arg(minimum)
+                                .arg(maximum));
             number = static_cast<int64_t>(d);
         } else if (v.isString()) {
             bool ok = false;

@@ -245,6 +245,15 @@ TEST_F(VbScenario, OutOfRangeValueIsNamed)
     expectKnownMachine();
 }
 
+TEST_F(VbScenario, NumberBeyondEveryIntegerIsOutOfRange)
+{
+    prepareKnownMachine();
+    const std::string error = refusal(R"({"sensors": [{"status": {"flags": -1e300}}]})");
+    EXPECT_NE(error.find("sensors[0].status.flags = -1e+300 is out of range (0 to 255)"), std::string::npos)
+        << error;
+    expectKnownMachine();
+}
+
 TEST_F(VbScenario, FractionIsRefused)
 {
     const std::string error = refusal(R"({"sensors": [{"generator": {"kV": 60.5}}]})");

@@ -1,0 +1,120 @@
+#!/bin/bash
+# Writes the hand-made seed inputs of fuzz/corpus/. Run again after changing
+# a seed here; inputs kept from crashes (crash-*, timeout-*, ...) are left
+# alone.
+set -euo pipefail
+
+corpus=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/corpus
+
+seed() { # target name, bytes on stdin
+    mkdir -p "$corpus/$1"
+    cat >"$corpus/$1/$2"
+}
+
+# Repeats a byte (given as \xHH) count times.
+repeat() {
+    local i
+    for ((i = 0; i < $2; ++i)); do printf '%b' "$1"; done
+}
+
+# --- information text (PRD file, Latin-1) ---
+printf '[KORUX3]\r\nSN=1904001\r\nSNCapteur=S190400117\r\nTechnology=CsI\r\n' | seed information_text realistic
+printf '[KORUX3]\nSN=1904001\n\n[Calibration]\nGain=1.25\nOffset=-3\n' | seed information_text lf-two-sections
+printf 'SN=1\r[A]\r\n[B]\nK=V=W\r\nflag\r\n[]\r\nx=\r\n[' | seed information_text mixed-edges
+printf '[Caf\xe9]\r\nNom=\xc9lise \xff\r\n' | seed information_text latin1
+printf '\xff\xfe[\0A\0]\0\r\0\n\0k\0=\0v\0' | seed information_text utf16-bom
+printf '' | seed information_text empty
+
+# --- flash file headers (16 bytes: size, '<', ten header bytes, '>') ---
+printf '\x00\x00\x01\x00<PRD KORUX3>' | seed flash_header present
+printf '\x00\x3f\xff\xff<BTS KORUX3>' | seed flash_header largest
+printf '\x00\x40\x00\x00<BTS KORUX3>' | seed flash_header size-limit
+printf '\x00\x00\x00\x00<PRD KORUX3>' | seed flash_header no-file
+repeat '\xff' 16 | seed flash_header erased
+printf '\x00\x00\x00\x10 PRD KORUX3 ' | seed flash_header unframed
+
+# --- shot counter area (big-endian slots, erased = FFFFFFFF) ---
+{ printf '\x00\x00\x00\x28\x00\x00\x00\x29'; repeat '\xff' 248; } | seed shoot_counter counter-41
+repeat '\xff' 256 | seed shoot_counter erased
+{ printf '\x00\x00\x00\x05\x00\x00\x00\x07\x00\x00\x00\x07\xff\xff\xff\xfe'; repeat '\xff' 16; } | seed shoot_counter repeated-largest
+printf '\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00' | seed shoot_counter zeros-partial-slot
+
+# --- bitstream files ---
+bitstream_header() { # date text
+    printf '\xff\x00'
+    printf '%s\0' 'Lattice Semiconductor Corporation Bitstream' 'Version: Diamond (64-bit) 3.12' \
+        'Bitstream Status: Final' 'Design name: korux_top.ngd' 'Architecture: machxo2' \
+        'Part: LCMXO2-4000HC-4TG144' "$1"
+    printf '\xffKXBS\x00\x00\x00\x10'
+    repeat '\x5a' 16
+    printf '\x12\x34\x56\x78'
+}
+bitstream_header 'Date: Mon, 02 Mar 2020 10:00:00 +0000' | seed bitstream realistic
+bitstream_header 'Date: Tue, 29 Feb 2028 23:59:59 -1200' | seed bitstream leap-day
+bitstream_header 'Date: 31 Feb 2020 25:61:00 GMT' | seed bitstream bad-date
+bitstream_header 'Date:' | seed bitstream short-date
+{ printf '\xff\x00'; repeat 'A' 2100; } | seed bitstream no-terminator
+printf '\x00\x00\x00\x00\x00\x00\x00\x00' | seed bitstream zeros
+printf '' | seed bitstream empty
+
+# --- status words (3 bytes) and Inside blocks (17 bytes) ---
+printf '\x44\x6b\x09' | seed sensor_protocol status-armed
+printf '\x48\xff\xff' | seed sensor_protocol status-image-ready
+# marker 's', 70 kV, 7 mA, 125 ms set, 124 ms done, byte 7, 310 DAP, cone 2,
+# 1520 air dose, cut 1, mode 0, byte 15, then the sum of bytes 1 to 14.
+inside='\x73\x46\x07\x00\x7d\x00\x7c\x00\x01\x36\x02\x05\xf0\x01\x00\x00'
+printf '%b' "${inside}\\x75" | seed sensor_protocol inside-ok
+printf '%b' "${inside}\\x76" | seed sensor_protocol inside-bad-checksum
+printf '\x53\x46\x07\x00\x7d\x00\x7c\x00\x01\x36\x02\x05\xf0\x01\x00\x00\x75' | seed sensor_protocol inside-bad-marker
+printf '\x45\x01\x02' | seed sensor_protocol status-exposing
+
+# --- oscilloscope reads (16-bit big-endian samples) ---
+printf '\x01\xac\x02\x10\x03\xff\x01\x00\x00\x00\xff\xff' | seed oscilloscope samples
+printf '\x01\xac\x02' | seed oscilloscope odd-length
+printf '\x00\x00\x04\x00\x12\x34\xfe\xff\xff\x00' | seed oscilloscope full-read
+repeat '\x02\x00' 512 | seed oscilloscope long-run
+printf '' | seed oscilloscope empty
+
+# --- scenario files ---
+echo '{ "sensors": [ {} ] }' | seed scenario default
+cat <<'JSON' | seed scenario foreign-and-order
+{
+  "comment": "enumeration with a foreign device in the middle",
+  "sensors": [
+    { "serial": "KX0101", "location": "0x1011" },
+    { "serial": "KX0102", "location": "0x1021", "inside": true,
+      "generator": { "kV": 60, "mA": 4, "checksumOk": false } }
+  ],
+  "foreign": [
+    { "id": "0x04036001", "description": "USB <-> Serial", "serial": "FT4XYZ", "location": "0x1031" }
+  ],
+  "order": ["S0A", "S0B", "S0C", "S0D", "F0", "S1D", "S1C", "S1B", "S1A"]
+}
+JSON
+cat <<'JSON' | seed scenario status-queue
+{ "sensors": [ { "statusQueue": [ { "flags": "0x45", "diode": 700 }, { "flags": "0x45", "diode": 690 } ],
+    "status": { "flags": "0x48" }, "adc": [620, 310, "775", "0x230"], "uniqueId": "0123456789ABCDEF",
+    "exposure": { "auto": false, "delayMs": 10, "durationMs": 1, "doseRate": 1023 },
+    "fpga": { "configured": false, "deviceId": "0x412B4043" } } ] }
+JSON
+cat <<'JSON' | seed scenario flash-contents
+{ "linkTiming": false, "sensors": [ { "serial": "KX0201", "flash": {
+    "erased": true,
+    "PRD": { "text": "[KORUX3]\r\nSN=1904001\r\n" }, "ASS": { "hex": "00 11 22 ff" },
+    "FFC": { "size": 64, "seed": 3, "header": "FFC" }, "counter": [41, "0xFFFFFFFF", 7],
+    "bitstream": { "size": 256, "truncate": 100, "corrupt": true, "firstByte": 0,
+      "date": "Date: Mon, 02 Mar 2020 10:00:00 +0000" },
+    "timing": { "busyPolls": 2, "programUs": 10, "eraseUs": 20, "chipEraseUs": 30 } } } ] }
+JSON
+cat <<'JSON' | seed scenario faults
+{ "sensors": [ {}, { "plugged": false } ],
+  "faults": [ { "call": "FT_OpenEx", "nth": 1, "status": 2 }, { "callNumber": 10, "status": 4 },
+    { "detail": 2 }, { "unplug": 1, "atCall": 40 } ] }
+JSON
+echo '{ "sensors": [ { "serail": "KX1" } ] }' | seed scenario unknown-key
+echo '{ "sensors": [ { "flash": { "image": "KX0201-flash.bin" } } ] }' | seed scenario flash-image
+echo '{ "sensors": [ { "status": { "diode": 1024 } } ] }' | seed scenario out-of-range
+echo '{ "sensors": [ {}, { "location": "0x1012" } ] }' | seed scenario location-clash
+echo '{ "sensors": [ { "flash": { "DPL": { "hex": "0g" }, "BTS": { "text": "" } } } ], "order": ["S1A", 3] }' \
+    | seed scenario bad-hex
+echo '{ "sensors": [ { "location": 4113.5 } ], "faults": [ { "unplug": 0 } ] ' | seed scenario truncated
