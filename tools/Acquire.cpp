@@ -21,6 +21,23 @@ bool shotEnded(hardwareStatus status)
         || status == statusAborted;
 }
 
+// True when no unit is armed or in an acquisition.
+bool unitsAtRest(Session& session)
+{
+    for (const QVeltraHardwareUnit* unit : session.host->family()->hardwareUnitVector()) {
+        switch (unit->status()) {
+        case statusArmed:
+        case statusIntegrating:
+        case statusIntegrated:
+        case statusAcquiring:
+            return false;
+        default:
+            break;
+        }
+    }
+    return true;
+}
+
 // Brings the family to a status that accepts arming (statusReady,
 // statusFpgaUpdated, statusNoOpEnd or statusArmed), going the ways the
 // status cycle allows.
@@ -46,6 +63,18 @@ int prepareStatus(Session& session)
         case statusError:
             // The units are still set up from their last arming; a new
             // enumeration would give them up with their ports open.
+            result = cycleExit(session, sendFamilyCommand(session, statusNoOpBegin), { statusNoOpEnd });
+            break;
+        case statusIntegrating:
+        case statusIntegrated:
+        case statusAcquiring:
+            // After a stop the family keeps the last status its units'
+            // dummy integration passed it; once they rest, so may it.
+            if (!unitsAtRest(session)) {
+                session.console.error(QStringLiteral("korux: the family is busy (%1); try again once it is done")
+                                          .arg(statusText(status)));
+                return kExitFailure;
+            }
             result = cycleExit(session, sendFamilyCommand(session, statusNoOpBegin), { statusNoOpEnd });
             break;
         case statusUnknown:

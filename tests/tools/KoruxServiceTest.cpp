@@ -197,13 +197,16 @@ TEST_F(KoruxService, GotoTakesANumberOrAName)
     EXPECT_EQ(unknown.exitCode, 2);
 }
 
-TEST_F(KoruxService, ArmThenStopEndsStopped)
+TEST_F(KoruxService, ArmThenStopEndsStoppedAndAcquireGoesOnFromThere)
 {
-    const KoruxRun run = script("fpga-update\narm\nstop\n");
+    const KoruxRun run = script("fpga-update\narm\nstop\nacquire --out s\n");
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
     EXPECT_TRUE(inOrder(run.out, { "status statusStopping (18)\n", "status statusStopped (19)\n" }))
         << run.out;
     EXPECT_TRUE(run.out.contains(QStringLiteral("[orange]Stopping\n"))) << run.out;
+    // An acquisition after the stop: the family is brought back to arming.
+    EXPECT_TRUE(inOrder(run.out, { "[orange]Stopping\n", "status statusArmed (21)\n", "status statusAcquired (27)\n" }))
+        << run.out;
 }
 
 TEST_F(KoruxService, ArmThenAbortEndsAborted)
