@@ -327,3 +327,22 @@ TEST_F(DispatchTest, ArmingAgainWhileArmedIsAccepted)
     EXPECT_EQ(host.bridge().lastArm(0).count, 2);
     EXPECT_EQ(host.family().status(), statusArmed);
 }
+
+TEST_F(DispatchTest, FailingStopEndsTheLoopButReachesStopped)
+{
+    start(2);
+    host.family().gotoStatus(statusFpgaUpdating);
+    host.family().gotoStatus(statusArming);
+    ASSERT_EQ(host.family().status(), statusArmed);
+    ASSERT_EQ(host.bridge().lastArm(1).count, 1);
+    host.seen().clear();
+    // The first unit's sensor has gone: its stop fails and the second unit
+    // is not stopped, yet the family reaches its final status.
+    host.bridge().unplug(0);
+    host.family().gotoStatus(statusStopping);
+    ASSERT_GE(host.seen().statuses.size(), 2u);
+    EXPECT_EQ(std::vector<int>(host.seen().statuses.begin(), host.seen().statuses.begin() + 2),
+        (std::vector<int>{statusStopping, statusStopped}));
+    EXPECT_EQ(host.bridge().lastArm(1).count, 1);
+    EXPECT_EQ(host.bridge().lastArm(1).threshold, 440);
+}
