@@ -37,26 +37,11 @@ QVector<QSize> imageSizes(const QString& out)
     return sizes;
 }
 
-// The "ShootCounter" values of the counter reports, in order.
-QVector<uint> counterValues(const QString& out)
-{
-    QVector<uint> values;
-    static const QRegularExpression member(QStringLiteral("\"ShootCounter\": (\\d+)"));
-    auto matches = member.globalMatch(out);
-    while (matches.hasNext())
-        values << matches.next().captured(1).toUInt();
-    return values;
-}
-
 class KoruxAcquire : public Korux {
 protected:
     KoruxRun acquire(const QStringList& arguments, const QString& scenario = QString())
     {
-        QStringList words { QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--time-scale"),
-            QStringLiteral("0") };
-        if (!scenario.isEmpty())
-            words << QStringLiteral("--scenario") << writeFile(QStringLiteral("scenario.json"), scenario.toUtf8());
-        return korux(words + arguments);
+        return koruxOn(arguments, scenario);
     }
 };
 

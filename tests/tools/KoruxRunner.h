@@ -9,6 +9,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QVector>
 
@@ -23,6 +24,17 @@ inline std::ostream& operator<<(std::ostream& os, const QString& text)
 }
 
 namespace korux_test {
+
+// The "ShootCounter" values of the counter reports in out, in order.
+inline QVector<uint> counterValues(const QString& out)
+{
+    QVector<uint> values;
+    static const QRegularExpression member(QStringLiteral("\"ShootCounter\": (\\d+)"));
+    auto matches = member.globalMatch(out);
+    while (matches.hasNext())
+        values << matches.next().captured(1).toUInt();
+    return values;
+}
 
 // True when every text occurs in out, each after the one before it.
 inline bool inOrder(const QString& out, const QStringList& texts)
@@ -95,6 +107,17 @@ protected:
         EXPECT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(content);
         return path;
+    }
+
+    // korux on the virtual bridge with the test's family directory and no
+    // waits, on the machine the scenario text describes (default: one sensor).
+    KoruxRun koruxOn(const QStringList& arguments, const QString& scenario = QString())
+    {
+        QStringList words { QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--time-scale"),
+            QStringLiteral("0") };
+        if (!scenario.isEmpty())
+            words << QStringLiteral("--scenario") << writeFile(QStringLiteral("scenario.json"), scenario.toUtf8());
+        return korux(words + arguments);
     }
 
     QString path(const QString& name) const { return directory_.filePath(name); }

@@ -16,11 +16,7 @@ class KoruxService : public Korux {
 protected:
     KoruxRun service(const QStringList& arguments, const QString& scenario = QString())
     {
-        QStringList words { QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--time-scale"),
-            QStringLiteral("0") };
-        if (!scenario.isEmpty())
-            words << QStringLiteral("--scenario") << writeFile(QStringLiteral("scenario.json"), scenario.toUtf8());
-        return korux(words + arguments);
+        return koruxOn(arguments, scenario);
     }
 
     KoruxRun script(const QByteArray& text, const QString& scenario = QString())
@@ -40,16 +36,6 @@ QStringList boardSerials(const QString& out)
             serials << serial;
     }
     return serials;
-}
-
-QVector<uint> counterValues(const QString& out)
-{
-    QVector<uint> values;
-    static const QRegularExpression member(QStringLiteral("\"ShootCounter\": (\\d+)"));
-    auto matches = member.globalMatch(out);
-    while (matches.hasNext())
-        values << matches.next().captured(1).toUInt();
-    return values;
 }
 
 } // namespace
