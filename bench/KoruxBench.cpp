@@ -73,6 +73,14 @@ private:
     bool ok_ = false;
 };
 
+// A sensor whose flash starts erased: each benchmark writes what it reads.
+vbridge::SensorConfig erasedSensor()
+{
+    vbridge::SensorConfig config;
+    config.defaultFlash = false;
+    return config;
+}
+
 vbridge::SensorConfig largeSensor()
 {
     vbridge::SensorConfig config;
@@ -149,9 +157,7 @@ BENCHMARK(BM_ImageReadout_Baseline)->Unit(benchmark::kMillisecond)->UseRealTime(
 
 void BM_FlashFileCopy(benchmark::State& state)
 {
-    vbridge::SensorConfig config;
-    config.defaultFlash = false;
-    Machine machine(config);
+    Machine machine(erasedSensor());
     QVeltraXRayKORUXPlugInUnit* unit = machine.unit();
     if (!machine.ok()) {
         state.SkipWithError("the sensor did not come up");
@@ -193,9 +199,7 @@ BENCHMARK(BM_FlashFileCopy_Baseline)->Unit(benchmark::kMillisecond)->UseRealTime
 
 void BM_ShotCounterRead(benchmark::State& state)
 {
-    vbridge::SensorConfig config;
-    config.defaultFlash = false;
-    Machine machine(config);
+    Machine machine(erasedSensor());
     QVeltraXRayKORUXPlugInUnit* unit = machine.unit();
     if (!machine.ok()) {
         state.SkipWithError("the sensor did not come up");

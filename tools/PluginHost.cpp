@@ -38,28 +38,6 @@ QJsonObject statusFields(hardwareStatus status)
 
 } // namespace
 
-bool isFailureLine(const QString& text)
-{
-    // The flash and information failures the plug-in logs without a colour.
-    static const char* const kUncoloured[] = {
-        "readFlash failed!",
-        "no data to be read!",
-        "No file present at",
-        "Invalid file size at",
-        "readFlash error",
-        "Sensor is not ready",
-        "Sensor serial not readable",
-        "Sensor size not readable",
-        "SPI r/w error",
-    };
-    if (text.startsWith(QLatin1String("[red")))
-        return true;
-    for (const char* start : kUncoloured)
-        if (text.startsWith(QLatin1String(start)))
-            return true;
-    return false;
-}
-
 PluginHost::PluginHost(Console& console, bool verbose, Transcript* transcript)
     : console_(console)
     , verbose_(verbose)
@@ -202,7 +180,10 @@ void PluginHost::report(const QString& json, const QVeltraHardwareUnit* unit)
 void PluginHost::printImage(
     QVeltraHardwareUnit* unit, const QImage& image, const QImage& black, const QString& description)
 {
-    ++observations_.images[unit];
+    // A failed read-out still delivers its result, with a null image: that
+    // is no image.
+    if (!image.isNull())
+        ++observations_.images[unit];
     QString line = QStringLiteral("image unit %1 %2").arg(unitName(unit), sizeText(image));
     if (!black.isNull())
         line += QStringLiteral(" black %1").arg(sizeText(black));

@@ -17,6 +17,7 @@
 
 #include "host/VeltraXRayHardware.h"
 #include "tools/Console.h"
+#include "tools/FailureLines.h"
 
 namespace korux {
 
@@ -29,14 +30,10 @@ struct Observations {
     int failureLines = 0; // log lines that tell of a failure, both channels
     QStringList reports; // JSON reports (dataRead), family and units
     QVector<hardwareStatus> familyStatuses;
-    // Last status each unit reported, and the images it delivered.
+    // Last status each unit reported, and the (non-null) images it delivered.
     QHash<const QVeltraHardwareUnit*, hardwareStatus> unitStatus;
     QHash<const QVeltraHardwareUnit*, int> images;
 };
-
-// True for the plug-in's log lines that report a failure: those it colours
-// red, and its uncoloured flash and sensor-information failures.
-bool isFailureLine(const QString& text);
 
 class PluginHost {
 public:

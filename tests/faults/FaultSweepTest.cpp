@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "flash/FlashProtocol.h"
 #include "support/PluginHarness.h"
+#include "tools/FailureLines.h"
 
 using testing_support::PluginHarness;
 
@@ -26,39 +26,6 @@ constexpr uint32_t kIoError = 4;
 constexpr int kSettleTimeoutMs = 4000;
 
 enum class Fault { None, FailingCall, Unplug };
-
-// The exposure starts with the arming and is still running at the first
-// polling tick (100 ms, with 200 ms to spare for a busy machine); the second
-// tick finds the image ready, so the sequence passes every polling state in
-// two ticks.
-vbridge::SensorConfig sweepSensor()
-{
-    vbridge::SensorConfig config;
-    config.exposure.delayMs = 0;
-    config.exposure.durationMs = 300;
-    config.readoutMs = 0;
-    return config;
-}
-
-uint32_t storedCounter()
-{
-    const std::vector<uint8_t> area =
-        PluginHarness::bridge().flashContents(0, korux::kShootCounterAddress, korux::kShootCounterAreaSize);
-    return korux::scanShootCounter(area.data()).value;
-}
-
-bool isFailureLine(const QString& line)
-{
-    static const char* const kUncoloured[] = { "Unable to read binary image", "readFlash failed!",
-        "Sensor is not ready", "Sensor serial not readable", "Sensor size not readable", "SPI r/w error",
-        "no data to be read!" };
-    if (line.startsWith(QLatin1String("[red")))
-        return true;
-    for (const char* start : kUncoloured)
-        if (line.startsWith(QLatin1String(start)))
-            return true;
-    return false;
-}
 
 struct RunResult {
     bool settled = false;
@@ -85,8 +52,8 @@ RunResult runSequence(Fault fault, uint64_t call)
 {
     PluginHarness host;
     host.bridge().setTraceEnabled(false);
-    host.bridge().addSensor(sweepSensor());
-    const uint32_t before = storedCounter();
+    host.bridge().addSensor(PluginHarness::twoTickSensor());
+    const uint32_t before = PluginHarness::storedCounter();
     if (fault == Fault::FailingCall)
         host.bridge().failCallNumber(call, kIoError);
     else if (fault == Fault::Unplug)
@@ -123,7 +90,7 @@ RunResult runSequence(Fault fault, uint64_t call)
         result.imageIntact = same;
     }
     result.failureLogged = std::any_of(
-        host.seen().all.begin(), host.seen().all.end(), [](const QString& line) { return isFailureLine(line); });
+        host.seen().all.begin(), host.seen().all.end(), [](const QString& line) { return korux::isFailureLine(line); });
     result.openHandles = host.bridge().openHandleCount();
     result.unitStatus = host.unitCount() > 0 ? host.unit(0)->status() : -1;
     result.lastLines = host.seen().all.mid(std::max(0, host.seen().all.size() - 6)).join(QStringLiteral(" | "));
@@ -131,7 +98,7 @@ RunResult runSequence(Fault fault, uint64_t call)
     host.bridge().clearFaults();
     if (!host.bridge().isPlugged(0))
         host.bridge().plug(0);
-    result.counterAdvance = int64_t(storedCounter()) - int64_t(before);
+    result.counterAdvance = int64_t(PluginHarness::storedCounter()) - int64_t(before);
     host.initialize();
     result.foundAgain = host.family().status() == statusSensorFound && host.unitCount() == 1;
     return result;

@@ -105,14 +105,12 @@ TEST(Unit, GeneratorKeepsItsTexts)
     EXPECT_EQ(generator.serial(), "123");
 }
 
-TEST(Unit, StartsWithDefaults)
+// Every property of a unit holds its empty default.
+void expectDefaultProperties(const QVeltraHardwareUnit& unit)
 {
-    QVeltraHardwareUnit unit;
-    EXPECT_TRUE(unit.initializeVeltraHardware());
     EXPECT_EQ(unit.size(), sizeUnknown);
     EXPECT_EQ(unit.technology(), technologyUnknown);
     EXPECT_EQ(unit.protocol(), protocolUnknown);
-    EXPECT_EQ(unit.status(), statusUnknown);
     EXPECT_TRUE(unit.model().isEmpty());
     EXPECT_TRUE(unit.serial().isEmpty());
     EXPECT_TRUE(unit.sensorSerial().isEmpty());
@@ -121,6 +119,14 @@ TEST(Unit, StartsWithDefaults)
     EXPECT_TRUE(unit.oscilloscope().isEmpty());
     EXPECT_TRUE(unit.binaryImage().isNull());
     EXPECT_TRUE(unit.blackImage().isNull());
+}
+
+TEST(Unit, StartsWithDefaults)
+{
+    QVeltraHardwareUnit unit;
+    EXPECT_TRUE(unit.initializeVeltraHardware());
+    expectDefaultProperties(unit);
+    EXPECT_EQ(unit.status(), statusUnknown);
 }
 
 TEST(Unit, SettersStoreAndResettersRestoreTheDefaults)
@@ -163,17 +169,7 @@ TEST(Unit, SettersStoreAndResettersRestoreTheDefaults)
     unit.resetOscilloscope();
     unit.resetBinaryImage();
     unit.resetBlackImage();
-    EXPECT_EQ(unit.size(), sizeUnknown);
-    EXPECT_EQ(unit.technology(), technologyUnknown);
-    EXPECT_EQ(unit.protocol(), protocolUnknown);
-    EXPECT_TRUE(unit.model().isEmpty());
-    EXPECT_TRUE(unit.serial().isEmpty());
-    EXPECT_TRUE(unit.sensorSerial().isEmpty());
-    EXPECT_TRUE(unit.boardSerial().isEmpty());
-    EXPECT_TRUE(unit.firmware().isEmpty());
-    EXPECT_TRUE(unit.oscilloscope().isEmpty());
-    EXPECT_TRUE(unit.binaryImage().isNull());
-    EXPECT_TRUE(unit.blackImage().isNull());
+    expectDefaultProperties(unit);
 }
 
 TEST(Unit, SetStatusStoresThenEmits)

@@ -10,11 +10,6 @@ using namespace testing_support;
 
 namespace {
 
-uint32_t counterIn(const std::vector<uint8_t>& slot)
-{
-    return (uint32_t(slot[0]) << 24) | (uint32_t(slot[1]) << 16) | (uint32_t(slot[2]) << 8) | slot[3];
-}
-
 class AcquisitionTest : public ::testing::Test {
 protected:
     PluginHarness host;
@@ -40,18 +35,6 @@ protected:
         return host.runUntil([this] { return host.family().status() == statusAcquired; }, timeoutMs);
     }
 
-    uint32_t storedCounter(int sensor = 0)
-    {
-        std::vector<uint8_t> area = host.bridge().flashContents(sensor, 0xFA0000, 16384);
-        uint32_t best = 0;
-        for (size_t i = 0; i < area.size(); i += 4) {
-            const uint32_t value = counterIn({area.begin() + i, area.begin() + i + 4});
-            if (value != 0xFFFFFFFF)
-                best = std::max(best, value);
-        }
-        return best;
-    }
-
     // The unit's own status changes, for polling that ends on the unit.
     bool waitForLog(const QString& line, int timeoutMs = 5000)
     {
@@ -64,7 +47,7 @@ protected:
 TEST_F(AcquisitionTest, ShortExposureGoesFromArmedToDeliveredImage)
 {
     start();
-    const uint32_t before = storedCounter();
+    const uint32_t before = host.storedCounter();
     ASSERT_TRUE(acquire());
     EXPECT_EQ(host.seen().statuses, (std::vector<int>{statusArming, statusArmed, statusAcquiring, statusAcquired}));
     ASSERT_EQ(host.seen().images.size(), 1u);
@@ -73,7 +56,7 @@ TEST_F(AcquisitionTest, ShortExposureGoesFromArmedToDeliveredImage)
     EXPECT_EQ(delivered.image.size(), QSize(1000, 1506));
     EXPECT_EQ(delivered.image.format(), QImage::Format_Grayscale16);
     EXPECT_TRUE(delivered.description.contains("\r\ndirectUnarmed=true\r\n"));
-    EXPECT_EQ(storedCounter(), before + 1);
+    EXPECT_EQ(host.storedCounter(), before + 1);
     EXPECT_TRUE(host.seen().hasLog("[green]sensor armed"));
     EXPECT_TRUE(host.seen().hasLog("[cyan]Acquired"));
 }
@@ -301,7 +284,7 @@ TEST_F(AcquisitionTest, FailedBlockInTheMiddleDeliversNoStaleImage)
     start();
     ASSERT_TRUE(acquire());
     ASSERT_FALSE(host.seen().images[0].image.isNull());
-    const uint32_t counter = storedCounter();
+    const uint32_t counter = host.storedCounter();
     // When the next read-out starts, its third transfer (block 1) fails.
     QObject::connect(host.unit(), &QVeltraHardwareUnit::statusChanged, [&](hardwareStatus status) {
         if (status == statusAcquiring)
@@ -314,7 +297,7 @@ TEST_F(AcquisitionTest, FailedBlockInTheMiddleDeliversNoStaleImage)
     EXPECT_TRUE(host.seen().images[1].image.isNull());
     EXPECT_TRUE(host.seen().hasLog("Unable to read binary image block #1"));
     // The host still gets its acquisition, and the shot is counted.
-    EXPECT_EQ(storedCounter(), counter + 1);
+    EXPECT_EQ(host.storedCounter(), counter + 1);
 }
 
 TEST_F(AcquisitionTest, NotReadySensorIsRetriedOnceThenFails)

@@ -77,18 +77,6 @@ protected:
         host.bridge().clearTrace();
     }
 
-    static uint32_t storedCounter(int sensor)
-    {
-        const std::vector<uint8_t> area = PluginHarness::bridge().flashContents(sensor, 0xFA0000, 16384);
-        uint32_t best = 0;
-        for (size_t i = 0; i < area.size(); i += 4) {
-            const uint32_t value = (uint32_t(area[i]) << 24) | (uint32_t(area[i + 1]) << 16)
-                                   | (uint32_t(area[i + 2]) << 8) | area[i + 3];
-            if (value != 0xFFFFFFFF)
-                best = std::max(best, value);
-        }
-        return best;
-    }
 };
 
 }  // namespace
@@ -186,13 +174,13 @@ TEST_F(DispatchTest, UnitStatusesReachTheFamilyOnlyFromIntegratingOn)
 TEST_F(DispatchTest, UnitCommandFindsTheUnitByItsSerial)
 {
     start(2);
-    const uint32_t first = storedCounter(0);
-    const uint32_t second = storedCounter(1);
+    const uint32_t first = PluginHarness::storedCounter(0);
+    const uint32_t second = PluginHarness::storedCounter(1);
     QString serial;
     ASSERT_TRUE(KoruxFamilyAccess::readSerialNumber(host.family(), 1, serial));
     host.family().gotoUnitStatus(serial, commandIncreaseShootCounter);
-    EXPECT_EQ(storedCounter(0), first);
-    EXPECT_EQ(storedCounter(1), second + 1);
+    EXPECT_EQ(PluginHarness::storedCounter(0), first);
+    EXPECT_EQ(PluginHarness::storedCounter(1), second + 1);
     EXPECT_TRUE(host.seen().hasAdvanced(QString("gotoUnitStatus for %1 status 1009").arg(serial)));
 }
 
@@ -201,10 +189,10 @@ TEST_F(DispatchTest, UnitCommandWithTheSerialInOtherCaseFindsNothing)
     start(1);
     QString serial;
     ASSERT_TRUE(KoruxFamilyAccess::readSerialNumber(host.family(), 0, serial));
-    const uint32_t before = storedCounter(0);
+    const uint32_t before = PluginHarness::storedCounter(0);
     host.seen().clear();
     host.family().gotoUnitStatus(serial.toLower(), commandIncreaseShootCounter);
-    EXPECT_EQ(storedCounter(0), before);
+    EXPECT_EQ(PluginHarness::storedCounter(0), before);
     EXPECT_EQ(host.seen().rejected, 0);
 }
 

@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "flash/FlashProtocol.h"
 #include "support/PluginHarness.h"
 
 using testing_support::PluginHarness;
@@ -32,36 +31,17 @@ long residentBytes()
     return resident < 0 ? -1 : resident * sysconf(_SC_PAGESIZE);
 }
 
-uint32_t storedCounter(int sensor)
-{
-    const std::vector<uint8_t> area =
-        PluginHarness::bridge().flashContents(sensor, korux::kShootCounterAddress, korux::kShootCounterAreaSize);
-    return korux::scanShootCounter(area.data()).value;
-}
-
-// The exposure starts with the arming and runs over the first polling tick
-// (100 ms, with 200 ms to spare for a busy machine); the second tick finds the
-// image ready, so a shot takes two ticks.
-vbridge::SensorConfig soakSensor()
-{
-    vbridge::SensorConfig config;
-    config.exposure.delayMs = 0;
-    config.exposure.durationMs = 300;
-    config.readoutMs = 0;
-    return config;
-}
-
 void soak(int sensors, int shots)
 {
     PluginHarness host;
     host.bridge().setTraceEnabled(false);
     for (int i = 0; i < sensors; ++i)
-        host.bridge().addSensor(soakSensor());
+        host.bridge().addSensor(PluginHarness::twoTickSensor());
     ASSERT_TRUE(host.initialize());
     ASSERT_EQ(host.unitCount(), sensors);
     std::vector<uint32_t> before;
     for (int i = 0; i < sensors; ++i)
-        before.push_back(storedCounter(i));
+        before.push_back(PluginHarness::storedCounter(i));
 
     host.family().gotoStatus(statusFpgaUpdating);
     ASSERT_EQ(host.family().status(), statusFpgaUpdated);
@@ -93,7 +73,7 @@ void soak(int sensors, int shots)
 
     EXPECT_EQ(delivered, sensors * shots);
     for (int i = 0; i < sensors; ++i)
-        EXPECT_EQ(storedCounter(i), before[i] + static_cast<uint32_t>(shots)) << "sensor " << i;
+        EXPECT_EQ(PluginHarness::storedCounter(i), before[i] + static_cast<uint32_t>(shots)) << "sensor " << i;
     ASSERT_GT(warm, 0);
     EXPECT_LT(last - warm, kGrowthLimitBytes) << "resident " << warm << " bytes after shot " << kWarmUpShots
                                                << ", " << last << " after the last";

@@ -14,6 +14,7 @@
 #include <QTimer>
 #include <QVector>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
@@ -121,6 +122,34 @@ public:
     }
 
     static vbridge::VirtualBridge& bridge() { return vbridge::VirtualBridge::instance(); }
+
+    // The shot counter as the sensor's flash holds it: the largest of the
+    // big-endian slots at 0xFA0000 that are not erased. Read here from the
+    // bytes, independently of the plug-in's own scan.
+    static uint32_t storedCounter(int sensor = 0)
+    {
+        const std::vector<uint8_t> area = bridge().flashContents(sensor, 0xFA0000, 16384);
+        uint32_t best = 0;
+        for (size_t i = 0; i + 4 <= area.size(); i += 4) {
+            const uint32_t value = (uint32_t(area[i]) << 24) | (uint32_t(area[i + 1]) << 16)
+                | (uint32_t(area[i + 2]) << 8) | area[i + 3];
+            if (value != 0xFFFFFFFF)
+                best = std::max(best, value);
+        }
+        return best;
+    }
+
+    // A sensor whose exposure starts with the arming and runs over the first
+    // polling tick (100 ms, with 200 ms to spare for a busy machine), so the
+    // second tick finds the image ready: a whole shot in two ticks.
+    static vbridge::SensorConfig twoTickSensor()
+    {
+        vbridge::SensorConfig config;
+        config.exposure.delayMs = 0;
+        config.exposure.durationMs = 300;
+        config.readoutMs = 0;
+        return config;
+    }
 
     QVeltraXRayKORUXPlugIn& family() { return *family_; }
     SignalLog& seen() { return signals_; }
