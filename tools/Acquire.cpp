@@ -14,11 +14,11 @@ namespace {
 
 constexpr double kDefaultTimeoutSeconds = 60;
 
-// Statuses that end a unit's part of one shot.
+// Statuses that end a unit's part of one shot: its image delivered, a
+// failure, or a sensor that was already off when stopped.
 bool shotEnded(hardwareStatus status)
 {
-    return status == statusAcquired || status == statusError || status == statusStopped
-        || status == statusAborted;
+    return status == statusAcquired || status == statusError || status == statusStopped;
 }
 
 // True when no unit is armed or in an acquisition.

@@ -119,8 +119,15 @@ QString usageText()
     return text + QString::fromLatin1(kUsageTail);
 }
 
-bool parseCommandLine(const Command& command, const QStringList& arguments, CommandLine* line, QString* error)
+bool parseCommandLine(
+    const Command& command, const QStringList& arguments, const QString& serial, CommandLine* line, QString* error)
 {
+    if (!serial.isEmpty() && !command.forOneUnit) {
+        *error = QStringLiteral("%1 acts on the whole family; --serial does not apply").arg(command.name);
+        return false;
+    }
+    line->words = arguments;
+    line->serial = serial;
     const QStringList flags = words(command.flags);
     const QStringList valueOptions = words(command.valueOptions);
     for (int i = 0; i < arguments.size(); ++i) {
@@ -155,25 +162,14 @@ bool parseCommandLine(const Command& command, const QStringList& arguments, Comm
     return true;
 }
 
-int runCommand(Session& session, const Command& command, const QStringList& arguments, const QString& serial)
+int runCommand(Session& session, const Command& command, const CommandLine& line)
 {
-    CommandLine line;
-    QString error;
-    if (!parseCommandLine(command, arguments, &line, &error)) {
-        session.console.error(QStringLiteral("korux: ") + error);
-        return kExitUsage;
-    }
-    if (!serial.isEmpty() && !command.forOneUnit) {
-        session.console.error(
-            QStringLiteral("korux: %1 acts on the whole family; --serial does not apply").arg(command.name));
-        return kExitUsage;
-    }
-    session.serial = serial;
+    session.serial = line.serial;
     if (session.transcript) {
         QJsonObject fields { { QStringLiteral("command"), QString::fromLatin1(command.name) },
-            { QStringLiteral("arguments"), QJsonArray::fromStringList(arguments) } };
-        if (!serial.isEmpty())
-            fields.insert(QStringLiteral("serial"), serial);
+            { QStringLiteral("arguments"), QJsonArray::fromStringList(line.words) } };
+        if (!line.serial.isEmpty())
+            fields.insert(QStringLiteral("serial"), line.serial);
         if (session.scriptLine > 0)
             fields.insert(QStringLiteral("line"), session.scriptLine);
         session.transcript->record(QStringLiteral("command"), fields);

@@ -33,8 +33,11 @@ struct Session {
     int scriptLine = 0;
 };
 
-// A command's own words after korux's options are taken out.
+// A command's own words after korux's options are taken out, checked and
+// split, with the unit it is for.
 struct CommandLine {
+    QStringList words; // as given, for the transcript
+    QString serial; // --serial; empty: every unit
     QStringList positional;
     QSet<QString> flags;
     QMap<QString, QString> values;
@@ -63,13 +66,14 @@ const std::vector<Command>& commandTable();
 const Command* findCommand(const QString& name);
 QString usageText();
 
-// Splits a command's words into positional arguments and its options;
-// false with the reason in error.
-bool parseCommandLine(const Command& command, const QStringList& words, CommandLine* line, QString* error);
+// Splits a command's words into positional arguments and its options and
+// checks them, and that --serial (serial) applies to the command; false
+// with the reason in error.
+bool parseCommandLine(
+    const Command& command, const QStringList& words, const QString& serial, CommandLine* line, QString* error);
 
-// Checks the words against the command and runs it with serial as the unit
-// it is for. Usage errors are reported and give kExitUsage.
-int runCommand(Session& session, const Command& command, const QStringList& words, const QString& serial);
+// Runs a command on its checked line, in the transcript too.
+int runCommand(Session& session, const Command& command, const CommandLine& line);
 
 // The handlers, by file.
 int runHelp(Session& session, const CommandLine& line);

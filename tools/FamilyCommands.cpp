@@ -215,11 +215,18 @@ int requireUnits(Session& session)
     return kExitOk;
 }
 
-Outcome sendFamilyCommand(Session& session, hardwareStatus command)
+namespace {
+
+// Sends one command (gotoStatus, or gotoUnitStatus for the chosen serial),
+// lets its queued signals run, and sums up what the plug-in said.
+Outcome send(Session& session, hardwareStatus command, bool toUnit)
 {
     PluginHost& host = *session.host;
     host.clearObservations();
-    host.family()->gotoStatus(command);
+    if (toUnit)
+        host.family()->gotoUnitStatus(session.serial, command);
+    else
+        host.family()->gotoStatus(command);
     host.connectUnits();
     host.settle(kSettleMs);
     const Observations& seen = host.observations();
@@ -231,20 +238,16 @@ Outcome sendFamilyCommand(Session& session, hardwareStatus command)
     return outcome;
 }
 
+} // namespace
+
+Outcome sendFamilyCommand(Session& session, hardwareStatus command)
+{
+    return send(session, command, false);
+}
+
 Outcome sendUnitCommand(Session& session, hardwareStatus command)
 {
-    if (session.serial.isEmpty())
-        return sendFamilyCommand(session, command);
-    PluginHost& host = *session.host;
-    host.clearObservations();
-    host.family()->gotoUnitStatus(session.serial, command);
-    host.settle(kSettleMs);
-    const Observations& seen = host.observations();
-    Outcome outcome;
-    outcome.failureLines = seen.failureLines;
-    outcome.reports = seen.reports;
-    outcome.status = host.family()->status();
-    return outcome;
+    return send(session, command, !session.serial.isEmpty());
 }
 
 int cycleExit(Session& session, const Outcome& outcome, std::initializer_list<hardwareStatus> expected)

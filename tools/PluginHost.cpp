@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEvent>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTimer>
@@ -82,7 +83,6 @@ void PluginHost::connectFamily()
 {
     QObject* context = context_.get();
     QObject::connect(family_, &QVeltraHardwareFamily::statusChanged, context, [this](hardwareStatus status) {
-        observations_.familyStatuses.append(status);
         console_.out(statusLine(status));
         if (transcript_)
             transcript_->record(QStringLiteral("status"), statusFields(status));
@@ -168,7 +168,11 @@ void PluginHost::report(const QString& json, const QVeltraHardwareUnit* unit)
         return;
     QJsonObject fields;
     const QJsonDocument document = QJsonDocument::fromJson(json.toUtf8());
-    if (document.isObject())
+    // A report is a list of sections; anything that does not parse is kept
+    // as its text.
+    if (document.isArray())
+        fields.insert(QStringLiteral("report"), document.array());
+    else if (document.isObject())
         fields.insert(QStringLiteral("report"), document.object());
     else
         fields.insert(QStringLiteral("text"), json);

@@ -29,7 +29,6 @@ struct Observations {
     int rejected = 0;
     int failureLines = 0; // log lines that tell of a failure, both channels
     QStringList reports; // JSON reports (dataRead), family and units
-    QVector<hardwareStatus> familyStatuses;
     // Last status each unit reported, and the (non-null) images it delivered.
     QHash<const QVeltraHardwareUnit*, hardwareStatus> unitStatus;
     QHash<const QVeltraHardwareUnit*, int> images;

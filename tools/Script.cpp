@@ -17,8 +17,7 @@ struct ScriptLine {
     int number = 0;
     QString text;
     const Command* command = nullptr;
-    QStringList arguments;
-    QString serial;
+    CommandLine commandLine;
 };
 
 bool parseLine(const QString& text, ScriptLine* line, QString* error)
@@ -42,12 +41,7 @@ bool parseLine(const QString& text, ScriptLine* line, QString* error)
         *error = QStringLiteral("a script cannot run another script");
         return false;
     }
-    CommandLine checked;
-    if (!parseCommandLine(*line->command, options.arguments, &checked, error))
-        return false;
-    line->arguments = options.arguments;
-    line->serial = options.serial;
-    return true;
+    return parseCommandLine(*line->command, options.arguments, options.serial, &line->commandLine, error);
 }
 
 } // namespace
@@ -88,7 +82,7 @@ int runScript(Session& session, const CommandLine& line)
     for (const ScriptLine& scriptLine : lines) {
         session.console.out(QStringLiteral("korux> %1").arg(scriptLine.text));
         session.scriptLine = scriptLine.number;
-        const int result = runCommand(session, *scriptLine.command, scriptLine.arguments, scriptLine.serial);
+        const int result = runCommand(session, *scriptLine.command, scriptLine.commandLine);
         session.scriptLine = 0;
         if (result == kExitOk)
             continue;

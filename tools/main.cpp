@@ -69,11 +69,8 @@ int main(int argc, char** argv)
     if (!command)
         return usageError(console, QStringLiteral("unknown command \"%1\"").arg(options.command));
     CommandLine line;
-    if (!parseCommandLine(*command, options.arguments, &line, &error))
+    if (!parseCommandLine(*command, options.arguments, options.serial, &line, &error))
         return usageError(console, error);
-    if (!options.serial.isEmpty() && !command->forOneUnit)
-        return usageError(console,
-            QStringLiteral("%1 acts on the whole family; --serial does not apply").arg(command->name));
 
     console.setColour(wantColour(options.color));
     if (options.timeScaleSet)
@@ -88,7 +85,7 @@ int main(int argc, char** argv)
     if (transcript.isOpen())
         session.transcript = &transcript;
     if (!command->needsPlugin)
-        return runCommand(session, *command, options.arguments, options.serial);
+        return runCommand(session, *command, line);
 
     // The bridge goes first: the plug-in's "libft4222.so" is bound to
     // whichever library of that name is loaded when the plug-in is.
@@ -114,5 +111,5 @@ int main(int argc, char** argv)
         host.family()->setDirectory(QDir(options.directory));
 
     session.host = &host;
-    return runCommand(session, *command, options.arguments, options.serial);
+    return runCommand(session, *command, line);
 }

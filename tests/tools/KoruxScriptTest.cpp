@@ -118,7 +118,10 @@ TEST_F(KoruxScript, TranscriptLinesCarryTimeEventAndWhatHappened)
             EXPECT_TRUE(line.value(QStringLiteral("description")).toString().contains(QStringLiteral("[SENSOR]")));
         }
         if (line.value(QStringLiteral("event")) == QLatin1String("report")) {
-            EXPECT_TRUE(line.value(QStringLiteral("report")).isObject() || line.contains(QStringLiteral("text")));
+            // The report itself, parsed: a list of sections named after the family.
+            const QJsonArray sections = line.value(QStringLiteral("report")).toArray();
+            ASSERT_FALSE(sections.isEmpty()) << QJsonDocument(line).toJson().toStdString();
+            EXPECT_TRUE(sections.first().toObject().keys().value(0).startsWith(QStringLiteral("KORUX-KORUX2 Series")));
         }
     }
     // run itself and its two lines.
@@ -135,6 +138,14 @@ TEST_F(KoruxScript, EveryLineIsCheckedBeforeTheFirstRuns)
     const KoruxRun run = runScript("noop   # a comment\n\nfrobnicate\n");
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_TRUE(run.err.contains(QStringLiteral("procedure.korux:3: unknown command \"frobnicate\""))) << run.err;
+    EXPECT_FALSE(run.out.contains(QStringLiteral("statusNoOpBegin"))) << run.out;
+}
+
+TEST_F(KoruxScript, SerialOnAFamilyCommandIsFoundBeforeTheFirstLineRuns)
+{
+    const KoruxRun run = runScript("noop\n--serial 0123456789ABCDEF enumerate\n");
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_TRUE(run.err.contains(QStringLiteral("procedure.korux:2: enumerate acts on the whole family"))) << run.err;
     EXPECT_FALSE(run.out.contains(QStringLiteral("statusNoOpBegin"))) << run.out;
 }
 
