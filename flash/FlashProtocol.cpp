@@ -13,10 +13,11 @@ std::array<uint8_t, kQuadReadOpcodeBytes + kQuadReadAddressBytes> quadReadFrame(
 std::vector<uint8_t> pageProgramFrame(uint32_t address, const uint8_t* data)
 {
     const auto a = flashAddressBytes(address);
-    std::vector<uint8_t> frame(4 + kFlashPageSize);
+    // Opcode and three address bytes, then the page.
+    std::vector<uint8_t> frame(1 + a.size() + kFlashPageSize);
     frame[0] = kFlashQuadPageProgram;
     std::copy(a.begin(), a.end(), frame.begin() + 1);
-    std::copy(data, data + kFlashPageSize, frame.begin() + 4);
+    std::copy(data, data + kFlashPageSize, frame.begin() + 1 + a.size());
     return frame;
 }
 
