@@ -14,13 +14,17 @@ namespace {
 
 constexpr char kDescriptionPrefix[] = "KORUX/KORUX\xB2 ";
 constexpr int kDescriptionPrefixLength = 13;
+constexpr int kSuperscriptTwoPosition = 11;
 
 }  // namespace
 
 bool hasSeriesPrefix(const QString& description)
 {
     static const QString prefix = QString::fromUtf8(kDescriptionPrefix);
-    return description.left(kDescriptionPrefixLength) == prefix;
+    QString start = description.left(kDescriptionPrefixLength);
+    if (start.size() > kSuperscriptTwoPosition && start.at(kSuperscriptTwoPosition) == QLatin1Char('?'))
+        start[kSuperscriptTwoPosition] = prefix.at(kSuperscriptTwoPosition);
+    return start == prefix;
 }
 
 int portOfDescription(const QString& description)
@@ -43,6 +47,12 @@ void QVeltraXRayKORUXPlugIn::enumKORUXPlugIn(QString argument)
     setFamilyStatus(statusEnumerating);
     clearHardwareUnitVector();
 
+#if defined(__linux__) || defined(__APPLE__)
+    // The driver on these systems lists only its maker's own USB ids unless
+    // the series' pair is registered first. A failure leaves the list as the
+    // driver makes it, which the steps below then judge.
+    FT_SetVIDPID(kSeriesVendorId, kSeriesProductId);
+#endif
     DWORD count = 0;
     if (FT_CreateDeviceInfoList(&count) != FT_OK) {
         emit logText(QStringLiteral("[red]Fail to Create Device Info List!"));

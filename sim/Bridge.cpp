@@ -12,6 +12,8 @@ namespace {
 
 // Handles are spaced like heap pointers, and never handed out twice.
 constexpr uintptr_t kHandleStep = 0x10;
+// The driver knows the products of its own maker without being told.
+constexpr uint32_t kDriverMakerVendorId = 0x0403;
 
 } // namespace
 
@@ -25,6 +27,8 @@ const std::vector<std::string>& exportedFunctions()
         "FT_Purge",
         "FT_ResetDevice",
         "FT_Close",
+        "FT_SetVIDPID",
+        "FT_GetVIDPID",
         "FT4222_UnInitialize",
         "FT4222_SetClock",
         "FT4222_GetClock",
@@ -88,14 +92,33 @@ std::vector<ListEntry> Bridge::listed() const
     for (const ListEntry& entry : order) {
         if (entry.sensor >= 0) {
             if (static_cast<size_t>(entry.sensor) >= sensors.size() || entry.port < 0
-                || entry.port >= kPortCount || !sensors[static_cast<size_t>(entry.sensor)]->plugged)
+                || entry.port >= kPortCount || !sensors[static_cast<size_t>(entry.sensor)]->plugged
+                || !driverSees(kSeriesDeviceId))
                 continue;
-        } else if (entry.port < 0 || static_cast<size_t>(entry.port) >= foreign.size()) {
+        } else if (entry.port < 0 || static_cast<size_t>(entry.port) >= foreign.size()
+            || !driverSees(foreign[static_cast<size_t>(entry.port)].device.id)) {
             continue;
         }
         entries.push_back(entry);
     }
     return entries;
+}
+
+bool Bridge::driverSees(uint32_t id) const
+{
+    return driver == DriverProfile::Windows || id >> 16 == kDriverMakerVendorId
+        || (registeredIds != 0 && id == registeredIds);
+}
+
+std::string Bridge::driverText(const std::string& text) const
+{
+    if (!nonAsciiAsQuestionMark)
+        return text;
+    std::string ascii = text;
+    for (char& c : ascii)
+        if (static_cast<unsigned char>(c) >= 0x80)
+            c = '?';
+    return ascii;
 }
 
 void Bridge::unplug(int index)

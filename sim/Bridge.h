@@ -24,6 +24,14 @@ struct ForeignInterface {
     uintptr_t handle = 0; // 0 while closed
 };
 
+// One entry of the device list as FT_CreateDeviceInfoList made it: the driver
+// answers the details from this snapshot.
+struct ListedInterface {
+    ListEntry entry;
+    uintptr_t handle = 0; // open in this process then
+    bool heldElsewhere = false; // open in another process then
+};
+
 // What a handle given out by FT_OpenEx refers to.
 struct HandleRecord {
     int sensor = -1; // -1: a foreign device
@@ -52,8 +60,12 @@ public:
 
     VirtualSensor& sensor(int index); // throws std::out_of_range
     int sensorIndexOf(const VirtualSensor& sensor) const;
-    // The interfaces the bus shows now, in list order.
+    // The interfaces the driver shows now, in list order.
     std::vector<ListEntry> listed() const;
+    // The driver lists and opens an interface with these USB ids.
+    bool driverSees(uint32_t id) const;
+    // A text as the driver hands it.
+    std::string driverText(const std::string& text) const;
     void unplug(int sensor);
     void plug(int sensor);
     // A handle value never given out before in this process.
@@ -69,7 +81,7 @@ public:
     std::vector<std::unique_ptr<VirtualSensor>> sensors;
     std::vector<ForeignInterface> foreign;
     std::vector<ListEntry> order;
-    std::vector<ListEntry> snapshot; // the list as the last FT_CreateDeviceInfoList made it
+    std::vector<ListedInterface> snapshot; // the list as the last FT_CreateDeviceInfoList made it
     std::map<uintptr_t, HandleRecord> handles;
 
     std::vector<TraceEntry> trace;
@@ -82,6 +94,10 @@ public:
     std::map<uint64_t, int> unplugAtCall; // absolute call number -> sensor
     std::vector<int> failedDetails;
     bool linkTiming = false;
+
+    DriverProfile driver = kHostDriverProfile;
+    uint32_t registeredIds = 0; // FT_SetVIDPID's pair, 0 when none
+    bool nonAsciiAsQuestionMark = false;
 
 private:
     Bridge() = default;

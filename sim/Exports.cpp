@@ -158,7 +158,8 @@ void copyText(void* target, const std::string& text, size_t size)
     std::memcpy(bytes, text.data(), std::min(text.size(), size - 1));
 }
 
-// The interface FT_OpenEx means, or {-2, 0} when there is none.
+// The interface FT_OpenEx means, or {-2, 0} when there is none. The driver
+// compares the texts it was given with its own, as it hands them out.
 ListEntry findInterface(const Bridge& bridge, void* arg, DWORD flags)
 {
     const uint32_t location = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg));
@@ -170,17 +171,17 @@ ListEntry findInterface(const Bridge& bridge, void* arg, DWORD flags)
             if (flags == FT_OPEN_BY_LOCATION)
                 match = sensor.location(entry.port) == location;
             else if (flags == FT_OPEN_BY_SERIAL_NUMBER)
-                match = sensor.interfaceSerial(entry.port) == key;
+                match = bridge.driverText(sensor.interfaceSerial(entry.port)) == key;
             else
-                match = interfaceDescription(entry.port) == key;
+                match = bridge.driverText(interfaceDescription(entry.port)) == key;
         } else {
             const ForeignDevice& device = bridge.foreign[static_cast<size_t>(entry.port)].device;
             if (flags == FT_OPEN_BY_LOCATION)
                 match = device.location == location;
             else if (flags == FT_OPEN_BY_SERIAL_NUMBER)
-                match = device.serial == key;
+                match = bridge.driverText(device.serial) == key;
             else
-                match = device.description == key;
+                match = bridge.driverText(device.description) == key;
         }
         if (match)
             return entry;
@@ -200,7 +201,20 @@ FT_STATUS WINAPI FT_CreateDeviceInfoList(DWORD* numDevs)
     if (!numDevs)
         return call.finish(FT_INVALID_PARAMETER);
     Bridge& bridge = call.bridge();
-    bridge.snapshot = bridge.listed();
+    // The list is a snapshot: whether an interface is open, here or in
+    // another process, is what it was now.
+    bridge.snapshot.clear();
+    for (const ListEntry& entry : bridge.listed()) {
+        ListedInterface listed { entry, 0, false };
+        if (entry.sensor >= 0) {
+            VirtualSensor& sensor = *bridge.sensors[static_cast<size_t>(entry.sensor)];
+            listed.handle = sensor.interfaces[static_cast<size_t>(entry.port)].handle;
+            listed.heldElsewhere = !listed.handle && sensor.claims.heldElsewhere(entry.port);
+        } else {
+            listed.handle = bridge.foreign[static_cast<size_t>(entry.port)].handle;
+        }
+        bridge.snapshot.push_back(listed);
+    }
     *numDevs = static_cast<DWORD>(bridge.snapshot.size());
     call.args({ *numDevs });
     return call.finish(FT_OK);
@@ -213,7 +227,7 @@ FT_STATUS WINAPI FT_GetDeviceInfoDetail(DWORD index, DWORD* flags, DWORD* type, 
     call.args({ index });
     Bridge& bridge = call.bridge();
     if (index < bridge.snapshot.size()) {
-        const ListEntry entry = bridge.snapshot[index];
+        const ListEntry entry = bridge.snapshot[index].entry;
         if (entry.sensor >= 0)
             call.device(bridge.sensors[static_cast<size_t>(entry.sensor)]->interfaceSerial(entry.port),
                 kPortLetters[entry.port]);
@@ -231,30 +245,43 @@ FT_STATUS WINAPI FT_GetDeviceInfoDetail(DWORD index, DWORD* flags, DWORD* type, 
     if (!flags || !type || !id || !locId || !serialNumber || !description || !handle)
         return call.finish(FT_INVALID_PARAMETER);
 
-    const ListEntry entry = bridge.snapshot[index];
+    const ListedInterface& listed = bridge.snapshot[index];
+    const ListEntry entry = listed.entry;
+    const DWORD opened = listed.handle ? FT_FLAGS_OPENED : 0;
+    // The Linux driver gives no location for an interface that was open.
+    const bool hideLocation = listed.handle && bridge.driver == DriverProfile::Linux;
+    *handle = reinterpret_cast<FT_HANDLE>(listed.handle);
     if (entry.sensor < 0) {
-        const ForeignInterface& device = bridge.foreign[static_cast<size_t>(entry.port)];
-        *flags = FT_FLAGS_HISPEED | (device.handle ? FT_FLAGS_OPENED : 0);
-        *type = device.device.type;
-        *id = device.device.id;
-        *locId = device.device.location;
-        copyText(serialNumber, device.device.serial, 16);
-        copyText(description, device.device.description, 64);
-        *handle = reinterpret_cast<FT_HANDLE>(device.handle);
+        const ForeignDevice& device = bridge.foreign[static_cast<size_t>(entry.port)].device;
+        *flags = FT_FLAGS_HISPEED | opened;
+        *type = device.type;
+        *id = device.id;
+        *locId = hideLocation ? 0 : device.location;
+        copyText(serialNumber, bridge.driverText(device.serial), 16);
+        copyText(description, bridge.driverText(device.description), 64);
         return call.finish(FT_OK);
     }
     const VirtualSensor& sensor = *bridge.sensors[static_cast<size_t>(entry.sensor)];
     // Unplugged since the list was made.
     if (!sensor.plugged)
         return call.finish(FT_DEVICE_NOT_FOUND);
-    const uintptr_t open = sensor.interfaces[static_cast<size_t>(entry.port)].handle;
-    *flags = FT_FLAGS_HISPEED | (open ? FT_FLAGS_OPENED : 0);
-    *type = FT_DEVICE_4222H_0;
+    // Of an interface another process holds, the driver knows only that.
+    if (listed.heldElsewhere) {
+        *flags = FT_FLAGS_OPENED;
+        *type = 0;
+        *id = 0;
+        *locId = 0;
+        copyText(serialNumber, std::string(), 16);
+        copyText(description, std::string(), 64);
+        return call.finish(FT_OK);
+    }
+    *flags = FT_FLAGS_HISPEED | opened;
+    // A bridge that shows four interfaces runs in chip mode 1 or 2.
+    *type = FT_DEVICE_4222H_1_2;
     *id = kSeriesDeviceId;
-    *locId = sensor.location(entry.port);
-    copyText(serialNumber, sensor.interfaceSerial(entry.port), 16);
-    copyText(description, interfaceDescription(entry.port), 64);
-    *handle = reinterpret_cast<FT_HANDLE>(open);
+    *locId = hideLocation ? 0 : sensor.location(entry.port);
+    copyText(serialNumber, bridge.driverText(sensor.interfaceSerial(entry.port)), 16);
+    copyText(description, bridge.driverText(interfaceDescription(entry.port)), 64);
     return call.finish(FT_OK);
 }
 
@@ -287,11 +314,12 @@ FT_STATUS WINAPI FT_OpenEx(void* arg, DWORD flags, FT_HANDLE* handle)
     if (target.sensor == -2)
         return call.finish(FT_DEVICE_NOT_FOUND);
 
-    // An interface is opened by one handle at a time, as the driver allows.
+    // An interface is opened by one handle at a time, as the driver allows,
+    // and by one process at a time, as the USB stack allows.
     if (target.sensor >= 0) {
         VirtualSensor& sensor = *bridge.sensors[static_cast<size_t>(target.sensor)];
         VirtualSensor::Interface& interface = sensor.interfaces[static_cast<size_t>(target.port)];
-        if (interface.handle)
+        if (interface.handle || !sensor.claims.claim(target.port))
             return call.finish(FT_DEVICE_NOT_OPENED);
         interface.handle = bridge.newHandle();
         interface.port.clear();
@@ -306,6 +334,37 @@ FT_STATUS WINAPI FT_OpenEx(void* arg, DWORD flags, FT_HANDLE* handle)
         bridge.handles[device.handle] = HandleRecord { -1, target.port, 0 };
         *handle = reinterpret_cast<FT_HANDLE>(device.handle);
     }
+    return call.finish(FT_OK);
+}
+
+// Linux and macOS drivers only: one more vendor/product pair to list and
+// open; it replaces the one registered before.
+FT_STATUS WINAPI FT_SetVIDPID(DWORD vid, DWORD pid)
+{
+    Call call("FT_SetVIDPID");
+    call.args({ vid, pid });
+    if (const uint32_t fault = call.check())
+        return call.finish(fault);
+    Bridge& bridge = call.bridge();
+    if (bridge.driver == DriverProfile::Windows)
+        return call.finish(FT_NOT_SUPPORTED);
+    bridge.registeredIds = (vid & 0xFFFF) << 16 | (pid & 0xFFFF);
+    return call.finish(FT_OK);
+}
+
+FT_STATUS WINAPI FT_GetVIDPID(DWORD* vid, DWORD* pid)
+{
+    Call call("FT_GetVIDPID");
+    if (const uint32_t fault = call.check())
+        return call.finish(fault);
+    Bridge& bridge = call.bridge();
+    if (bridge.driver == DriverProfile::Windows)
+        return call.finish(FT_NOT_SUPPORTED);
+    if (!vid || !pid)
+        return call.finish(FT_INVALID_PARAMETER);
+    *vid = bridge.registeredIds >> 16;
+    *pid = bridge.registeredIds & 0xFFFF;
+    call.args({ *vid, *pid });
     return call.finish(FT_OK);
 }
 
@@ -360,6 +419,7 @@ FT_STATUS WINAPI FT_Close(FT_HANDLE handle)
         VirtualSensor::Interface& interface = sensor.interfaces[static_cast<size_t>(record.port)];
         interface.port.clear();
         interface.handle = 0;
+        sensor.claims.release(record.port);
         // The flash image is brought up to date when port C lets go.
         if (&interface == &sensor.interfaces[2] && sensor.flash.dirty && !sensor.flashImage.empty())
             bridge.saveFlashImage(sensor, nullptr);

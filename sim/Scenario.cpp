@@ -556,10 +556,21 @@ bool readScenario(const QJsonObject& root, const QString& baseDirectory, Scenari
 {
     Reader r(root, "the top level", error);
     QJsonArray sensors, foreign, order, faults;
-    if (!r.allowOnly({ "sensors", "foreign", "order", "faults", "linkTiming" })
-        || !r.boolean("linkTiming", &scenario.linkTiming) || !r.array("sensors", &sensors)
-        || !r.array("foreign", &foreign) || !r.array("order", &order) || !r.array("faults", &faults))
+    std::string driver;
+    if (!r.allowOnly(
+            { "sensors", "foreign", "order", "faults", "linkTiming", "driver", "nonAsciiAsQuestionMark" })
+        || !r.boolean("linkTiming", &scenario.linkTiming) || !r.text("driver", &driver)
+        || !r.boolean("nonAsciiAsQuestionMark", &scenario.nonAsciiAsQuestionMark)
+        || !r.array("sensors", &sensors) || !r.array("foreign", &foreign) || !r.array("order", &order)
+        || !r.array("faults", &faults))
         return false;
+    if (driver == "linux")
+        scenario.driver = DriverProfile::Linux;
+    else if (driver == "windows")
+        scenario.driver = DriverProfile::Windows;
+    else if (r.has("driver"))
+        return r.fail(QStringLiteral("%1 must be \"linux\" or \"windows\", not \"%2\"")
+                          .arg(r.path("driver"), QString::fromStdString(driver)));
     for (int i = 0; i < sensors.size(); ++i) {
         ScenarioSensor sensor;
         if (!readSensor(sensors[i], i, baseDirectory, sensor, error))
@@ -678,6 +689,8 @@ bool load(
         }
     }
     bridge.linkTiming = scenario.linkTiming;
+    bridge.driver = scenario.driver;
+    bridge.nonAsciiAsQuestionMark = scenario.nonAsciiAsQuestionMark;
     return true;
 }
 

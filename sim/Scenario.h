@@ -45,6 +45,8 @@ struct Scenario {
     std::vector<ListEntry> order;
     std::vector<ScenarioFault> faults;
     bool linkTiming = false;
+    DriverProfile driver = kHostDriverProfile;
+    bool nonAsciiAsQuestionMark = false;
 };
 
 // Reads a scenario from JSON text. Relative file names in it are taken from

@@ -20,6 +20,8 @@ namespace {
 // to us; each further sensor sits on the next hub port.
 constexpr uint32_t kFirstLocation = 0x1011;
 constexpr uint32_t kLocationStep = 0x10;
+// The lock file beside a flash image that holds its interfaces' claims.
+constexpr char kClaimSuffix[] = ".claim";
 // Board serial written into the default flash of the first sensor.
 constexpr int kFirstBoardSerial = 1904001;
 
@@ -70,6 +72,10 @@ void VirtualBridge::reset()
     b.unplugAtCall.clear();
     b.failedDetails.clear();
     b.linkTiming = false;
+    // The registered USB ids belong to the driver in this process, not to
+    // the machine: they stay.
+    b.driver = kHostDriverProfile;
+    b.nonAsciiAsQuestionMark = false;
 }
 
 void VirtualBridge::resetToDefault()
@@ -367,10 +373,12 @@ bool VirtualBridge::setFlashImage(int sensor, const std::string& path, std::stri
         }
         s.flash.memory() = std::move(bytes);
         s.flashImage = path;
+        s.claims.setPath(path + kClaimSuffix);
         s.flash.dirty = false;
         return true;
     }
     s.flashImage = path;
+    s.claims.setPath(path + kClaimSuffix);
     return locked.bridge.saveFlashImage(s, error);
 }
 
@@ -500,6 +508,36 @@ void VirtualBridge::setLinkTiming(bool on)
 {
     Locked locked;
     locked.bridge.linkTiming = on;
+}
+
+void VirtualBridge::setDriverProfile(DriverProfile profile)
+{
+    Locked locked;
+    locked.bridge.driver = profile;
+}
+
+DriverProfile VirtualBridge::driverProfile() const
+{
+    Locked locked;
+    return locked.bridge.driver;
+}
+
+uint32_t VirtualBridge::registeredIds() const
+{
+    Locked locked;
+    return locked.bridge.registeredIds;
+}
+
+void VirtualBridge::setRegisteredIds(uint32_t ids)
+{
+    Locked locked;
+    locked.bridge.registeredIds = ids;
+}
+
+void VirtualBridge::setNonAsciiAsQuestionMark(bool on)
+{
+    Locked locked;
+    locked.bridge.nonAsciiAsQuestionMark = on;
 }
 
 int VirtualBridge::openHandleCount() const

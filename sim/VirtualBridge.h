@@ -144,6 +144,22 @@ struct ListEntry {
     int port = 0; // 0..3 for A..D, or the foreign device index
 };
 
+// How the driver of the host's system lists and opens the interfaces.
+enum class DriverProfile {
+    // Every interface is listed, whatever its USB ids.
+    Windows,
+    // (macOS alike.) Only the driver maker's own vendor id (0x0403) and the
+    // one vendor/product pair registered with FT_SetVIDPID are listed or
+    // opened; an interface open in this process lists location 0.
+    Linux,
+};
+
+#ifdef _WIN32
+constexpr DriverProfile kHostDriverProfile = DriverProfile::Windows;
+#else
+constexpr DriverProfile kHostDriverProfile = DriverProfile::Linux;
+#endif
+
 // What the sensor logic last received in an arm frame.
 struct ArmRecord {
     int count = 0; // arm frames received since the sensor was added
@@ -260,6 +276,19 @@ public:
     // FT_GetDeviceInfoDetail fails for this list index until cleared.
     void failDetail(int listIndex);
     void clearFaults();
+
+    // The driver profile (the host system's by default, and after reset).
+    void setDriverProfile(DriverProfile profile);
+    DriverProfile driverProfile() const;
+    // The vendor/product pair FT_SetVIDPID registered (vendor in the high 16
+    // bits), 0 when none was. It stays registered for the process, through
+    // resets and scenarios, as in the driver; setting 0 gives the driver of a
+    // process that registered nothing yet.
+    uint32_t registeredIds() const;
+    void setRegisteredIds(uint32_t ids);
+    // The driver hands each non-ASCII byte of its texts (descriptions and
+    // serials) as '?', as the Linux driver is reported to do for serials.
+    void setNonAsciiAsQuestionMark(bool on);
 
     // Wire time: quad SPI at 40 MHz over USB 2.0 (transfers take as long as
     // on the bus) when on; everything answers at once when off (default).

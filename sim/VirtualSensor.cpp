@@ -48,6 +48,7 @@ void VirtualSensor::powerDown()
 {
     plugged = false;
     ++generation;
+    claims.releaseAll();
     for (Interface& interface : interfaces) {
         interface.handle = 0;
         interface.port.dropPower();

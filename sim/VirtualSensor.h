@@ -10,6 +10,7 @@
 
 #include "sim/Ft4222Port.h"
 #include "sim/GpioBlock.h"
+#include "sim/InterfaceClaims.h"
 #include "sim/NorFlash.h"
 #include "sim/SensorLogic.h"
 #include "sim/VirtualBridge.h"
@@ -49,6 +50,8 @@ public:
     bool powerFailed = false;
     // Image file that keeps the flash contents between runs, if any.
     std::string flashImage;
+    // The interfaces' claims as other processes using that image see them.
+    InterfaceClaims claims;
 
     Ft4222Chip chip;
     SensorLogic logic;

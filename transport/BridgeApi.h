@@ -188,6 +188,10 @@ FT_STATUS WINAPI FT_SetTimeouts(FT_HANDLE handle, ULONG readTimeoutMs, ULONG wri
 FT_STATUS WINAPI FT_Purge(FT_HANDLE handle, ULONG mask);
 FT_STATUS WINAPI FT_ResetDevice(FT_HANDLE handle);
 FT_STATUS WINAPI FT_Close(FT_HANDLE handle);
+// Linux and macOS only: the driver there lists the vendor's own USB ids only,
+// plus the one pair registered here before the list is read.
+FT_STATUS WINAPI FT_SetVIDPID(DWORD vid, DWORD pid);
+FT_STATUS WINAPI FT_GetVIDPID(DWORD* vid, DWORD* pid);
 
 // LibFT4222
 FT4222_STATUS FT4222_UnInitialize(FT_HANDLE handle);

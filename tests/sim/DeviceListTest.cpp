@@ -50,7 +50,7 @@ TEST_F(VbDeviceList, SensorInterfaceHasSeriesIdTypeAndHighSpeedFlag)
     const Detail d = detail(0);
     ASSERT_EQ(d.status, static_cast<FT_STATUS>(FT_OK));
     EXPECT_EQ(d.id, 0x1CE60003u);
-    EXPECT_EQ(d.type, static_cast<DWORD>(FT_DEVICE_4222H_0));
+    EXPECT_EQ(d.type, static_cast<DWORD>(FT_DEVICE_4222H_1_2));
     EXPECT_EQ(d.flags, static_cast<DWORD>(FT_FLAGS_HISPEED));
     EXPECT_EQ(d.handle, nullptr);
 }

@@ -409,3 +409,37 @@ TEST_F(VbScenario, EveryExampleOfTheFormatDocumentLoads)
     }
     EXPECT_GE(examples, 5);
 }
+
+TEST_F(VbScenario, DriverProfileIsChosen)
+{
+    std::string error;
+    ASSERT_TRUE(bridge().loadScenario(write("w.json", R"({"driver": "windows", "sensors": [{}]})"), &error))
+        << error;
+    EXPECT_EQ(bridge().driverProfile(), vbridge::DriverProfile::Windows);
+    ASSERT_TRUE(bridge().loadScenario(write("l.json", R"({"driver": "linux"})"), &error)) << error;
+    EXPECT_EQ(bridge().driverProfile(), vbridge::DriverProfile::Linux);
+}
+
+TEST_F(VbScenario, UnknownDriverProfileIsRefused)
+{
+    prepareKnownMachine();
+    const std::string error = refusal(R"({"driver": "macos"})");
+    EXPECT_NE(error.find("driver must be \"linux\" or \"windows\", not \"macos\""), std::string::npos) << error;
+    expectKnownMachine();
+}
+
+TEST_F(VbScenario, QuestionMarksForNonAsciiAreASwitch)
+{
+    std::string error;
+    ASSERT_TRUE(bridge().loadScenario(write("q.json", R"({"nonAsciiAsQuestionMark": true, "sensors": [{}]})"), &error))
+        << error;
+    listCount();
+    char description[64] = {};
+    char serial[16] = {};
+    DWORD flags = 0, type = 0, id = 0, location = 0;
+    FT_HANDLE handle = nullptr;
+    ASSERT_EQ(FT_GetDeviceInfoDetail(0, &flags, &type, &id, &location, serial, description, &handle),
+        static_cast<FT_STATUS>(FT_OK));
+    EXPECT_STREQ(description, "KORUX/KORUX? A");
+    EXPECT_NE(refusal(R"({"nonAsciiAsQuestionMark": "yes"})").find("must be true or false"), std::string::npos);
+}

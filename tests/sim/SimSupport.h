@@ -93,9 +93,18 @@ struct RawDirections {
     GPIO_Dir table[4];
 };
 
+// USB vendor and product id of the sensor series' bridge.
+constexpr uint32_t kSeriesIds = 0x1CE60003;
+
 class VbTest : public ::testing::Test {
 protected:
-    void SetUp() override { bridge().reset(); }
+    // Each test starts with the series' ids registered with the driver, as a
+    // host does before it lists the devices.
+    void SetUp() override
+    {
+        bridge().reset();
+        bridge().setRegisteredIds(kSeriesIds);
+    }
     void TearDown() override { bridge().reset(); }
 
     static vbridge::VirtualBridge& bridge() { return vbridge::VirtualBridge::instance(); }
