@@ -7,6 +7,7 @@
 #include <link.h>
 
 #include "tools/ExitCodes.h"
+#include "tools/InstallLayout.h"
 
 namespace korux {
 
@@ -53,7 +54,7 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
     const int flags = RTLD_NOW | RTLD_GLOBAL;
     QString requested;
     if (options.bridge == QLatin1String("virtual")) {
-        requested = QDir::cleanPath(executableDirectory + QStringLiteral("/../lib/virtual/") + kBridgeName);
+        requested = virtualBridgeFileFrom(executableDirectory);
         info->handle = dlopen(QFile::encodeName(requested).constData(), flags);
         if (!info->handle) {
             console.error(

@@ -13,6 +13,7 @@
 #include "tools/Commands.h"
 #include "tools/Console.h"
 #include "tools/ExitCodes.h"
+#include "tools/InstallLayout.h"
 #include "tools/Options.h"
 #include "tools/PluginHost.h"
 #include "tools/Transcript.h"
@@ -20,8 +21,6 @@
 using namespace korux;
 
 namespace {
-
-constexpr char kPluginFile[] = "libVeltraXRayKORUX.so";
 
 bool wantColour(ColorMode mode)
 {
@@ -95,9 +94,7 @@ int main(int argc, char** argv)
     if (bridgeResult != kExitOk)
         return bridgeResult;
 
-    const QString pluginPath = options.plugin.isEmpty()
-        ? QDir::cleanPath(executableDirectory + QStringLiteral("/../lib/") + kPluginFile)
-        : options.plugin;
+    const QString pluginPath = options.plugin.isEmpty() ? pluginFileFrom(executableDirectory) : options.plugin;
     PluginHost host(console, options.verbose, session.transcript);
     const int loadResult = host.load(pluginPath);
     if (loadResult != kExitOk)

@@ -1,0 +1,66 @@
+# What `cmake --install` puts where, in four components that are also the
+# Debian packages (see cmake/Packaging.cmake):
+#   runtime      the framework library a host links
+#   development  its header, CMake package and pkg-config file
+#   plugin       the plug-in a host loads
+#   tool         korux, the virtual bridge, the udev rule, the manual page,
+#                the bash completion and the documentation
+include(CMakePackageConfigHelpers)
+
+install(TARGETS VeltraXRayHardware EXPORT VeltraXRayHardwareTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/VeltraXRayHardware COMPONENT development)
+
+# A plug-in is loaded by its file name: no version, no name link.
+install(TARGETS VeltraXRayKORUX
+  LIBRARY DESTINATION ${KORUX_INSTALL_PLUGINDIR} COMPONENT plugin NAMELINK_SKIP)
+
+install(TARGETS virtualbridge
+  LIBRARY DESTINATION ${KORUX_INSTALL_BRIDGEDIR} COMPONENT tool NAMELINK_SKIP)
+
+if(TARGET korux)
+  install(TARGETS korux RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+endif()
+
+# The udev rule goes where udev reads the rules of installed packages.
+foreach(rule ${CMAKE_SOURCE_DIR}/packaging/udev/60-korux.rules)
+  if(EXISTS ${rule})
+    install(FILES ${rule} DESTINATION lib/udev/rules.d COMPONENT tool)
+  endif()
+endforeach()
+if(EXISTS ${CMAKE_SOURCE_DIR}/docs/korux.1)
+  install(FILES ${CMAKE_SOURCE_DIR}/docs/korux.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+endif()
+if(EXISTS ${CMAKE_SOURCE_DIR}/packaging/bash-completion/korux)
+  install(FILES ${CMAKE_SOURCE_DIR}/packaging/bash-completion/korux
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tool)
+endif()
+install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/scenario.md
+  DESTINATION ${KORUX_INSTALL_DOCDIR} COMPONENT tool)
+
+# The CMake package: the framework as an imported target, and where the
+# plug-in and the virtual bridge lie, all relative to the package's own
+# location so that an unpacked tree works wherever it is.
+install(EXPORT VeltraXRayHardwareTargets
+  NAMESPACE VeltraXRayHardware::
+  DESTINATION ${KORUX_INSTALL_CMAKEDIR} COMPONENT development)
+configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/VeltraXRayHardwareConfig.cmake.in
+  ${CMAKE_BINARY_DIR}/cmake/VeltraXRayHardwareConfig.cmake
+  INSTALL_DESTINATION ${KORUX_INSTALL_CMAKEDIR}
+  PATH_VARS KORUX_INSTALL_PLUGINDIR KORUX_INSTALL_BRIDGEDIR CMAKE_INSTALL_INCLUDEDIR)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/cmake/VeltraXRayHardwareConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/cmake/VeltraXRayHardwareConfig.cmake
+  ${CMAKE_BINARY_DIR}/cmake/VeltraXRayHardwareConfigVersion.cmake
+  DESTINATION ${KORUX_INSTALL_CMAKEDIR} COMPONENT development)
+
+# pkg-config, with paths relative to its own directory (${pcfiledir}).
+file(RELATIVE_PATH KORUX_PC_TO_PREFIX
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" KORUX_PC_TO_PREFIX "${KORUX_PC_TO_PREFIX}")
+configure_file(${CMAKE_SOURCE_DIR}/packaging/veltraxrayhardware.pc.in
+  ${CMAKE_BINARY_DIR}/packaging/veltraxrayhardware.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/veltraxrayhardware.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+include(${CMAKE_SOURCE_DIR}/cmake/Packaging.cmake)
