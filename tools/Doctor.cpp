@@ -217,11 +217,14 @@ NodeAccess checkNode(const QString& node, const Credentials& who)
         return access;
     access.exists = true;
     std::vector<AclEntry> acl;
-    QByteArray xattr(256, '\0');
-    const ssize_t size = getxattr(path.constData(), kAclAttribute, xattr.data(), size_t(xattr.size()));
+    const ssize_t size = getxattr(path.constData(), kAclAttribute, nullptr, 0);
     if (size > 0) {
-        xattr.resize(int(size));
-        parseAcl(xattr, &acl);
+        QByteArray xattr(int(size), '\0');
+        const ssize_t got = getxattr(path.constData(), kAclAttribute, xattr.data(), size_t(xattr.size()));
+        if (got > 0) {
+            xattr.resize(int(got));
+            parseAcl(xattr, &acl);
+        }
     }
     access.description
         = QStringLiteral("%1 %2 %3")

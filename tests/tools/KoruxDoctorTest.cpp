@@ -4,6 +4,7 @@
 #include <QFile>
 
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "tests/tools/KoruxRunner.h"
@@ -313,6 +314,33 @@ TEST_F(KoruxDoctor, ARuleMaskedOrHiddenByAnEarlierDirectoryDoesNotCount)
     mask.write("# ATTR{idVendor}==\"1ce6\", ATTR{idProduct}==\"0003\"\n");
     mask.close();
     EXPECT_TRUE(findRules(fakeRoots()).isEmpty());
+}
+
+TEST_F(KoruxDoctor, NodeAclOfANamedUserIsRead)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "giving the node another owner needs root";
+    const QString node
+        = addUsbDevice(QStringLiteral("1-2"), QStringLiteral("1ce6"), QStringLiteral("0003"), 1, 5, 0640);
+    const QByteArray nodePath = QFile::encodeName(node);
+    ASSERT_EQ(chown(nodePath.constData(), 12345, 12345), 0);
+    const Credentials root = currentCredentials();
+    EXPECT_FALSE(checkNode(node, root).readWrite);
+    // What logind's uaccess does for the seat's user, here for uid 0.
+    const QByteArray acl = QByteArray::fromHex("02000000"
+                                               "01000600ffffffff"
+                                               "02000600"
+                                               "00000000"
+                                               "04000400ffffffff"
+                                               "10000600ffffffff"
+                                               "20000000ffffffff");
+    if (setxattr(nodePath.constData(), "system.posix_acl_access", acl.constData(), size_t(acl.size()), 0)
+        != 0)
+        GTEST_SKIP() << "no POSIX ACLs on the test's file system";
+    const NodeAccess access = checkNode(node, root);
+    EXPECT_TRUE(access.exists);
+    EXPECT_TRUE(access.readWrite);
+    EXPECT_TRUE(access.description.startsWith(QStringLiteral("-rw-rw----+ "))) << access.description;
 }
 
 TEST(DoctorPermissions, OwnerGroupAndOtherBitsAsTheKernelReadsThem)
