@@ -1,12 +1,13 @@
 // korux doctor: what stands between this machine and a working sensor, one
-// check a line, each with OK or the fix beside what was found. It runs
-// without the plug-in loaded first, so that a missing bridge library is one
-// of its findings rather than the end of it.
+// check a line, each with OK or the fix beside what was found. On its own it
+// loads bridge and plug-in itself, so that a missing bridge library is one of
+// its findings rather than the end of it; in a script it checks the script's.
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 
 #include <cstdio>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -187,11 +188,30 @@ private:
     int saved_ = -1;
 };
 
+// Inside a script korux has loaded the bridge already: the library that
+// answers is the one that holds the bridge's functions.
+bool findLoadedBridge(BridgeInfo* info)
+{
+    void* symbol = dlsym(RTLD_DEFAULT, "FT_CreateDeviceInfoList");
+    Dl_info where {};
+    if (!symbol || dladdr(symbol, &where) == 0 || !where.dli_fname)
+        return false;
+    info->file = QString::fromLocal8Bit(where.dli_fname);
+    info->virtualBridge = dlsym(RTLD_DEFAULT, "vbridge_load_scenario") != nullptr;
+    return true;
+}
+
 // Loads the plug-in on the loaded bridge and lets it enumerate, as a host
-// does at start; the number of units found, or -1 when the plug-in could not
-// be loaded or initialised.
+// does at start (in a script: the script's family); the number of units
+// found, or -1 when the plug-in could not be loaded or initialised.
 int enumerate(Session& session)
 {
+    if (session.host) {
+        QuietStandardOutput quiet(!session.options.verbose);
+        if (ensureFamily(session) != kExitOk)
+            return -1;
+        return session.host->family()->hardwareUnitVector().size();
+    }
     const QString pluginPath = session.options.plugin.isEmpty()
         ? QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/") + kPluginFile)
         : session.options.plugin;
@@ -219,8 +239,9 @@ int runDoctor(Session& session, const CommandLine& line)
         roots.rules = line.value(QStringLiteral("--rules-dirs")).split(QLatin1Char(':'), Qt::SkipEmptyParts);
 
     BridgeInfo bridge;
-    const int bridgeResult
-        = loadBridge(session.options, QCoreApplication::applicationDirPath(), console, &bridge);
+    const int bridgeResult = session.host
+        ? (findLoadedBridge(&bridge) ? kExitOk : kExitNoBridge)
+        : loadBridge(session.options, QCoreApplication::applicationDirPath(), console, &bridge);
     if (bridgeResult == kExitUsage)
         return bridgeResult; // a scenario the virtual bridge refused: the command line is wrong
     const bool bridgeLoaded = bridgeResult == kExitOk;

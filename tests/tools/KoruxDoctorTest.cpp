@@ -251,6 +251,24 @@ TEST_F(KoruxDoctor, MissingBridgeLibraryAndNoDeviceIsNoSensor)
         << run.out;
 }
 
+TEST_F(KoruxDoctor, InAScriptItChecksTheScriptsBridgeAndFamily)
+{
+    addSensor();
+    installRule();
+    const QString script = writeFile(QStringLiteral("doctor.korux"),
+        (QStringLiteral("list\ndoctor ") + rootOptions().join(QLatin1Char(' ')) + QLatin1Char('\n'))
+            .toUtf8());
+    const KoruxRun run = koruxOn({ QStringLiteral("run"), script });
+    EXPECT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_TRUE(inOrder(run.out,
+        { QStringLiteral("family KORUX-KORUX2 Series: 1 unit"), QStringLiteral("OK   bridge library: "),
+            QStringLiteral("/lib/virtual/libft4222.so (the virtual bridge)"),
+            QStringLiteral("OK   sensors: the plug-in's enumeration finds 1"),
+            QStringLiteral("korux doctor: a sensor is usable") }))
+        << run.out;
+    EXPECT_EQ(run.out.count(QStringLiteral("status statusEnumerating (1)")), 1) << run.out;
+}
+
 TEST_F(KoruxDoctor, HelpNamesTheCommand)
 {
     const KoruxRun run = korux({ QStringLiteral("help"), QStringLiteral("doctor") });
