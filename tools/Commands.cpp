@@ -92,6 +92,9 @@ const std::vector<Command>& commandTable()
             true, true, runGoto },
         { "run", "[--keep-going] SCRIPT", "run the commands of SCRIPT, one a line, with one family", 1, 1, "--keep-going", "",
             true, false, runScript },
+        { "doctor", "[--sysfs-root DIR] [--dev-root DIR] [--rules-dirs DIR:...]",
+            "check bridge library, USB devices, their access, kernel drivers, udev rule and sensors", 0, 0, "",
+            "--sysfs-root --dev-root --rules-dirs", false, false, runDoctor },
         { "help", "[COMMAND]", "print this help, or the synopsis of one command", 0, 1, "", "", false, false,
             runHelp },
     };

@@ -96,5 +96,6 @@ int runReport(Session& session, const CommandLine& line);
 int runSet(Session& session, const CommandLine& line);
 int runAcquire(Session& session, const CommandLine& line);
 int runScript(Session& session, const CommandLine& line);
+int runDoctor(Session& session, const CommandLine& line);
 
 } // namespace korux

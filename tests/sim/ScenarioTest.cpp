@@ -393,7 +393,7 @@ TEST_F(VbScenario, BadEnvironmentScenarioFallsBackToTheDefault)
 TEST_F(VbScenario, EveryExampleOfTheFormatDocumentLoads)
 {
     // The document sits two folders above this file in the source tree.
-    const QString document = QFileInfo(QStringLiteral(__FILE__)).absolutePath() + "/../../docs/scenario.md";
+    const QString document = QStringLiteral(KORUX_SOURCE_DIR "/docs/scenario.md");
     QFile file(document);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly)) << document.toStdString();
     const QStringList parts = QString::fromUtf8(file.readAll()).split("```");
