@@ -35,8 +35,9 @@ QString loadedFile(void* handle, const QString& fallback)
 
 constexpr char kVendorBridgeAdvice[]
     = R"(  To drive real sensors, install FTDI's LibFT4222 for Linux: put libft4222.so into the
-  system library path (for example /usr/local/lib), run ldconfig, and install its udev
-  rules so that the bridge's USB interfaces can be opened without root.
+  system library path (for example /usr/local/lib), run ldconfig, and install the
+  sensors' udev rule (60-korux.rules) so that their USB devices can be opened without
+  root; korux --bridge vendor doctor then says what is still missing.
   To run without hardware, use the virtual bridge: korux --bridge virtual ...)";
 
 void explainMissingVendorBridge(Console& console, const QString& reason)
