@@ -11,20 +11,6 @@ constexpr uint32_t kSeriesId = 0x1CE60003;
 class EnumerationTest : public ::testing::Test {
 protected:
     PluginHarness host;
-
-    // Four interfaces that claim the series' ID, with the given descriptions.
-    void addLookalikePorts(const std::vector<std::string>& descriptions)
-    {
-        int n = 0;
-        for (const std::string& description : descriptions) {
-            vbridge::ForeignDevice device;
-            device.id = kSeriesId;
-            device.description = description;
-            device.serial = "LOOK" + std::to_string(n);
-            device.location = 0x7000 + n++;
-            host.bridge().addForeignDevice(device);
-        }
-    }
 };
 
 const QString kNoSensor = QString::fromUtf8("[red]No KORUX/KORUX² Series found!");
@@ -125,7 +111,7 @@ TEST_F(EnumerationTest, UnreadableDetailMakesPortCountsUnequal)
 
 TEST_F(EnumerationTest, LowerCaseDescriptionIsAccepted)
 {
-    addLookalikePorts({"korux/korux\xb2 a", "korux/korux\xb2 b", "korux/korux\xb2 c", "korux/korux\xb2 d"});
+    host.addLookalikePorts({"korux/korux\xb2 a", "korux/korux\xb2 b", "korux/korux\xb2 c", "korux/korux\xb2 d"});
     host.initialize();
     EXPECT_EQ(host.unitCount(), 1);
     EXPECT_EQ(host.family().status(), statusSensorFound);
@@ -134,7 +120,7 @@ TEST_F(EnumerationTest, LowerCaseDescriptionIsAccepted)
 TEST_F(EnumerationTest, DescriptionWithTheUtf8SuperscriptIsNotASeriesPort)
 {
     // A driver that gave the description as UTF-8 would not match the Latin-1 prefix.
-    addLookalikePorts({"KORUX/KORUX\xc2\xb2 A", "KORUX/KORUX\xb2 B", "KORUX/KORUX\xb2 C", "KORUX/KORUX\xb2 D"});
+    host.addLookalikePorts({"KORUX/KORUX\xc2\xb2 A", "KORUX/KORUX\xb2 B", "KORUX/KORUX\xb2 C", "KORUX/KORUX\xb2 D"});
     host.initialize();
     EXPECT_EQ(host.seen().count(kNotPort), 1);
     EXPECT_EQ(host.family().status(), statusError);
@@ -142,7 +128,7 @@ TEST_F(EnumerationTest, DescriptionWithTheUtf8SuperscriptIsNotASeriesPort)
 
 TEST_F(EnumerationTest, UnknownPortLetterIsLoggedLiterally)
 {
-    addLookalikePorts({"KORUX/KORUX\xb2 A", "KORUX/KORUX\xb2 B", "KORUX/KORUX\xb2 C", "KORUX/KORUX\xb2 E"});
+    host.addLookalikePorts({"KORUX/KORUX\xb2 A", "KORUX/KORUX\xb2 B", "KORUX/KORUX\xb2 C", "KORUX/KORUX\xb2 E"});
     host.initialize();
     EXPECT_TRUE(host.seen().hasLog("Unknow interface for description @1."));
     EXPECT_EQ(host.seen().count(kNotPort), 1);

@@ -26,20 +26,6 @@ protected:
         host.bridge().setRegisteredIds(0);
     }
 
-    // Four interfaces with the series' ids and these descriptions.
-    void addLookalikePorts(const std::vector<std::string>& descriptions)
-    {
-        int n = 0;
-        for (const std::string& description : descriptions) {
-            vbridge::ForeignDevice device;
-            device.id = kSeriesId;
-            device.description = description;
-            device.serial = "LOOK" + std::to_string(n);
-            device.location = 0x7000 + n++;
-            host.bridge().addForeignDevice(device);
-        }
-    }
-
     static std::vector<std::string> functions()
     {
         std::vector<std::string> names;
@@ -149,7 +135,7 @@ TEST_F(LinuxDriverTest, QuestionMarkForTheSuperscriptTwoIsAccepted)
 TEST_F(LinuxDriverTest, QuestionMarkWithAnUnknownLetterIsRefusedAsBefore)
 {
     host.bridge().setNonAsciiAsQuestionMark(true);
-    addLookalikePorts({"KORUX/KORUX\xb2 A", "KORUX/KORUX\xb2 B", "KORUX/KORUX\xb2 C", "KORUX/KORUX\xb2 X"});
+    host.addLookalikePorts({"KORUX/KORUX\xb2 A", "KORUX/KORUX\xb2 B", "KORUX/KORUX\xb2 C", "KORUX/KORUX\xb2 X"});
     host.initialize();
     EXPECT_TRUE(host.seen().hasLog(kUnknownLetter));
     EXPECT_EQ(host.seen().count(kNotPort), 1);
@@ -161,7 +147,7 @@ TEST_F(LinuxDriverTest, QuestionMarkCountsOnlyWhereTheSuperscriptStands)
 {
     host.bridge().setNonAsciiAsQuestionMark(true);
     // The driver hands these as "KORUX?KORUX? A" and "KORUX/KORUY? A".
-    addLookalikePorts({"KORUX?KORUX\xb2 A", "KORUX/KORUY\xb2 B", "KORUX/KORUX\xb2 C", "KORUX/KORUX\xb2 D"});
+    host.addLookalikePorts({"KORUX?KORUX\xb2 A", "KORUX/KORUY\xb2 B", "KORUX/KORUX\xb2 C", "KORUX/KORUX\xb2 D"});
     host.initialize();
     EXPECT_TRUE(host.seen().hasLog("Description of device: KORUX?KORUX? A."));
     EXPECT_EQ(host.seen().count(kNotPort), 2);
@@ -172,7 +158,7 @@ TEST_F(LinuxDriverTest, QuestionMarkCountsOnlyWhereTheSuperscriptStands)
 TEST_F(LinuxDriverTest, QuestionMarkThereIsAcceptedWhateverTheDriverGives)
 {
     // The plug-in cannot tell a driver's '?' from a description's own.
-    addLookalikePorts({"KORUX/KORUX? A", "KORUX/KORUX\xb2 B", "KORUX/KORUX\xb2 C", "KORUX/KORUX\xb2 D"});
+    host.addLookalikePorts({"KORUX/KORUX? A", "KORUX/KORUX\xb2 B", "KORUX/KORUX\xb2 C", "KORUX/KORUX\xb2 D"});
     host.initialize();
     EXPECT_EQ(host.unitCount(), 1);
 }

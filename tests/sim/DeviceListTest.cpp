@@ -6,27 +6,6 @@ using namespace simtest;
 
 namespace {
 
-struct Detail {
-    FT_STATUS status = 0;
-    DWORD flags = 0;
-    DWORD type = 0;
-    DWORD id = 0;
-    DWORD location = 0;
-    char serial[16] = {};
-    char description[64] = {};
-    FT_HANDLE handle = nullptr;
-};
-
-Detail detail(DWORD index)
-{
-    Detail d;
-    std::memset(d.serial, 'x', sizeof(d.serial));
-    std::memset(d.description, 'x', sizeof(d.description));
-    d.status = FT_GetDeviceInfoDetail(
-        index, &d.flags, &d.type, &d.id, &d.location, d.serial, d.description, &d.handle);
-    return d;
-}
-
 class VbDeviceList : public VbTest { };
 
 } // namespace

@@ -13,25 +13,6 @@ using namespace simtest;
 
 namespace {
 
-struct Detail {
-    FT_STATUS status = 0;
-    DWORD flags = 0;
-    DWORD type = 0;
-    DWORD id = 0;
-    DWORD location = 0;
-    char serial[16] = {};
-    char description[64] = {};
-    FT_HANDLE handle = nullptr;
-};
-
-Detail detail(DWORD index)
-{
-    Detail d;
-    d.status = FT_GetDeviceInfoDetail(
-        index, &d.flags, &d.type, &d.id, &d.location, d.serial, d.description, &d.handle);
-    return d;
-}
-
 FT_STATUS openBySerial(const char* serial, FT_HANDLE* handle)
 {
     return FT_OpenEx(const_cast<char*>(serial), FT_OPEN_BY_SERIAL_NUMBER, handle);

@@ -48,6 +48,29 @@ inline std::vector<uint8_t> bytes(std::initializer_list<int> values)
     return result;
 }
 
+// One entry of the device list as FT_GetDeviceInfoDetail gives it.
+struct Detail {
+    FT_STATUS status = 0;
+    DWORD flags = 0;
+    DWORD type = 0;
+    DWORD id = 0;
+    DWORD location = 0;
+    char serial[16] = {};
+    char description[64] = {};
+    FT_HANDLE handle = nullptr;
+};
+
+// The texts start filled with 'x', so that a missing terminator shows.
+inline Detail detail(DWORD index)
+{
+    Detail d;
+    std::memset(d.serial, 'x', sizeof(d.serial));
+    std::memset(d.description, 'x', sizeof(d.description));
+    d.status = FT_GetDeviceInfoDetail(
+        index, &d.flags, &d.type, &d.id, &d.location, d.serial, d.description, &d.handle);
+    return d;
+}
+
 // A C caller may pass any int where the header has an enumeration, and the
 // vendor library checks the value. C++ cannot form such an enumeration value,
 // so these calls reach the same functions as the C ABI does: with ints.

@@ -162,6 +162,21 @@ public:
             bridge().addSensor(vbridge::SensorConfig());
     }
 
+    // Four interfaces of another maker that claim the series' USB ids, with
+    // the given descriptions.
+    static void addLookalikePorts(const std::vector<std::string>& descriptions)
+    {
+        int n = 0;
+        for (const std::string& description : descriptions) {
+            vbridge::ForeignDevice device;
+            device.id = 0x1CE60003;
+            device.description = description;
+            device.serial = "LOOK" + std::to_string(n);
+            device.location = 0x7000 + n++;
+            bridge().addForeignDevice(device);
+        }
+    }
+
     bool initialize()
     {
         const bool result = family_->initializeVeltraHardwareFamily();
