@@ -9,7 +9,6 @@ using namespace testing_support;
 
 namespace {
 
-constexpr uint32_t kSeriesId = 0x1CE60003;
 
 const QString kNoSensor = QString::fromUtf8("[red]No KORUX/KORUX² Series found!");
 const QString kNotPort = QString::fromUtf8("[red]Not a KORUX/KORUX² Series port!");
