@@ -68,9 +68,9 @@ public:
     QString BTSFileName();
     bool getShootCounter(unsigned int* value, int* index);
     bool getShootCounter(unsigned int* value);
-    // Invokable by name so that a host without this class's header (a
-    // service tool) can set the counter after a board exchange.
-    Q_INVOKABLE bool setShootCounter(unsigned int value);
+    // Exported with the class: a host without this header (a service tool)
+    // resolves it from the library to set the counter after a board exchange.
+    bool setShootCounter(unsigned int value);
     bool readSerialNumber(QString& serial);
     bool readInformation(bool resetFirst);
 

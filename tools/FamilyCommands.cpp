@@ -1,7 +1,7 @@
 // The commands that map onto one host command each: the acquisition cycle
 // (1, 6, 11, 13, 18, 20) and the service commands (1000 to 3001).
 #include <QDir>
-#include <QMetaObject>
+#include <QLibrary>
 #include <QRegularExpression>
 
 #include <limits>
@@ -467,21 +467,29 @@ int increaseCounters(Session& session)
     return result;
 }
 
-// No host command sets the counter to a value: the unit's setShootCounter is
-// called by name, on port C opened by the serial read.
+// No host command sets the counter to a value: the unit class exports its
+// setShootCounter, which korux resolves from the loaded plug-in library and
+// calls on port C opened by the serial read. The member is called as a
+// function taking the object first, as the Itanium C++ ABI passes it.
+constexpr char kUnitClassName[] = "QVeltraXRayKORUXPlugInUnit";
+constexpr char kSetShootCounterSymbol[] = "_ZN26QVeltraXRayKORUXPlugInUnit15setShootCounterEj";
+using SetShootCounter = bool (*)(QVeltraHardwareUnit* unit, unsigned int value);
+
 int setCounters(Session& session, unsigned int value)
 {
     sendFamilyCommand(session, commandReadSerialNumber);
     const QVector<QVeltraHardwareUnit*> units = targetUnits(session);
     if (units.isEmpty())
         return noUnitWithSerial(session);
+    // The library is loaded already: this only looks the member up.
+    QLibrary plugin(session.host->pluginFile());
+    const auto setShootCounter = reinterpret_cast<SetShootCounter>(plugin.resolve(kSetShootCounterSymbol));
     for (QVeltraHardwareUnit* unit : units) {
-        bool written = false;
-        if (!QMetaObject::invokeMethod(unit, "setShootCounter", Qt::DirectConnection, Q_RETURN_ARG(bool, written),
-                Q_ARG(unsigned int, value))) {
+        if (!setShootCounter || !unit->inherits(kUnitClassName)) {
             session.console.error(QStringLiteral("korux: this plug-in cannot set the shot counter"));
             return kExitFailure;
         }
+        const bool written = setShootCounter(unit, value);
         session.host->settle(kSettleMs);
         if (!written) {
             session.console.error(

@@ -111,6 +111,12 @@ TEST_F(FamilyTest, MetaObjectHasTheThreePublicSlotsInOrder)
         EXPECT_EQ(meta->method(offset + i).access(), QMetaMethod::Public);
     }
     EXPECT_EQ(host.family().qt_metacast("QVeltraXRayKORUXPlugIn"), &host.family());
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(meta->method(offset + i).returnType(), QMetaType::Void) << i;
+    EXPECT_EQ(meta->propertyCount(), meta->propertyOffset());
+    EXPECT_EQ(meta->enumeratorCount(), meta->enumeratorOffset());
+    EXPECT_EQ(meta->classInfoCount(), meta->classInfoOffset());
+    EXPECT_EQ(meta->constructorCount(), 0);
 }
 
 TEST_F(FamilyTest, GotoStatusSlotIsReachedByName)

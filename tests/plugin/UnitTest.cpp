@@ -89,3 +89,25 @@ TEST_F(UnitTest, MetaObjectChainsToTheFrameworkUnit)
     EXPECT_EQ(unit->qt_metacast("QVeltraXRayKORUXPlugInUnit"), unit);
     EXPECT_EQ(unit->qt_metacast("QVeltraHardwareUnit"), static_cast<QVeltraHardwareUnit*>(unit));
 }
+
+// A host that reads the unit's meta-object sees the three polling slots, in
+// this order, protected, and nothing else of the plug-in's own.
+TEST_F(UnitTest, MetaObjectHasOnlyTheThreeProtectedPollingSlotsInOrder)
+{
+    const QMetaObject* meta = unit->metaObject();
+    const int offset = meta->methodOffset();
+    ASSERT_EQ(meta->methodCount() - offset, 3);
+    const char* const names[] = { "waitForOscilloscope()", "waitForImage()", "waitForStopping()" };
+    for (int i = 0; i < 3; ++i) {
+        const QMetaMethod method = meta->method(offset + i);
+        EXPECT_EQ(method.methodSignature(), QByteArray(names[i])) << i;
+        EXPECT_EQ(method.methodType(), QMetaMethod::Slot) << i;
+        EXPECT_EQ(method.access(), QMetaMethod::Protected) << i;
+        EXPECT_EQ(method.parameterCount(), 0) << i;
+    }
+    EXPECT_EQ(meta->indexOfMethod("setShootCounter(uint)"), -1);
+    EXPECT_EQ(meta->propertyCount(), meta->propertyOffset());
+    EXPECT_EQ(meta->enumeratorCount(), meta->enumeratorOffset());
+    EXPECT_EQ(meta->classInfoCount(), meta->classInfoOffset());
+    EXPECT_EQ(meta->constructorCount(), 0);
+}
