@@ -42,7 +42,8 @@ bool QVeltraXRayKORUXPlugInUnit::arm(bool oscilloscope)
                                                                : QStringLiteral("ACEValue"))
                           .toInt();
     const int32_t ace = static_cast<int32_t>(static_cast<uint32_t>(value) * static_cast<uint32_t>(coefficient));
-    logUser(QStringLiteral("arm ACE coeff=%1 - value=%2").arg(coefficient).arg(ace));
+    logUser(QStringLiteral("arm ACE coeff=%1 - value=%2")
+                .arg(QString::number(coefficient), QString::number(ace)));
 
     ArmFrame frame = armFrame(oscilloscope, threshold, ace);
     if (!openPorts())
@@ -113,7 +114,7 @@ bool QVeltraXRayKORUXPlugInUnit::armSensor(bool acquire, bool oscilloscope)
     if (armed) {
         if (!acquire && family())
             family()->setParameter(QStringLiteral("PhdTreshold"), savedThreshold.toInt() & 0xFFFF);
-        flags = 0;
+        // A failed read leaves the flags of the last one that answered.
         getStatus(&flags, &sizeCode, &version, &diode);
         for (int wait = 0; !(flags & kFlagArmed) && wait < kStatusWaits; ++wait) {
             QCoreApplication::processEvents();

@@ -3,6 +3,8 @@
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 #include "transport/StatusTexts.h"
 
+#include <cstring>
+
 namespace {
 
 constexpr uint8 kFlashReadStatus = 0x05;
@@ -11,18 +13,23 @@ constexpr unsigned long kLineSwitchPauseUs = 100;
 
 QString frameText(const uint8* command)
 {
+    const auto byte
+        = [](uint8 value) { return QString::number(value, 16).rightJustified(2, QLatin1Char('0')); };
     return QStringLiteral("[%1, %2, %3, %4]")
-        .arg(command[0], 2, 16, QLatin1Char('0'))
-        .arg(command[1], 2, 16, QLatin1Char('0'))
-        .arg(command[2], 2, 16, QLatin1Char('0'))
-        .arg(command[3], 2, 16, QLatin1Char('0'));
+        .arg(byte(command[0]), byte(command[1]), byte(command[2]), byte(command[3]));
 }
 
 }  // namespace
 
+// The library returns its status as a C int; a code outside the enumeration
+// (a negative one too) is read back as that int, not as the enumeration's
+// unsigned underlying type.
 QString QVeltraXRayKORUXPlugInUnit::ft4222StatusToString(FT4222_STATUS status)
 {
-    return ft4222StatusText(static_cast<int64_t>(status));
+    static_assert(sizeof(FT4222_STATUS) == sizeof(int32_t), "FT4222_STATUS is a C int");
+    int32_t code = 0;
+    std::memcpy(&code, &status, sizeof(code));
+    return ft4222StatusText(code);
 }
 
 QString QVeltraXRayKORUXPlugInUnit::ftStatusToString(uint32 status)

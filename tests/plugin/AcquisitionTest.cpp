@@ -502,3 +502,23 @@ TEST_F(AcquisitionTest, UnpluggedSensorSendsNoParameterReport)
     EXPECT_TRUE(host.seen().data.isEmpty());
 }
 
+
+TEST_F(AcquisitionTest, FailedStatusReadInTheArmedWaitKeepsTheFlagsOfTheLastRead)
+{
+    start();
+    // Ready and armed ('D') from the first read on. The bridge calls of
+    // port A's transfer: the readiness read, the information read, the arm
+    // frame, then the first read of the armed wait, which fails.
+    host.bridge().setStatusWord(0, {0x44, 428, 2, 1});
+    host.bridge().failCall("FT4222_SPIMaster_MultiReadWrite", 4, FT4222_IO_ERROR);
+    EXPECT_TRUE(host.unit()->armSensor(true, false));
+    int statusReads = 0;
+    for (const auto& entry : host.calls("FT4222_SPIMaster_MultiReadWrite"))
+        if (hex(entry.written) == hex(bytes({0xA1, 0x80, 0xCA, 0xFE})))
+            ++statusReads;
+    // The armed flag of the information read stands: no further read, no wait.
+    EXPECT_EQ(statusReads, 3);
+    EXPECT_TRUE(host.seen().hasLog("[red]Unable to retrieve status."));
+    EXPECT_TRUE(host.seen().hasLog("[green]sensor armed"));
+    EXPECT_FALSE(host.seen().hasAdvanced("[red]Unable to arm sensor"));
+}

@@ -3,6 +3,9 @@
 #include "transport/SensorProtocol.h"
 #include "transport/StatusTexts.h"
 
+#include <cstdint>
+#include <cstring>
+
 using namespace testing_support;
 
 namespace {
@@ -91,6 +94,33 @@ TEST(StatusTexts, Ft4222TextsCoverBothTablesAndNumberTheRest)
     EXPECT_EQ(QVeltraXRayKORUXPlugInUnit::ft4222StatusToString(static_cast<FT4222_STATUS>(1023)), "FT4222_STATUS 1023");
     EXPECT_EQ(QVeltraXRayKORUXPlugInUnit::ft4222StatusToString(static_cast<FT4222_STATUS>(999)), "FT4222_STATUS 999");
     EXPECT_EQ(ft4222StatusText(-1), "FT4222_STATUS -1");
+}
+
+// A library answers its status as a C int: what the member gets for -1 is
+// that int's bit pattern.
+FT4222_STATUS libraryStatus(int32_t code)
+{
+    FT4222_STATUS status;
+    std::memcpy(&status, &code, sizeof(status));
+    return status;
+}
+
+TEST(StatusTexts, NegativeCodeThroughTheMemberIsNumberedAsSigned)
+{
+    EXPECT_EQ(QVeltraXRayKORUXPlugInUnit::ft4222StatusToString(libraryStatus(-1)), "FT4222_STATUS -1");
+    EXPECT_EQ(QVeltraXRayKORUXPlugInUnit::ft4222StatusToString(libraryStatus(-1000)), "FT4222_STATUS -1000");
+    EXPECT_EQ(QVeltraXRayKORUXPlugInUnit::ft4222StatusToString(libraryStatus(INT32_MIN)),
+        "FT4222_STATUS -2147483648");
+}
+
+TEST_F(SensorStatusTest, NegativeBridgeStatusIsLoggedAsSignedNumber)
+{
+    host.bridge().failCall("FT4222_SPIMaster_MultiReadWrite", 1, 0xFFFFFFFFu);
+    Status s;
+    EXPECT_FALSE(unit->getStatus(&s.flags, &s.size, &s.version, &s.diode));
+    EXPECT_TRUE(host.seen().hasAdvanced("[red]FT4222_STATUS not OK FT4222_STATUS -1"))
+        << host.seen().advanced.join("\n").toStdString();
+    EXPECT_FALSE(host.seen().all.join("\n").contains("4294967295"));
 }
 
 TEST(StatusTexts, FtTextsStopAtNineteen)
