@@ -38,6 +38,14 @@ constexpr unsigned long kAfterDisableUs = 500;
 // per unit.
 bool fpgaRetried = false;
 
+// Every way out of a programming run, the early ones included, ends the
+// retry it may have been: one failed retry must not take the retry away
+// from the next update of any unit. Only the run that starts the retry
+// sets the flag again, for the time of the retry.
+struct RetryRunEnd {
+    ~RetryRunEnd() { fpgaRetried = false; }
+};
+
 }  // namespace
 
 // The default is the flash's copy; the application's bitstream is taken when
@@ -94,6 +102,7 @@ QString QVeltraXRayKORUXPlugInUnit::chooseBitstream()
 bool QVeltraXRayKORUXPlugInUnit::flashFPGA(QString fileName)
 {
     logTrace(QStringLiteral("flashKorux3FPGA with %1").arg(fileName));
+    const RetryRunEnd runEnd;
     QString scratch;
     readSerialNumber(scratch);
     readFlashFile(BTSFileName(), kBitstreamFlashAddress, false, false);
@@ -104,7 +113,9 @@ bool QVeltraXRayKORUXPlugInUnit::flashFPGA(QString fileName)
     uint8 flags = 0, size = 0, version = 0;
     uint16 diode = 0;
     if (getStatus(&flags, &size, &version, &diode)) {
-        logTrace(QStringLiteral("flashKorux3FPGA status is %1 %2 %3 %4").arg(flags).arg(size).arg(version).arg(diode));
+        logTrace(QStringLiteral("flashKorux3FPGA status is %1 %2 %3 %4")
+                     .arg(QString::number(flags), QString::number(size), QString::number(version),
+                         QString::number(diode)));
         const bool unconfigured = flags == kUnconfiguredStatus && size == kUnconfiguredSize
                                   && version == kUnconfiguredVersion && diode == kUnconfiguredDiode;
         if (!unconfigured) {
@@ -188,7 +199,6 @@ bool QVeltraXRayKORUXPlugInUnit::flashFPGA(QString fileName)
     closePorts();
 
     if (configStatus & kLatticeStatusDone) {
-        fpgaRetried = false;
         logUser(QStringLiteral("[green]KORUX3 is now flashed!"));
         return true;
     }
@@ -196,7 +206,6 @@ bool QVeltraXRayKORUXPlugInUnit::flashFPGA(QString fileName)
         fpgaRetried = true;
         return flashFPGA(fileName);
     }
-    fpgaRetried = false;
     logUser(QStringLiteral("[red]Unexpected status %1!").arg(configStatus, 0, 16));
     return false;
 }

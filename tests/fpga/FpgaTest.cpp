@@ -3,6 +3,9 @@
 #include <QCoreApplication>
 #include <QFile>
 
+#include <functional>
+#include <string>
+
 #include "sim/FlashContent.h"
 
 using namespace testing_support;
@@ -48,6 +51,61 @@ protected:
         vbridge::BitstreamHeader header;
         header.date = "Date: " + date;
         return header;
+    }
+
+    // A cut bitstream never sets the done bit: every update runs twice.
+    void putCutBitstream()
+    {
+        putFlashBitstream(vbridge::makeBitstream(vbridge::BitstreamHeader(), 70000, 3));
+    }
+
+    // The calls of one function that one run of such an update makes, once
+    // the flash copy is on disk (both runs are then the same), and where in a
+    // run (1 = first call) the nth call that matches comes.
+    struct CallsOfARun {
+        size_t perRun = 0;
+        size_t position = 0;
+    };
+    CallsOfARun callsOfARun(const std::string& function,
+        const std::function<bool(const vbridge::TraceEntry&)>& match, int nth = 1)
+    {
+        unit->flashFPGA(QString());
+        host.bridge().clearTrace();
+        EXPECT_FALSE(unit->flashFPGA(QString()));
+        const auto calls = host.calls(function);
+        CallsOfARun result;
+        result.perRun = calls.size() / 2;
+        EXPECT_EQ(calls.size() % 2, 0u) << function;
+        for (size_t i = 0; i < result.perRun && result.position == 0; ++i)
+            if (match(calls[i]) && --nth == 0)
+                result.position = i + 1;
+        EXPECT_NE(result.position, 0u) << function;
+        host.seen().clear();
+        host.bridge().clearTrace();
+        return result;
+    }
+
+    // The nth call that matches, in the retry of the next update, fails.
+    void failInTheRetry(const std::string& function,
+        const std::function<bool(const vbridge::TraceEntry&)>& match, int nth = 1)
+    {
+        const CallsOfARun calls = callsOfARun(function, match, nth);
+        host.bridge().failCall(function, static_cast<int>(calls.perRun + calls.position), FT4222_IO_ERROR);
+    }
+
+    // One run of an update, then its retry: two "flashKorux3FPGA with" lines.
+    int runs() { return host.seen().count("flashKorux3FPGA with "); }
+
+    // A retry that ended early took nothing from the next update: it runs
+    // twice again and ends on the missing done bit.
+    void expectTheNextUpdateToRetry()
+    {
+        host.bridge().clearFaults();
+        host.seen().clear();
+        EXPECT_FALSE(unit->flashFPGA(QString()));
+        EXPECT_EQ(runs(), 2);
+        EXPECT_EQ(host.seen().count("flashKorux3FPGA LatticeConfigSend OK."), 2);
+        EXPECT_TRUE(host.seen().hasLog("[red]Unexpected status 0!"));
     }
 
     // Port A single-line writes in order, as hex.
@@ -254,4 +312,115 @@ TEST_F(FpgaTest, UpdateCommandThenAcquisitionWorks)
     host.family().gotoStatus(statusArming);
     EXPECT_TRUE(host.runUntil([&] { return host.family().status() == statusAcquired; }));
     EXPECT_EQ(host.seen().images.size(), 1u);
+}
+
+TEST_F(FpgaTest, StatusDifferingFromTheSignatureInOneFieldIsAlreadyFlashed)
+{
+    // The unconfigured signature is 0x22, size 2, version 8, diode 0x88; a
+    // configured FPGA answers these words as the sensor logic.
+    host.bridge().setFpgaConfigured(0, true);
+    const vbridge::StatusWord oneOff[]
+        = { { 0x22, 0x89, 8, 2 }, { 0x23, 0x88, 8, 2 }, { 0x22, 0x88, 9, 2 }, { 0x22, 0x88, 8, 1 } };
+    for (const vbridge::StatusWord& word : oneOff) {
+        host.bridge().setStatusWord(0, word);
+        host.seen().clear();
+        host.bridge().clearTrace();
+        EXPECT_TRUE(unit->flashFPGA(QString()));
+        EXPECT_TRUE(host.seen().hasLog("The FPGA is already flashed"));
+        EXPECT_TRUE(host.calls("FT4222_GPIO_Write").empty());
+        EXPECT_TRUE(configFrames().empty());
+        EXPECT_TRUE(host.bridge().loadedBitstream(0).empty());
+    }
+    host.bridge().setStatusWord(0, { 0x22, 0x89, 8, 2 });
+    host.seen().clear();
+    unit->flashFPGA(QString());
+    EXPECT_TRUE(host.seen().hasAdvanced("flashKorux3FPGA status is 34 2 8 137"));
+}
+
+TEST_F(FpgaTest, RetryThatCannotOpenThePortsLeavesTheRetryToTheNextUpdate)
+{
+    putCutBitstream();
+    unit->flashFPGA(QString());
+    host.bridge().clearTrace();
+    const uint64_t before = host.bridge().callCount();
+    EXPECT_FALSE(unit->flashFPGA(QString()));
+    const uint64_t update = host.bridge().callCount() - before;
+    ASSERT_EQ(update % 2, 0u);
+    host.seen().clear();
+    // Unplugged at the first call of the retry: its ports do not open.
+    host.bridge().unplugAtCall(0, update / 2 + 1);
+    EXPECT_FALSE(unit->flashFPGA(QString()));
+    EXPECT_EQ(runs(), 2);
+    EXPECT_FALSE(host.seen().hasLog("[red]Unexpected status 0!"));
+    host.bridge().plug(0);
+    expectTheNextUpdateToRetry();
+}
+
+TEST_F(FpgaTest, RetryThatFindsTheFpgaFlashedLeavesTheRetryToTheNextUpdate)
+{
+    putCutBitstream();
+    unit->flashFPGA(QString());
+    host.seen().clear();
+    // The FPGA comes up configured between the first run and its retry.
+    int started = 0;
+    const QMetaObject::Connection watch
+        = QObject::connect(unit, &QVeltraHardwareUnit::logAdvancedText, [&](const QString& line) {
+              if (line == "flashKorux3FPGA with " && ++started == 2)
+                  host.bridge().setFpgaConfigured(0, true);
+          });
+    EXPECT_TRUE(unit->flashFPGA(QString()));
+    QObject::disconnect(watch);
+    EXPECT_EQ(runs(), 2);
+    EXPECT_TRUE(host.seen().hasLog("The FPGA is already flashed"));
+    host.bridge().setFpgaConfigured(0, false);
+    expectTheNextUpdateToRetry();
+}
+
+TEST_F(FpgaTest, RetryWhosePortSetUpFailsLeavesTheRetryToTheNextUpdate)
+{
+    putCutBitstream();
+    // Port A set up for programming: one data line.
+    failInTheRetry("FT4222_SPIMaster_Init", [](const vbridge::TraceEntry& e) {
+        return e.port == 'A' && !e.args.empty() && e.args[0] == SPI_IO_SINGLE;
+    });
+    EXPECT_FALSE(unit->flashFPGA(QString()));
+    EXPECT_EQ(runs(), 2);
+    EXPECT_EQ(host.seen().count("[red]Unable to initialize Port A!"), 1);
+    expectTheNextUpdateToRetry();
+}
+
+TEST_F(FpgaTest, RetryWhoseConfigurationEntryFailsLeavesTheRetryToTheNextUpdate)
+{
+    putCutBitstream();
+    failInTheRetry("FT4222_SPIMaster_SingleWrite", [](const vbridge::TraceEntry& e) {
+        return e.port == 'A' && !e.written.empty() && e.written[0] == 0xC6;
+    });
+    EXPECT_FALSE(unit->flashFPGA(QString()));
+    EXPECT_EQ(runs(), 2);
+    EXPECT_EQ(host.seen().count("[red]Unable to enter programmation mode!"), 1);
+    expectTheNextUpdateToRetry();
+}
+
+TEST_F(FpgaTest, RetryWhoseBitstreamSendFailsLeavesTheRetryToTheNextUpdate)
+{
+    putCutBitstream();
+    failInTheRetry("FT4222_SPIMaster_SingleWrite",
+        [](const vbridge::TraceEntry& e) { return e.port == 'A' && e.written.size() > 4; });
+    EXPECT_FALSE(unit->flashFPGA(QString()));
+    EXPECT_EQ(runs(), 2);
+    EXPECT_EQ(host.seen().count("[red]Unable to program the FPGA!"), 1);
+    expectTheNextUpdateToRetry();
+}
+
+TEST_F(FpgaTest, RetryWhoseStatusReadFailsLeavesTheRetryToTheNextUpdate)
+{
+    putCutBitstream();
+    // The second single-line read of a run is the configuration status.
+    failInTheRetry(
+        "FT4222_SPIMaster_SingleRead", [](const vbridge::TraceEntry& e) { return e.port == 'A'; }, 2);
+    EXPECT_FALSE(unit->flashFPGA(QString()));
+    EXPECT_EQ(runs(), 2);
+    EXPECT_EQ(host.seen().count("[red]Unable to send config class A!"), 1);
+    EXPECT_FALSE(host.seen().hasLog("[red]Unexpected status 0!"));
+    expectTheNextUpdateToRetry();
 }
