@@ -43,8 +43,7 @@ bool QVeltraXRayKORUXPlugInUnit::hasImage()
     if ((code == 1 && size() == size1) || (code == 2 && size() == size2) || code == 3)
         return true;
     logUser(QStringLiteral("[red]Image sensor size mismatch %1 <> %2")
-                .arg(code)
-                .arg(hardwareSizeToString(size())));
+                .arg(QString::number(code), hardwareSizeToString(size())));
     setFamilyError();
     return false;
 }
@@ -89,9 +88,8 @@ bool QVeltraXRayKORUXPlugInUnit::readImage(bool black)
     } else {
         image.fill(0);
         logUser(QStringLiteral("[green]image allocated with size (%1x%2) and Format %3.")
-                    .arg(image.width())
-                    .arg(image.height())
-                    .arg(int(image.format())));
+                    .arg(QString::number(image.width()), QString::number(image.height()),
+                        QString::number(int(image.format()))));
         pixels = image.bits();
         std::memcpy(pixels, block.data(), qMin<uint32_t>(kImageBlockSize, blocks.totalBytes));
     }

@@ -18,9 +18,7 @@ QString tickText(const char* slot, hardwareStatus status, uint8 flags, uint8 siz
 {
     return QStringLiteral("[green]%1 %2 - %3 %4 %5")
         .arg(QLatin1String(slot), QVeltraHardwareUnit::hardwareStatusToString(status),
-             QString::number(flags, 2))
-        .arg(size)
-        .arg(diode);
+            QString::number(flags, 2), QString::number(size), QString::number(diode));
 }
 
 }  // namespace

@@ -140,8 +140,7 @@ bool QVeltraXRayKORUXPlugInUnit::readFlashFile(QString fileName, unsigned int ad
         return false;
     case FlashFileState::InvalidSize:
         logUser(QStringLiteral("Invalid file size at @0x%1 (%2 Bytes)!")
-                    .arg(hexAddress(address))
-                    .arg(header.size));
+                    .arg(hexAddress(address), QString::number(header.size)));
         return false;
     case FlashFileState::Present:
         break;
@@ -187,7 +186,8 @@ bool QVeltraXRayKORUXPlugInUnit::readFlashFile(QString fileName, unsigned int ad
     closePorts();
     const std::clock_t end = std::clock();
     logTrace(QStringLiteral("file created successfully %1").arg(fileName));
-    logTrace(QStringLiteral("size %1 read in %2ms").arg(size).arg(elapsedMs(start, end)));
+    logTrace(QStringLiteral("size %1 read in %2ms")
+                 .arg(QString::number(size), QString::number(elapsedMs(start, end))));
     QCoreApplication::processEvents();
     return true;
 }

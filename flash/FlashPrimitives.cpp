@@ -147,7 +147,7 @@ bool QVeltraXRayKORUXPlugInUnit::eraseSector(int address)
 // enable is sent once, before the loop.
 bool QVeltraXRayKORUXPlugInUnit::eraseFlash(unsigned int address, int size)
 {
-    logTrace(QStringLiteral("eraseFlash @0x%1 %2 bytes").arg(hexAddress(address)).arg(size));
+    logTrace(QStringLiteral("eraseFlash @0x%1 %2 bytes").arg(hexAddress(address), QString::number(size)));
     if (!initPortC(false) || !SPI_SetModeQuad(false) || !SPI_SetWriteMode())
         return false;
 

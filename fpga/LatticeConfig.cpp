@@ -22,8 +22,8 @@ QString hex8(uint32_t value)
 bool QVeltraXRayKORUXPlugInUnit::latticeSysConfigSend(unsigned char opcode, bool endTransaction)
 {
     logTrace(QStringLiteral("LatticeSysConfigSend with %1 %2")
-                 .arg(opcode, 2, 16, QLatin1Char('0'))
-                 .arg(endTransaction ? 1 : 0));
+                 .arg(QString::number(opcode, 16).rightJustified(2, QLatin1Char('0')),
+                     QString::number(endTransaction ? 1 : 0)));
     if (FT4222_SPIMaster_SetLines(theHandleA(), SPI_IO_SINGLE) != FT4222_OK)
         logTrace(QStringLiteral("[red]Unable to set Lines in SINGLE!"));
 

@@ -32,6 +32,15 @@ constexpr long long kCalibrationSpanNs = 1'500'000;
 
 std::atomic<quint64> cyclesPerHundredUs { 0 };
 std::atomic<double> timeScale { 1.0 };
+// Set and called on the thread that sleeps; tests only.
+SleepObserver sleepObserver = nullptr;
+void* sleepObserverContext = nullptr;
+
+void observe(unsigned long long us)
+{
+    if (sleepObserver)
+        sleepObserver(us, sleepObserverContext);
+}
 
 quint64 cycles()
 {
@@ -120,11 +129,13 @@ double scaled(double us)
 
 void Sleep_ms(unsigned long ms)
 {
+    observe(static_cast<unsigned long long>(ms) * 1000u);
     sleepMicroseconds(scaled(static_cast<double>(ms) * 1000.0));
 }
 
 void Sleep_us(unsigned long us)
 {
+    observe(us);
     sleepMicroseconds(scaled(static_cast<double>(us)));
 }
 
@@ -143,4 +154,10 @@ void setSleepTimeScale(double scale)
 double sleepTimeScale()
 {
     return timeScale.load(std::memory_order_relaxed);
+}
+
+void setSleepObserver(SleepObserver observer, void* context)
+{
+    sleepObserver = observer;
+    sleepObserverContext = context;
 }

@@ -106,6 +106,11 @@ VELTRA_EXPORT quint64 resetSleepCounter(bool reset);
 // stretched by this factor (0 makes them return at once). Default 1.
 VELTRA_EXPORT void setSleepTimeScale(double scale);
 VELTRA_EXPORT double sleepTimeScale();
+// Development aid of this framework build: told the length of every
+// Sleep_ms/Sleep_us asked for, in microseconds and before any scaling, so
+// that a test can see the pauses an operation makes. Null: none.
+using SleepObserver = void (*)(unsigned long long requestedUs, void* context);
+VELTRA_EXPORT void setSleepObserver(SleepObserver observer, void* context);
 
 class QVeltraHardwareUnit;
 

@@ -133,7 +133,10 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
 // acquisition cycle always runs for the whole family.
 void QVeltraXRayKORUXPlugIn::gotoUnitStatus(QString serial, hardwareStatus command)
 {
-    emit logAdvancedText(QStringLiteral("gotoUnitStatus for %1 status %2").arg(serial).arg(int(command)));
+    // The serial is the host's text and may hold "%2" itself: both values go in
+    // one call.
+    emit logAdvancedText(
+        QStringLiteral("gotoUnitStatus for %1 status %2").arg(serial, QString::number(int(command))));
 
     int index = -1;
     for (int i = 0; i < hardwareUnitVector_.size(); ++i) {

@@ -41,17 +41,15 @@ bool QVeltraXRayKORUXPlugInUnit::openPorts()
             logTrace(QStringLiteral("[green]Port %1 is open by location").arg(letter));
         } else {
             logTrace(QStringLiteral("[yellow]Port %1 cannot be opened by location %2 [%3]")
-                         .arg(letter)
-                         .arg(record.LocId)
-                         .arg(status));
+                         .arg(letter, QString::number(record.LocId), QString::number(status)));
             record.ftHandle = nullptr;
             status = FT_OpenEx(record.SerialNumber, FT_OPEN_BY_SERIAL_NUMBER, &record.ftHandle);
             if (status != FT_OK) {
                 record.ftHandle = nullptr;
+                // The serial is the device's text: filled in one call with
+                // the rest, so that a "%3" in it stays as it is.
                 logTrace(QStringLiteral("[red]Port %1 cannot be opened by serial %2 [%3]")
-                             .arg(letter)
-                             .arg(QString::fromLatin1(record.SerialNumber))
-                             .arg(status));
+                             .arg(letter, QString::fromLatin1(record.SerialNumber), QString::number(status)));
                 setStatus(statusError);
                 break;
             }
@@ -62,22 +60,19 @@ bool QVeltraXRayKORUXPlugInUnit::openPorts()
         status = FT_SetTimeouts(record.ftHandle, kPortTimeoutMs, kPortTimeoutMs);
         if (status != FT_OK) {
             logTrace(QStringLiteral("[yellow]Timeouts cannot be set for Port %1 [%3]")
-                         .arg(letter)
-                         .arg(status));
+                         .arg(letter, QString::number(status)));
             continue;
         }
         status = FT_Purge(record.ftHandle, FT_PURGE_RX | FT_PURGE_TX);
         if (status != FT_OK) {
             logTrace(QStringLiteral("[yellow]Purge cannot be done for Port %1 [%3]")
-                         .arg(letter)
-                         .arg(status));
+                         .arg(letter, QString::number(status)));
             continue;
         }
         status = FT_ResetDevice(record.ftHandle);
         if (status != FT_OK)
             logTrace(QStringLiteral("[yellow]Reset cannot be done for Port %1 [%3]")
-                         .arg(letter)
-                         .arg(status));
+                         .arg(letter, QString::number(status)));
     }
 
     if (status() != statusError) {

@@ -32,10 +32,8 @@ bool QVeltraXRayKORUXPlugInUnit::getStatus(uint8* status, uint8* size, uint8* ve
     *version = word.version;
     *diode = word.diode;
     logUser(QStringLiteral("getStatus Status=%1 Size=%2 Version=%3 Diode=%4")
-                .arg(word.flags, 2, 16, QLatin1Char('0'))
-                .arg(word.size)
-                .arg(word.version)
-                .arg(word.diode));
+                .arg(QString::number(word.flags, 16).rightJustified(2, QLatin1Char('0')),
+                    QString::number(word.size), QString::number(word.version), QString::number(word.diode)));
 
     // The delay is start less end, so it only passes the limit when a call
     // spans midnight; deliberate.

@@ -24,6 +24,8 @@ struct KoruxUnitAccess {
     static int32_t samplesAboveThreshold(Unit& unit) { return unit.samplesAboveThreshold; }
     static bool imageReady(Unit& unit) { return unit.imageReady; }
     static bool stopRequested(Unit& unit) { return unit.stopRequested; }
+    static bool readOscilloscope(Unit& unit) { return unit.readOscilloscope(); }
+    static bool saveAcquisition(Unit& unit) { return unit.saveAcquisition(); }
 };
 
 // The family's status as if the cycle had brought it there, and its private
