@@ -2,11 +2,11 @@
 // with the threshold 400, which triggers at once and ends the armed state.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QTimer>
 
 #include "acquisition/AcquisitionProtocol.h"
+#include "plugin/OperationScope.h"
 #include "transport/SensorProtocol.h"
 
 using namespace korux;
@@ -82,7 +82,7 @@ bool QVeltraXRayKORUXPlugInUnit::armSensor(bool acquire, bool oscilloscope)
     uint16 diode = 0;
     getStatus(&flags, &sizeCode, &version, &diode);
     for (int wait = 0; !(flags & kFlagReady) && wait < kStatusWaits; ++wait) {
-        QCoreApplication::processEvents();
+        letHostRun();
         Sleep_ms(kStatusWaitMs);
         getStatus(&flags, &sizeCode, &version, &diode);
     }
@@ -117,7 +117,7 @@ bool QVeltraXRayKORUXPlugInUnit::armSensor(bool acquire, bool oscilloscope)
         // A failed read leaves the flags of the last one that answered.
         getStatus(&flags, &sizeCode, &version, &diode);
         for (int wait = 0; !(flags & kFlagArmed) && wait < kStatusWaits; ++wait) {
-            QCoreApplication::processEvents();
+            letHostRun();
             Sleep_ms(kStatusWaitMs);
             getStatus(&flags, &sizeCode, &version, &diode);
         }
@@ -130,7 +130,7 @@ bool QVeltraXRayKORUXPlugInUnit::armSensor(bool acquire, bool oscilloscope)
     }
 
     logUser(QStringLiteral("[green]sensor armed"));
-    QCoreApplication::processEvents();
+    letHostRun();
     if (!acquire) {
         QTimer::singleShot(kFirstPollMs, this, SLOT(waitForStopping()));
     } else if (oscilloscope) {

@@ -4,6 +4,7 @@
 
 #include <QTimer>
 
+#include "plugin/OperationScope.h"
 #include "transport/SensorProtocol.h"
 
 using namespace korux;
@@ -44,13 +45,17 @@ bool QVeltraXRayKORUXPlugInUnit::readPollingStatus(const char* slot, uint8* flag
     return true;
 }
 
+// Each tick is an operation of its own: a host command given from inside it
+// (through a signal) must not delete the unit under it.
 void QVeltraXRayKORUXPlugInUnit::waitForImage()
 {
+    const OperationScope scope;
     pollAcquisition(false);
 }
 
 void QVeltraXRayKORUXPlugInUnit::waitForOscilloscope()
 {
+    const OperationScope scope;
     pollAcquisition(true);
 }
 
@@ -134,6 +139,7 @@ void QVeltraXRayKORUXPlugInUnit::pollAcquisition(bool oscilloscopeMode)
 // image nobody reads.
 void QVeltraXRayKORUXPlugInUnit::waitForStopping()
 {
+    const OperationScope scope;
     // This slot logs its ticks with the image slot's name; deliberate.
     uint8 flags = 0;
     if (!readPollingStatus("waitForImage", &flags))

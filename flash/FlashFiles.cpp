@@ -1,7 +1,6 @@
 // Copies of the sensor's flash files on the host's disk, and the page dump.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
-#include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
 
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "flash/FlashProtocol.h"
+#include "plugin/OperationScope.h"
 
 using namespace korux;
 
@@ -188,7 +188,7 @@ bool QVeltraXRayKORUXPlugInUnit::readFlashFile(QString fileName, unsigned int ad
     logTrace(QStringLiteral("file created successfully %1").arg(fileName));
     logTrace(QStringLiteral("size %1 read in %2ms")
                  .arg(QString::number(size), QString::number(elapsedMs(start, end))));
-    QCoreApplication::processEvents();
+    letHostRun();
     return true;
 }
 

@@ -2,11 +2,10 @@
 // busy test. Every operation assumes port C is open.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
-#include <QCoreApplication>
-
 #include <cstring>
 
 #include "flash/FlashProtocol.h"
+#include "plugin/OperationScope.h"
 
 using namespace korux;
 
@@ -120,7 +119,7 @@ bool QVeltraXRayKORUXPlugInUnit::writeFlash(unsigned char* data, int size, unsig
 
         uint8 status = 0;
         while (readFlashStatus(&status) && (status & kFlashStatusBusy))
-            QCoreApplication::processEvents();
+            letHostRun();
         data += kFlashPageSize;
     }
     return true;

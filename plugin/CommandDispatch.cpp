@@ -1,6 +1,8 @@
 // The host's commands: the acquisition cycle with its status rules, and the
 // service commands that report through dataRead.
 #include "plugin/QVeltraXRayKORUXPlugIn.h"
+
+#include "plugin/OperationScope.h"
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
 namespace {
@@ -17,10 +19,17 @@ constexpr unsigned int kAutomaticIncrement = 0xFFFFFFFF;
 
 }  // namespace
 
+using korux::OperationScope;
+
+// The host may give commands from inside a command (its events run while a
+// unit waits), and an enumeration there replaces the unit vector: the loops
+// over "each unit" take the vector's size at every step and stop with the
+// units that are left. Units given up meanwhile live on until the outermost
+// operation has returned.
 void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
 {
+    const OperationScope scope;
     emit logAdvancedText(QStringLiteral("KORUX-KORUX² Series gotoStatus %1").arg(int(command)));
-    const int units = hardwareUnitVector_.size();
 
     switch (int(command)) {
     case statusEnumerating:
@@ -40,7 +49,7 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
             return;
         }
         setFamilyStatus(statusStopping);
-        for (int i = 0; i < units; ++i)
+        for (int i = 0; i < numberOfKorux3(); ++i)
             if (!deviceUnit(i)->armSensor(false, false))
                 break;
         // A failed disarm ends the loop but not the stop.
@@ -54,7 +63,7 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
             return;
         }
         setFamilyStatus(statusFpgaUpdating);
-        for (int i = 0; i < units; ++i)
+        for (int i = 0; i < numberOfKorux3(); ++i)
             if (!deviceUnit(i)->flashFPGA(QString()))
                 break;
         if (status_ == statusFpgaUpdating)
@@ -73,7 +82,7 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
             return;
         }
         setFamilyStatus(statusArming);
-        for (int i = 0; i < units; ++i) {
+        for (int i = 0; i < numberOfKorux3(); ++i) {
             const bool oscilloscope = getParameter(QStringLiteral("Oscilloscope")).toBool();
             if (!deviceUnit(i)->armSensor(true, oscilloscope)) {
                 setFamilyStatus(statusError);
@@ -85,15 +94,15 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
         return;
 
     case commandGetParameters:
-        for (int i = 0; i < units; ++i)
+        for (int i = 0; i < numberOfKorux3(); ++i)
             deviceUnit(i)->getParameters();
         return;
     case commandGetVoltages:
-        for (int i = 0; i < units; ++i)
+        for (int i = 0; i < numberOfKorux3(); ++i)
             deviceUnit(i)->getVoltages(nullptr, nullptr, nullptr, nullptr);
         return;
     case commandReadSerialNumber:
-        for (int i = 0; i < units; ++i) {
+        for (int i = 0; i < numberOfKorux3(); ++i) {
             QString scratch;
             deviceUnit(i)->readSerialNumber(scratch);
         }
@@ -102,12 +111,12 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
     case commandReadAllFlashFiles:
     case commandRewriteFlashFiles:
     case commandRewriteAllFlashFiles:
-        for (int i = 0; i < units; ++i)
+        for (int i = 0; i < numberOfKorux3(); ++i)
             readFlashFiles(i, command == commandReadAllFlashFiles || command == commandRewriteAllFlashFiles,
                            command == commandRewriteFlashFiles || command == commandRewriteAllFlashFiles);
         return;
     case commandGetShootCounter:
-        for (int i = 0; i < units; ++i) {
+        for (int i = 0; i < numberOfKorux3(); ++i) {
             unsigned int scratch = 0;
             deviceUnit(i)->getShootCounter(&scratch);
         }
@@ -116,11 +125,11 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
         sendFamilyReport();
         return;
     case commandFormatFlash:
-        for (int i = 0; i < units; ++i)
+        for (int i = 0; i < numberOfKorux3(); ++i)
             deviceUnit(i)->formatFlash();
         return;
     case commandReadFlashPage:
-        for (int i = 0; i < units; ++i)
+        for (int i = 0; i < numberOfKorux3(); ++i)
             deviceUnit(i)->technicReadFlashPage(getParameter(QStringLiteral("FlashAddress")).toUInt());
         return;
     default:
@@ -133,13 +142,14 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
 // acquisition cycle always runs for the whole family.
 void QVeltraXRayKORUXPlugIn::gotoUnitStatus(QString serial, hardwareStatus command)
 {
+    const OperationScope scope;
     // The serial is the host's text and may hold "%2" itself: both values go in
     // one call.
     emit logAdvancedText(
         QStringLiteral("gotoUnitStatus for %1 status %2").arg(serial, QString::number(int(command))));
 
     int index = -1;
-    for (int i = 0; i < hardwareUnitVector_.size(); ++i) {
+    for (int i = 0; i < numberOfKorux3(); ++i) {
         QString unitSerial;
         deviceUnit(i)->readSerialNumber(unitSerial);
         if (unitSerial == serial) {
@@ -194,6 +204,7 @@ void QVeltraXRayKORUXPlugIn::forwardToStatusChanged(hardwareStatus status)
 
 bool QVeltraXRayKORUXPlugIn::readFlashFiles(long index, bool withProductionFiles, bool overwrite)
 {
+    const OperationScope scope;
     QVeltraXRayKORUXPlugInUnit* unit = deviceUnit(index);
     QString scratch;
     unit->readSerialNumber(scratch);

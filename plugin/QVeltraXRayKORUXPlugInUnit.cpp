@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "plugin/OperationScope.h"
 #include "plugin/QVeltraXRayKORUXPlugIn.h"
 
 QVeltraXRayKORUXPlugInUnit::QVeltraXRayKORUXPlugInUnit(QObject* parent)
@@ -13,6 +14,9 @@ QVeltraXRayKORUXPlugInUnit::QVeltraXRayKORUXPlugInUnit(QObject* parent)
     samplesAboveThreshold = 0;
     imageReady = false;
     stopRequested = false;
+    // A later enumeration gives this unit up while operations of the plug-in
+    // may still be running on it.
+    korux::holdDeletionDuringOperations(this);
 }
 
 // The ports are closed by their users, never here: a unit given up by a new
