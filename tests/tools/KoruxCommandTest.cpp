@@ -3,12 +3,17 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
-#include <QLibrary>
+#include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QTemporaryDir>
 
+#include <algorithm>
+#include <cstring>
 #include <ostream>
+#include <vector>
+
+#include <elf.h>
 
 #include <gtest/gtest.h>
 
@@ -103,15 +108,119 @@ TEST_F(Korux, MissingScenarioIsNamed)
     EXPECT_TRUE(run.err.contains(scenario)) << run.err;
 }
 
-TEST_F(Korux, VendorBridgeMissingIsExplained)
+namespace {
+
+constexpr char kVendorBridge[] = "libft4222.so";
+
+// The run path written into an ELF program (DT_RUNPATH, else DT_RPATH), with
+// $ORIGIN expanded; empty when it has none or is not a 64-bit ELF file.
+QStringList runPath(const QString& program)
 {
-    {
-        QLibrary vendor(QStringLiteral("libft4222.so"));
-        if (vendor.load()) {
-            vendor.unload();
-            GTEST_SKIP() << "an FT4222 bridge library is installed on this machine";
+    QFile file(program);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray bytes = file.readAll();
+    const auto* data = reinterpret_cast<const unsigned char*>(bytes.constData());
+    const auto size = static_cast<size_t>(bytes.size());
+    Elf64_Ehdr header;
+    if (size < sizeof(header))
+        return {};
+    std::memcpy(&header, data, sizeof(header));
+    if (std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64)
+        return {};
+    std::vector<Elf64_Phdr> segments(header.e_phnum);
+    for (size_t i = 0; i < segments.size(); ++i) {
+        const size_t at = header.e_phoff + i * sizeof(Elf64_Phdr);
+        if (at + sizeof(Elf64_Phdr) > size)
+            return {};
+        std::memcpy(&segments[i], data + at, sizeof(Elf64_Phdr));
+    }
+    // Addresses in the dynamic section are virtual: find them in the file.
+    const auto fileOffset = [&](Elf64_Addr address) -> size_t {
+        for (const Elf64_Phdr& segment : segments)
+            if (segment.p_type == PT_LOAD && address >= segment.p_vaddr
+                && address < segment.p_vaddr + segment.p_filesz)
+                return segment.p_offset + (address - segment.p_vaddr);
+        return size;
+    };
+    Elf64_Addr strings = 0;
+    Elf64_Xword runPathAt = 0;
+    bool found = false;
+    for (const Elf64_Phdr& segment : segments) {
+        if (segment.p_type != PT_DYNAMIC)
+            continue;
+        for (size_t at = segment.p_offset;
+             at + sizeof(Elf64_Dyn) <= segment.p_offset + segment.p_filesz && at + sizeof(Elf64_Dyn) <= size;
+             at += sizeof(Elf64_Dyn)) {
+            Elf64_Dyn entry;
+            std::memcpy(&entry, data + at, sizeof(entry));
+            if (entry.d_tag == DT_NULL)
+                break;
+            if (entry.d_tag == DT_STRTAB)
+                strings = entry.d_un.d_ptr;
+            else if (entry.d_tag == DT_RUNPATH || (entry.d_tag == DT_RPATH && !found)) {
+                runPathAt = entry.d_un.d_val;
+                found = true;
+            }
         }
     }
+    const size_t at = found ? fileOffset(strings) + runPathAt : size;
+    if (at >= size)
+        return {};
+    const QString text = QString::fromLocal8Bit(reinterpret_cast<const char*>(data + at),
+        static_cast<int>(strnlen(reinterpret_cast<const char*>(data + at), size - at)));
+    const QString origin = QFileInfo(program).absolutePath();
+    QStringList directories;
+    for (QString directory : text.split(QLatin1Char(':'), Qt::SkipEmptyParts)) {
+        directory.replace(QStringLiteral("${ORIGIN}"), origin);
+        directory.replace(QStringLiteral("$ORIGIN"), origin);
+        directories << directory;
+    }
+    return directories;
+}
+
+// Where the dynamic loader finds the vendor bridge when korux asks for it by
+// name, as the tests run korux (no LD_LIBRARY_PATH): korux's own run path,
+// the loader's cache, the default directories. Empty when nowhere.
+QString vendorBridgeKoruxWouldFind()
+{
+    for (const QString& directory : runPath(korux_test::koruxPath())) {
+        const QString candidate = QDir(directory).filePath(QLatin1String(kVendorBridge));
+        if (QFileInfo::exists(candidate))
+            return candidate;
+    }
+    QProcess cache;
+    cache.start(QStringLiteral("/sbin/ldconfig"), { QStringLiteral("-p") });
+    if (cache.waitForFinished(10000)) {
+        const QStringList lines
+            = QString::fromLocal8Bit(cache.readAllStandardOutput()).split(QLatin1Char('\n'));
+        for (const QString& line : lines)
+            if (line.trimmed().startsWith(QLatin1String(kVendorBridge) + QLatin1Char(' ')))
+                return line.section(QStringLiteral("=> "), 1).trimmed();
+    }
+    for (const char* directory : { "/lib", "/usr/lib", "/lib64", "/usr/lib64" }) {
+        const QString candidate = QDir(QLatin1String(directory)).filePath(QLatin1String(kVendorBridge));
+        if (QFileInfo::exists(candidate))
+            return candidate;
+    }
+    return QString();
+}
+
+} // namespace
+
+// Decided from what korux would find, not from what this test program finds:
+// the test program links the virtual bridge, under the same name.
+TEST_F(Korux, VendorBridgeMissingIsExplained)
+{
+    // korux reaches the framework library through its run path, which the
+    // probe reads; the virtual bridge is not on it.
+    const QStringList directories = runPath(korux_test::koruxPath());
+    EXPECT_TRUE(std::any_of(directories.begin(), directories.end(), [](const QString& directory) {
+        return QFileInfo::exists(QDir(directory).filePath(QStringLiteral("libVeltraXRayHardware.so")));
+    })) << directories.join(QLatin1Char(' '));
+    const QString installed = vendorBridgeKoruxWouldFind();
+    if (!installed.isEmpty())
+        GTEST_SKIP() << "an FT4222 bridge library is installed on this machine: " << installed;
     const KoruxRun run
         = korux({ QStringLiteral("--bridge"), QStringLiteral("vendor"), QStringLiteral("list") });
     EXPECT_EQ(run.exitCode, 4);
