@@ -1,6 +1,7 @@
 // Timings of the plug-in through the virtual bridge. Every measurement has a
-// baseline measured in the same run (named *_Baseline) so that scripts/bench
-// can report ratios that do not depend on the machine.
+// baseline measured in the same run (named *_Baseline, *_Ideal or
+// *_Unavoidable) so that scripts/bench can report ratios that do not depend
+// on the machine.
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -14,14 +15,21 @@
 #include <memory>
 #include <vector>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <benchmark/benchmark.h>
 
+#include "acquisition/AcquisitionProtocol.h"
+#include "flash/FlashProtocol.h"
 #include "host/VeltraXRayHardware.h"
 #include "plugin/JsonReport.h"
 #include "plugin/QVeltraXRayKORUXPlugIn.h"
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 #include "sim/FlashContent.h"
 #include "sim/VirtualBridge.h"
+#include "transport/BridgeApi.h"
+#include "transport/SensorProtocol.h"
 
 extern "C" QVeltraHardwareFamily* getVeltraHardware();
 
@@ -153,6 +161,59 @@ void BM_ImageReadout_Baseline(benchmark::State& state)
 }
 BENCHMARK(BM_ImageReadout_Baseline)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The read-out with nothing but what it cannot avoid, over the same virtual
+// bridge calls: the image allocated and filled black, the 68 block transfers
+// straight into it (the last one, rounded up to 128 bytes on the wire, into a
+// tail buffer of its own), one swap. What the plug-in adds on top: block 0 is
+// read into a scratch buffer first (its size code decides the image) and
+// copied, every transfer switches the lines to quad again and writes its
+// trace line, and the scratch buffer is allocated and zeroed per read-out.
+void BM_ImageReadout_Ideal(benchmark::State& state)
+{
+    Machine machine(largeSensor());
+    QVeltraXRayKORUXPlugInUnit* unit = machine.unit();
+    if (!machine.ok() || !unit->readInformation(true) || !unit->readImage(false)) {
+        state.SkipWithError("the sensor did not come up");
+        return;
+    }
+    const FT_HANDLE portA = unit->portRecord(0).ftHandle;
+    const QSize size = unit->BINImageSize();
+    const korux::ImageBlocks blocks = korux::imageBlocks(size);
+    std::vector<uint8_t> tail(korux::kImageBlockSize);
+    FT4222_SPIMaster_SetLines(portA, SPI_IO_QUAD);
+    for (auto _ : state) {
+        QImage image(size, QImage::Format_Grayscale16);
+        image.fill(0);
+        uint8_t* pixels = image.bits();
+        uint32 bytesRead = 0;
+        bool ok = true;
+        for (uint32_t number = 0; number < blocks.fullBlocks && ok; ++number) {
+            korux::CommandFrame command = korux::sensorCommand(
+                korux::kClassData, static_cast<uint8_t>(korux::kCodeImageBlock + number));
+            ok = FT4222_SPIMaster_MultiReadWrite(portA, pixels + number * korux::kImageBlockSize,
+                     command.data(), 4, 0, static_cast<uint16>(korux::kImageBlockSize), &bytesRead)
+                == FT4222_OK;
+        }
+        if (ok && blocks.remainder != 0) {
+            korux::CommandFrame command = korux::sensorCommand(
+                korux::kClassData, static_cast<uint8_t>(korux::kCodeImageBlock + blocks.fullBlocks));
+            ok = FT4222_SPIMaster_MultiReadWrite(portA, tail.data(), command.data(), 4, 0,
+                     static_cast<uint16>(blocks.lastReadLength), &bytesRead)
+                == FT4222_OK;
+            std::memcpy(pixels + blocks.fullBlocks * korux::kImageBlockSize, tail.data(), blocks.remainder);
+        }
+        if (!ok) {
+            state.SkipWithError("a block transfer failed");
+            break;
+        }
+        korux::swapPixelBytes(pixels, blocks.totalBytes / 2);
+        benchmark::DoNotOptimize(image.constBits());
+    }
+    state.SetBytesProcessed(
+        static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kLargeImageBytes));
+}
+BENCHMARK(BM_ImageReadout_Ideal)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // --------------------------------------------------------------- flash file
 
 void BM_FlashFileCopy(benchmark::State& state)
@@ -194,6 +255,58 @@ void BM_FlashFileCopy_Baseline(benchmark::State& state)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kLargestFile);
 }
 BENCHMARK(BM_FlashFileCopy_Baseline)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// What the copy cannot avoid: the same virtual flash reads (the first sector,
+// then 60 KiB at a time, over port C on four lines) of the same bytes, and
+// one write of them to a fresh file. What the copy adds on top: the ports
+// opened, port C set up and the flash reset before the first read, a
+// line-mode switch and a trace line per read, the content gathered into a
+// buffer of its own, and the ports closed after the copy.
+void BM_FlashFileCopy_Unavoidable(benchmark::State& state)
+{
+    Machine machine(erasedSensor());
+    QVeltraXRayKORUXPlugInUnit* unit = machine.unit();
+    if (!machine.ok() || !unit->openPorts() || !unit->initPortC(false)) {
+        state.SkipWithError("the sensor did not come up");
+        return;
+    }
+    bridge().setFlashContents(0, kFileAddress, vbridge::flashFileImage(filler(kLargestFile)));
+    const FT_HANDLE portC = unit->portRecord(2).ftHandle;
+    constexpr uint32_t kSector = 4096;
+    constexpr uint32_t kChunk = 15 * kSector;
+    const uint32_t total = kLargestFile + static_cast<uint32_t>(korux::kFlashFileHeaderSize);
+    std::vector<uint8_t> content(((total + kChunk - 1) / kChunk + 1) * kChunk);
+    const QByteArray path = QFile::encodeName(machine.path(QStringLiteral("largest.bin")));
+    FT4222_SPIMaster_SetLines(portC, SPI_IO_QUAD);
+    for (auto _ : state) {
+        state.PauseTiming();
+        ::unlink(path.constData());
+        state.ResumeTiming();
+        bool ok = true;
+        uint32 bytesRead = 0;
+        for (uint32_t offset = 0; offset < total && ok;) {
+            const uint32_t length = offset == 0 ? kSector : kChunk;
+            auto frame = korux::quadReadFrame(kFileAddress + offset);
+            ok = FT4222_SPIMaster_MultiReadWrite(portC, content.data() + offset, frame.data(),
+                     korux::kQuadReadOpcodeBytes, korux::kQuadReadAddressBytes, static_cast<uint16>(length),
+                     &bytesRead)
+                == FT4222_OK;
+            offset += length;
+        }
+        const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ok = ok && fd >= 0
+            && ::write(fd, content.data() + korux::kFlashFileHeaderSize, kLargestFile)
+                == static_cast<ssize_t>(kLargestFile);
+        if (fd >= 0)
+            ::close(fd);
+        if (!ok) {
+            state.SkipWithError("the flash reads or the write failed");
+            break;
+        }
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kLargestFile);
+}
+BENCHMARK(BM_FlashFileCopy_Unavoidable)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // ------------------------------------------------------------ shot counter
 

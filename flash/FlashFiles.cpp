@@ -4,7 +4,9 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cstring>
 #include <ctime>
+#include <memory>
 #include <vector>
 
 #include "flash/FlashProtocol.h"
@@ -165,20 +167,33 @@ bool QVeltraXRayKORUXPlugInUnit::readFlashFile(QString fileName, unsigned int ad
     if (size < kFirstChunkContent) {
         file.write(bytes + kFlashFileHeaderSize, size);
     } else {
-        file.write(bytes + kFlashFileHeaderSize, kFirstChunkContent);
+        // The chunks are read one behind the other after the first sector and
+        // the content goes to the file in one write: the file system charges
+        // per write call far more than per byte. A failed read writes what
+        // came before it, as a copy written chunk by chunk leaves it.
+        const uint32_t chunks = (size - kFirstChunkContent + kNextChunk - 1) / kNextChunk;
+        std::unique_ptr<unsigned char[]> content(
+            new unsigned char[kFlashSectorSize + size_t(chunks) * kNextChunk]);
+        std::memcpy(content.get(), buffer.data(), kFlashSectorSize);
+        const char* contentBytes = reinterpret_cast<const char*>(content.get()) + kFlashFileHeaderSize;
+        uint32_t gathered = kFirstChunkContent;
         uint32_t remaining = size - kFirstChunkContent;
         unsigned int next = address + kFlashSectorSize;
+        unsigned char* target = content.get() + kFlashSectorSize;
         while (remaining != 0) {
-            if (!readFlash(buffer.data(), kNextChunk, next)) {
+            if (!readFlash(target, kNextChunk, next)) {
+                file.write(contentBytes, gathered);
                 file.close();
                 logUser(QStringLiteral("readFlash error @0x%1!").arg(hexAddress(next)));
                 return false;
             }
             const uint32_t chunk = remaining <= kNextChunk ? remaining : kNextChunk;
-            file.write(bytes, chunk);
+            gathered += chunk;
             remaining -= chunk;
             next += kNextChunk;
+            target += kNextChunk;
         }
+        file.write(contentBytes, gathered);
     }
     file.close();
 

@@ -11,12 +11,16 @@ constexpr uint8 kFlashReadStatus = 0x05;
 constexpr uint8 kFlashWriteEnable = 0x06;
 constexpr unsigned long kLineSwitchPauseUs = 100;
 
+// Written by hand: it is made for every transfer, 68 times per image.
 QString frameText(const uint8* command)
 {
-    const auto byte
-        = [](uint8 value) { return QString::number(value, 16).rightJustified(2, QLatin1Char('0')); };
-    return QStringLiteral("[%1, %2, %3, %4]")
-        .arg(byte(command[0]), byte(command[1]), byte(command[2]), byte(command[3]));
+    static const char kDigits[] = "0123456789abcdef";
+    char text[] = "[00, 00, 00, 00]";
+    for (int i = 0; i < 4; ++i) {
+        text[1 + 4 * i] = kDigits[command[i] >> 4];
+        text[2 + 4 * i] = kDigits[command[i] & 0x0F];
+    }
+    return QString::fromLatin1(text, sizeof(text) - 1);
 }
 
 }  // namespace

@@ -342,12 +342,15 @@ TEST_F(FlashTest, CheckOnlyLooksAtTheHeaderMarks)
 TEST_F(FlashTest, FailedReadInTheMiddleLeavesATruncatedFile)
 {
     giveBoardSerial();
-    putFile(0x500000, pattern(200000));
+    const std::vector<uint8_t> content = pattern(200000);
+    putFile(0x500000, content);
     // The first chunk and one more succeed; the third read fails.
     host.bridge().failCall("FT4222_SPIMaster_MultiReadWrite", 3, FT4222_IO_ERROR);
     EXPECT_FALSE(unit->readBLKFile(false));
     EXPECT_TRUE(host.seen().hasLog("readFlash error @0x00510000!"));
-    EXPECT_EQ(fileBytes(kBoardSerial + ".BLK").size(), 4080 + 61440);
+    // What was read before the failure is on disk, and nothing else.
+    EXPECT_EQ(fileBytes(kBoardSerial + ".BLK"),
+        QByteArray(reinterpret_cast<const char*>(content.data()), 4080 + 61440));
 }
 
 TEST_F(FlashTest, FlashPageReportCarriesThePageInHex)
