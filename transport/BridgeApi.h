@@ -75,8 +75,13 @@ typedef struct _ft_device_list_info_node {
     FT_HANDLE ftHandle;
 } FT_DEVICE_LIST_INFO_NODE;
 
-typedef enum FT4222_STATUS {
-    FT4222_OK = 0,
+// A C enumeration has the range of an int: a code the library returns that
+// the list does not name (a negative one too) is still a value of the type.
+typedef enum FT4222_STATUS
+#ifdef __cplusplus
+    : int
+#endif
+{ FT4222_OK = 0,
     FT4222_INVALID_HANDLE,
     FT4222_DEVICE_NOT_FOUND,
     FT4222_DEVICE_NOT_OPENED,

@@ -3,8 +3,6 @@
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 #include "transport/StatusTexts.h"
 
-#include <cstring>
-
 namespace {
 
 constexpr uint8 kFlashReadStatus = 0x05;
@@ -25,15 +23,10 @@ QString frameText(const uint8* command)
 
 }  // namespace
 
-// The library returns its status as a C int; a code outside the enumeration
-// (a negative one too) is read back as that int, not as the enumeration's
-// unsigned underlying type.
+// A code is numbered as the signed int the library returns.
 QString QVeltraXRayKORUXPlugInUnit::ft4222StatusToString(FT4222_STATUS status)
 {
-    static_assert(sizeof(FT4222_STATUS) == sizeof(int32_t), "FT4222_STATUS is a C int");
-    int32_t code = 0;
-    std::memcpy(&code, &status, sizeof(code));
-    return ft4222StatusText(code);
+    return ft4222StatusText(static_cast<int>(status));
 }
 
 QString QVeltraXRayKORUXPlugInUnit::ftStatusToString(uint32 status)

@@ -4,7 +4,6 @@
 #include "transport/StatusTexts.h"
 
 #include <cstdint>
-#include <cstring>
 
 using namespace testing_support;
 
@@ -96,13 +95,10 @@ TEST(StatusTexts, Ft4222TextsCoverBothTablesAndNumberTheRest)
     EXPECT_EQ(ft4222StatusText(-1), "FT4222_STATUS -1");
 }
 
-// A library answers its status as a C int: what the member gets for -1 is
-// that int's bit pattern.
+// A library answers its status as a C int: -1 is a value of the type.
 FT4222_STATUS libraryStatus(int32_t code)
 {
-    FT4222_STATUS status;
-    std::memcpy(&status, &code, sizeof(status));
-    return status;
+    return static_cast<FT4222_STATUS>(code);
 }
 
 TEST(StatusTexts, NegativeCodeThroughTheMemberIsNumberedAsSigned)
