@@ -238,15 +238,22 @@ TEST_F(EdgeCaseTest, FlashPageOfARemovedAddressParameterIsPageZero)
     start();
     QString serial;
     ASSERT_TRUE(unit->readSerialNumber(serial));
-    for (const QVariant& address :
-        { QVariant(), QVariant(QStringLiteral("0x100")), QVariant(QStringLiteral("page")) }) {
-        host.family().setParameter("FlashAddress", address);
+    const auto readsPageZero = [&](const char* what) {
         host.seen().clear();
         host.bridge().clearTrace();
         host.family().gotoStatus(commandReadFlashPage);
-        ASSERT_EQ(host.seen().data.size(), 1) << address.toString().toStdString();
-        EXPECT_EQ(reportValues(host.seen().data[0]).value("address").toInt(-1), 0);
-        EXPECT_TRUE(host.seen().hasLog("readFlash @0x00000000"));
+        ASSERT_EQ(host.seen().data.size(), 1) << what;
+        EXPECT_EQ(reportValues(host.seen().data[0]).value("address").toInt(-1), 0) << what;
+        EXPECT_TRUE(host.seen().hasLog("readFlash @0x00000000")) << what;
+    };
+    host.family().setParameter("FlashAddress", 4096);
+    KoruxFamilyAccess::removeParameter(host.family(), "FlashAddress");
+    ASSERT_FALSE(host.family().getParameter("FlashAddress").isValid());
+    readsPageZero("removed");
+    for (const QVariant& address :
+        { QVariant(), QVariant(QStringLiteral("0x100")), QVariant(QStringLiteral("page")) }) {
+        host.family().setParameter("FlashAddress", address);
+        readsPageZero(qPrintable(address.toString()));
     }
 }
 

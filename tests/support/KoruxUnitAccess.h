@@ -33,6 +33,8 @@ struct KoruxUnitAccess {
 struct KoruxFamilyAccess {
     using Family = QVeltraXRayKORUXPlugIn;
     static void setStatus(Family& family, hardwareStatus status) { family.status_ = status; }
+    // A key gone from the parameter store, as a host's store may lose one.
+    static void removeParameter(Family& family, const QString& key) { family.parameters_.remove(key); }
     static bool increaseShootCounter(Family& family, long index) { return family.increaseShootCounter(index); }
     static bool getShootCounter(Family& family, long index, unsigned int* value)
     {
