@@ -19,6 +19,7 @@
 #include "sim/Bridge.h"
 #include "sim/FlashContent.h"
 #include "sim/NorFlash.h"
+#include "sim/Phantom.h"
 
 namespace vbridge {
 
@@ -318,6 +319,54 @@ bool readFlash(Reader& r, const QString& baseDirectory, ScenarioSensor& sensor)
     });
 }
 
+// Where the sensor's pictures come from; a file is read now, and must have
+// the sensor's read-out size.
+bool readImageSource(Reader& r, const QString& baseDirectory, SensorConfig& c)
+{
+    return r.object("image", [&](Reader& i) {
+        std::string source = "phantom";
+        std::string file;
+        if (!i.allowOnly({ "source", "file" }) || !i.text("source", &source) || !i.text("file", &file))
+            return false;
+        if (i.has("file") && !i.has("source"))
+            source = "file";
+        if (source == "phantom" || source == "pattern") {
+            if (i.has("file"))
+                return i.fail(QStringLiteral("%1 is for \"source\": \"file\"").arg(i.path("file")));
+            c.image.kind = source == "phantom" ? ImageSource::Kind::Phantom : ImageSource::Kind::Pattern;
+            return true;
+        }
+        if (source != "file")
+            return i.fail(QStringLiteral("%1 must be \"phantom\", \"pattern\" or \"file\", not \"%2\"")
+                              .arg(i.path("source"), QString::fromStdString(source)));
+        if (file.empty())
+            return i.fail(QStringLiteral("%1 needs a \"file\" (a grey-scale PNG)").arg(i.where()));
+        const QString path
+            = QFileInfo(QDir(baseDirectory).filePath(QString::fromStdString(file))).absoluteFilePath();
+        auto pixels = std::make_shared<std::vector<uint16_t>>();
+        int width = 0, height = 0;
+        std::string why;
+        if (!readGreyPng(path.toStdString(), pixels.get(), &width, &height, &why))
+            return i.fail(QStringLiteral("%1: %2").arg(i.path("file"), QString::fromStdString(why)));
+        const int wantWidth = c.sizeCode == 2 ? 1300 : 1000;
+        const int wantHeight = c.sizeCode == 2 ? 1706 : 1506;
+        if (width != wantWidth || height != wantHeight)
+            return i.fail(QStringLiteral("%1: %2 is %3x%4 pixels; a sensor of size %5 reads %6x%7")
+                              .arg(i.path("file"), path)
+                              .arg(width)
+                              .arg(height)
+                              .arg(c.sizeCode)
+                              .arg(wantWidth)
+                              .arg(wantHeight));
+        c.image.kind = ImageSource::Kind::File;
+        c.image.file = path.toStdString();
+        c.image.pixels = std::move(pixels);
+        c.image.width = width;
+        c.image.height = height;
+        return true;
+    });
+}
+
 bool readSensor(
     const QJsonValue& value, int index, const QString& baseDirectory, ScenarioSensor& sensor, QString* error)
 {
@@ -330,7 +379,7 @@ bool readSensor(
     SensorConfig& c = sensor.config;
     std::string uniqueId;
     if (!r.allowOnly({ "serial", "location", "inside", "size", "version", "uniqueId", "plugged", "status",
-            "statusQueue", "generator", "adc", "exposure", "fpga", "flash" })
+            "statusQueue", "generator", "adc", "exposure", "image", "fpga", "flash" })
         || !r.text("serial", &c.serial, kMaxSerialLength) || !r.number("location", 0, 0xFFFFFFF0, &c.location)
         || !r.boolean("inside", &c.inside) || !r.number("size", 0, 3, &c.sizeCode)
         || !r.number("version", 0, 15, &c.version) || !r.text("uniqueId", &uniqueId)
@@ -394,6 +443,8 @@ bool readSensor(
                 && e.number("durationMs", 1, 10000, &c.exposure.durationMs)
                 && e.number("doseRate", 0, 1023, &c.exposure.doseRate);
         }))
+        return false;
+    if (!readImageSource(r, baseDirectory, c))
         return false;
     if (!r.object("fpga", [&](Reader& f) {
             return f.allowOnly({ "configured", "deviceId" }) && f.boolean("configured", &c.fpgaConfigured)

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "sim/FlashContent.h"
+#include "sim/Phantom.h"
 
 namespace vbridge {
 
@@ -187,31 +188,18 @@ void SensorLogic::ensureImage()
     }
 }
 
-// A recognisable test pattern: dark offset, fixed column pattern, a dose
-// signal with a checkerboard of 100-pixel squares, shading towards the edges,
-// and noise.
+// The picture of the exposure just integrated (sim/Phantom.h), in wire
+// order, with the size code in the top bits of the first pixel.
 void SensorLogic::finishImage()
 {
     imageWidth_ = width();
     imageHeight_ = height();
     imageCode_ = imageSizeCodeOverride >= 0 ? imageSizeCodeOverride : sizeCode;
-    const int signal = std::max(0, (exposureLevel_ - kDarkLevel)) * static_cast<int>(exposureMs_) / 20;
-    imageBytes_.resize(static_cast<size_t>(imageWidth_) * imageHeight_ * 2);
-    uint8_t* out = imageBytes_.data();
-    const uint32_t shot = seed_ * 977 + static_cast<uint32_t>(exposures);
-    for (int y = 0; y < imageHeight_; ++y) {
-        const int dy = std::abs(2 * y - imageHeight_) * 256 / imageHeight_;
-        for (int x = 0; x < imageWidth_; ++x) {
-            const int dx = std::abs(2 * x - imageWidth_) * 256 / imageWidth_;
-            const int shading = 512 - (dx * dx + dy * dy) / 512;
-            const bool light = ((x / 100) + (y / 100)) % 2 == 0;
-            int value = 1200 + ((x * 7) & 63) + signal * shading / 512 + (light ? signal / 4 : 0)
-                + static_cast<int>(mix(shot ^ static_cast<uint32_t>(y * 4099 + x)) % 17);
-            value = std::clamp(value, 0, 0x3FFF);
-            putBigEndian16(out, static_cast<uint16_t>(value));
-            out += 2;
-        }
-    }
+    const std::vector<uint16_t> pixels = renderSensorImage(imageSource, imageWidth_, imageHeight_,
+        exposureDose(exposureLevel_, exposureMs_), seed_, static_cast<uint32_t>(exposures));
+    imageBytes_.resize(pixels.size() * 2);
+    for (size_t i = 0; i < pixels.size(); ++i)
+        putBigEndian16(&imageBytes_[2 * i], pixels[i]);
     imageBytes_[0] = static_cast<uint8_t>((imageBytes_[0] & 0x3F) | (imageCode_ << 6));
 }
 

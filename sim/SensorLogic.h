@@ -44,6 +44,7 @@ public:
     bool autoExposure = true;
     Exposure exposure;
     uint32_t readoutMs = 300;
+    ImageSource imageSource;
     bool off = false;
     bool linkLost = false;
     int imageSizeCodeOverride = -1;

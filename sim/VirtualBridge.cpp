@@ -226,6 +226,14 @@ void VirtualBridge::setAutoExposure(int sensor, bool automatic, const Exposure& 
     logic.exposure = exposure;
 }
 
+void VirtualBridge::setImageSource(int sensor, const ImageSource& source)
+{
+    Locked locked;
+    VirtualSensor& s = locked.bridge.sensor(sensor);
+    s.config.image = source;
+    s.logic.imageSource = source;
+}
+
 void VirtualBridge::triggerExposure(int sensor, const Exposure& exposure)
 {
     Locked locked;

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,18 @@ struct Exposure {
     uint32_t delayMs = 150; // from arming (automatic exposures only)
     uint32_t durationMs = 120; // intra-oral exposures last 50 to 200 ms
     uint16_t doseRate = 700; // photodiode level while exposed (dark is 428)
+};
+
+// Where a sensor's pictures come from: the intra-oral phantom, the older
+// synthetic pattern, or the pixels of a PNG file (sim/Phantom.h).
+struct ImageSource {
+    enum class Kind { Phantom, Pattern, File };
+    Kind kind = Kind::Phantom;
+    std::string file; // File: its name, as given
+    // File: its pixels (host order, row by row) and its size.
+    std::shared_ptr<const std::vector<uint16_t>> pixels;
+    int width = 0;
+    int height = 0;
 };
 
 struct FlashTiming {
@@ -82,6 +95,7 @@ struct SensorConfig {
     Exposure exposure;
     // From the end of an integration to the image being ready to read.
     uint32_t readoutMs = 300;
+    ImageSource image;
     bool fpgaConfigured = true;
     uint32_t fpgaDeviceId = 0x412B4043;
     // Flash holds a realistic set of files and a counter when true;
@@ -210,6 +224,8 @@ public:
     void setGenerator(int sensor, const GeneratorSettings& generator);
     void setInside(int sensor, bool inside);
     void setAutoExposure(int sensor, bool automatic, const Exposure& exposure = Exposure());
+    // What the next images show (the image held stays as it is).
+    void setImageSource(int sensor, const ImageSource& source);
     // Starts an exposure now (the sensor must be armed to see it).
     void triggerExposure(int sensor, const Exposure& exposure = Exposure());
     // The sensor reports itself off (flag 0x10) or its link lost (0x20).

@@ -31,6 +31,7 @@ VirtualSensor::VirtualSensor(const SensorConfig& sensorConfig)
     logic.autoExposure = config.autoExposure;
     logic.exposure = config.exposure;
     logic.readoutMs = config.readoutMs;
+    logic.imageSource = config.image;
     logic.configured = config.fpgaConfigured;
     logic.fpgaDeviceId = config.fpgaDeviceId;
     converter.raw = config.adcRaw;
