@@ -1,12 +1,23 @@
 // Test programs run their tests inside a Qt application so that timers,
-// queued calls and processEvents behave as in a host.
+// queued calls and processEvents behave as in a host. Programs that draw
+// text (KORUX_TEST_GUI) get a GUI application on the offscreen platform, as
+// korux runs one.
+#ifdef KORUX_TEST_GUI
+#include <QGuiApplication>
+#else
 #include <QCoreApplication>
+#endif
 
 #include <gtest/gtest.h>
 
 int main(int argc, char** argv)
 {
+#ifdef KORUX_TEST_GUI
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QGuiApplication app(argc, argv);
+#else
     QCoreApplication app(argc, argv);
+#endif
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

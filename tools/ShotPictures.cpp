@@ -1,0 +1,119 @@
+#include "tools/ShotPictures.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+
+#include "tools/OscilloscopePlot.h"
+#include "tools/ShotDescription.h"
+
+namespace korux {
+
+const QString kPngCreationTimeKey = QStringLiteral("Creation Time");
+
+namespace {
+
+// One study per korux run, one series per unit in it, numbered in order.
+struct RunSeries {
+    QString studyUid;
+    QHash<QString, DicomSeries> series; // by board serial
+    QHash<QString, int> instances;
+};
+
+RunSeries& runSeries()
+{
+    static RunSeries run;
+    if (run.studyUid.isEmpty())
+        run.studyUid = newDicomUid();
+    return run;
+}
+
+} // namespace
+
+DicomUnit unitFromDescription(const QString& description, const QString& firmware)
+{
+    const DescriptionSection sensor = parseDescription(description).value(QStringLiteral("SENSOR"));
+    DicomUnit unit;
+    unit.model = sensor.value(QStringLiteral("Type"));
+    unit.boardSerial = sensor.value(QStringLiteral("HardwareSerial"));
+    unit.sensorSerial = sensor.value(QStringLiteral("SensorSerial"));
+    unit.technology = sensor.value(QStringLiteral("Technology"));
+    unit.firmware = firmware;
+    return unit;
+}
+
+PngText shotPngText(const DicomUnit& unit, const QDateTime& acquired)
+{
+    PngText text;
+    text.insert(QStringLiteral("Software"), QStringLiteral("korux"));
+    QString source = QString::fromLatin1(kDicomManufacturer);
+    if (!unit.model.isEmpty())
+        source += QLatin1Char(' ') + unit.model;
+    if (!unit.boardSerial.isEmpty())
+        source += QStringLiteral(", board %1").arg(unit.boardSerial);
+    if (!unit.sensorSerial.isEmpty())
+        source += QStringLiteral(", sensor %1").arg(unit.sensorSerial);
+    text.insert(QStringLiteral("Source"), source);
+    if (acquired.isValid())
+        text.insert(
+            kPngCreationTimeKey, acquired.toOffsetFromUtc(acquired.offsetFromUtc()).toString(Qt::ISODate));
+    if (!unit.firmware.isEmpty())
+        text.insert(kPngFirmwareKey, unit.firmware);
+    return text;
+}
+
+bool shotPictureFiles(const QString& stem, const QImage& image, const QString& description,
+    const DicomUnit& unit, const QDateTime& acquired, const PictureOptions& options, QVector<ShotFile>* files,
+    QString* error)
+{
+    ShotFile preview { stem + QStringLiteral("-preview.png"), encodePreviewPng(image, error) };
+    if (preview.bytes.isEmpty())
+        return false;
+    files->append(preview);
+
+    OscilloscopeFigures figures;
+    if (!oscilloscopeFromDescription(description, &figures, error))
+        return false;
+    figures.title = QStringLiteral("Oscilloscope of %1").arg(QFileInfo(stem).fileName());
+    const QImage plot = plotOscilloscope(figures);
+    if (!plot.isNull()) {
+        ShotFile file { stem + QStringLiteral("-oscilloscope.png"), encodePng(plot, false, error) };
+        if (file.bytes.isEmpty())
+            return false;
+        files->append(file);
+    }
+
+    if (options.dicom) {
+        RunSeries& run = runSeries();
+        DicomSeries& series = run.series[unit.boardSerial];
+        if (series.seriesUid.isEmpty()) {
+            series.studyUid = run.studyUid;
+            series.seriesUid = newDicomUid();
+            series.seriesNumber = run.series.size();
+        }
+        DicomShot shot;
+        shot.raw = rawArea(image);
+        shot.description = description;
+        shot.acquired = acquired;
+        shot.instanceNumber = ++run.instances[unit.boardSerial];
+        shot.unit = unit;
+        shot.patient = options.patient;
+        shot.series = series;
+        ShotFile processing { stem + QStringLiteral(".dcm"),
+            encodeDicom(shot, DicomIntent::ForProcessing, error) };
+        if (processing.bytes.isEmpty())
+            return false;
+        files->append(processing);
+        if (options.presentation) {
+            ShotFile presentation { stem + QStringLiteral("-presentation.dcm"),
+                encodeDicom(shot, DicomIntent::ForPresentation, error) };
+            if (presentation.bytes.isEmpty())
+                return false;
+            files->append(presentation);
+        }
+    }
+    return true;
+}
+
+} // namespace korux

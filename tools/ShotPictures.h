@@ -1,0 +1,46 @@
+// The files people open beside a shot's 16-bit PNG and its description: the
+// preview, the oscilloscope plot and, when asked, the DICOM files. korux
+// acquire makes them for every image it receives, korux dicom from a shot
+// saved before.
+#pragma once
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QImage>
+#include <QString>
+#include <QVector>
+
+#include "tools/DicomExport.h"
+#include "tools/ImageFiles.h"
+
+namespace korux {
+
+struct ShotFile {
+    QString path;
+    QByteArray bytes;
+};
+
+struct PictureOptions {
+    bool dicom = false; // the For Processing file, <stem>.dcm
+    bool presentation = false; // the For Presentation file too, <stem>-presentation.dcm
+    DicomPatient patient;
+};
+
+// The unit as the description's SENSOR section gives it, with its firmware.
+DicomUnit unitFromDescription(const QString& description, const QString& firmware);
+
+// The text chunk of a shot's PNG that gives when it was taken (ISO 8601).
+extern const QString kPngCreationTimeKey;
+
+// What a shot's 16-bit PNG says besides its pixels.
+PngText shotPngText(const DicomUnit& unit, const QDateTime& acquired);
+
+// The shot's pictures: <stem>-preview.png, <stem>-oscilloscope.png when the
+// description has samples, and the DICOM files asked for. The shots of one
+// korux run share a study, and those of one unit a series. False with the
+// reason in error.
+bool shotPictureFiles(const QString& stem, const QImage& image, const QString& description,
+    const DicomUnit& unit, const QDateTime& acquired, const PictureOptions& options, QVector<ShotFile>* files,
+    QString* error);
+
+} // namespace korux
