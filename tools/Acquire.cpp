@@ -3,16 +3,19 @@
 // written as 16-bit grey-scale PNG files with the description beside them.
 #include <QDir>
 #include <QImage>
-#include <QImageWriter>
 
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/ShotOutput.h"
 
 namespace korux {
 
 namespace {
 
 constexpr double kDefaultTimeoutSeconds = 60;
+
+// What the running acquire makes besides the image files (its options).
+PictureOptions shotPictures;
 
 // Statuses that end a unit's part of one shot: its image delivered, a
 // failure, or a sensor that was already off when stopped.
@@ -110,17 +113,15 @@ int prepareArming(Session& session)
     return result;
 }
 
-bool writePng(Session& session, const QImage& image, const QString& path)
+bool writePng(Session& session, const QImage& image, const QString& path, const PngText& text)
 {
-    const QImage grey =
-        image.format() == QImage::Format_Grayscale16 ? image : image.convertToFormat(QImage::Format_Grayscale16);
-    QImageWriter writer(path, "png");
-    if (!writer.write(grey)) {
-        session.console.error(QStringLiteral("korux: cannot write %1: %2").arg(path, writer.errorString()));
+    QString error;
+    const QByteArray bytes = encodeSensorPng(image, text, &error);
+    if (bytes.isEmpty()) {
+        session.console.error(QStringLiteral("korux: cannot write %1: %2").arg(path, error));
         return false;
     }
-    session.console.out(QStringLiteral("wrote %1").arg(path));
-    return true;
+    return writeShotFile(session, { path, bytes }, true);
 }
 
 bool writeText(Session& session, const QString& text, const QString& path)
@@ -141,12 +142,26 @@ bool writeShot(Session& session, const QDir& directory, QVeltraHardwareUnit* uni
     const QString board = unit->boardSerial();
     const QString name = board.isEmpty() ? QStringLiteral("unit%1").arg(session.host->unitIndex(unit)) : board;
     const QString stem = directory.filePath(QStringLiteral("%1-%2").arg(name).arg(session.shots, 3, 10, QLatin1Char('0')));
+    const QDateTime acquired = QDateTime::currentDateTime();
+    const DicomUnit identity = unitFromDescription(description, unit->firmware());
+    const PngText text = shotPngText(identity, acquired);
     bool written = true;
     if (!image.isNull())
-        written = writePng(session, image, stem + QStringLiteral(".png")) && written;
+        written = writePng(session, image, stem + QStringLiteral(".png"), text) && written;
     if (!black.isNull())
-        written = writePng(session, black, stem + QStringLiteral("-black.png")) && written;
-    return writeText(session, description, stem + QStringLiteral(".txt")) && written;
+        written = writePng(session, black, stem + QStringLiteral("-black.png"), text) && written;
+    written = writeText(session, description, stem + QStringLiteral(".txt")) && written;
+    // The files people open: preview, oscilloscope plot, DICOM.
+    QVector<ShotFile> pictures;
+    QString error;
+    if (!image.isNull()
+        && !shotPictureFiles(stem, image, description, identity, acquired, shotPictures, &pictures, &error)) {
+        session.console.error(QStringLiteral("korux: the pictures of %1.png: %2").arg(stem, error));
+        written = false;
+    }
+    for (const ShotFile& file : pictures)
+        written = writeShotFile(session, file, true) && written;
+    return written;
 }
 
 // One shot: arm, wait for every unit, stop on time-out.
@@ -222,6 +237,7 @@ int runAcquire(Session& session, const CommandLine& line)
         return ready;
     if (line.has(QStringLiteral("--oscilloscope")))
         session.host->family()->setParameter(QStringLiteral("Oscilloscope"), true);
+    shotPictures = pictureOptions(line);
 
     for (int shot = 0; shot < count; ++shot) {
         int result = shot == 0 ? prepareArming(session) : prepareStatus(session);

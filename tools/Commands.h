@@ -95,6 +95,7 @@ int runFlashPage(Session& session, const CommandLine& line);
 int runReport(Session& session, const CommandLine& line);
 int runSet(Session& session, const CommandLine& line);
 int runAcquire(Session& session, const CommandLine& line);
+int runDicom(Session& session, const CommandLine& line);
 int runScript(Session& session, const CommandLine& line);
 int runDoctor(Session& session, const CommandLine& line);
 

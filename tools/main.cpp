@@ -3,6 +3,7 @@
 // runs one command against it, printing whatever the plug-in reports.
 #include <QCoreApplication>
 #include <QDir>
+#include <QGuiApplication>
 #include <QStringList>
 
 #include <cstdlib>
@@ -16,6 +17,7 @@
 #include "tools/InstallLayout.h"
 #include "tools/Options.h"
 #include "tools/PluginHost.h"
+#include "tools/ShotOutput.h"
 #include "tools/Transcript.h"
 
 using namespace korux;
@@ -47,15 +49,20 @@ int usageError(Console& console, const QString& reason)
 
 int main(int argc, char** argv)
 {
-    // A core application: korux runs headless, images are only values.
-    QCoreApplication app(argc, argv);
+    // Headless: a GUI application on the offscreen platform, only so that
+    // the oscilloscope plot can be drawn with its text. It sees the program
+    // name alone: it would take options such as --plugin as its own.
+    prepareOffscreenGui();
+    int guiArgc = 1;
+    QGuiApplication app(guiArgc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("korux"));
     Console console;
 
     Options options;
     QString error;
-    QStringList words = QCoreApplication::arguments();
-    words.removeFirst();
+    QStringList words;
+    for (int i = 1; i < argc; ++i)
+        words << QString::fromLocal8Bit(argv[i]);
     if (!parseOptions(words, &options, &error))
         return usageError(console, error);
     if (options.help) {

@@ -12,14 +12,20 @@ using namespace korux_test;
 
 namespace {
 
-// "wrote <path>" lines of korux's output, in order.
+// "wrote <path>" lines of korux's output, in order: the image, black image
+// and description files (the preview, plot and DICOM files beside them are
+// KoruxImagingTest's).
 QStringList writtenFiles(const QString& out)
 {
     QStringList files;
     static const QRegularExpression wrote(QStringLiteral("^wrote (.+)$"), QRegularExpression::MultilineOption);
+    static const QRegularExpression pictures(QStringLiteral("(-preview\\.png|-oscilloscope\\.png|\\.dcm)$"));
     auto matches = wrote.globalMatch(out);
-    while (matches.hasNext())
-        files << matches.next().captured(1);
+    while (matches.hasNext()) {
+        const QString file = matches.next().captured(1);
+        if (!pictures.match(file).hasMatch())
+            files << file;
+    }
     return files;
 }
 
