@@ -1,8 +1,8 @@
 // The oscilloscope of a shot as a picture: the dose rate the sensor's
 // photodiode saw, sample after sample, over the threshold of 428 above
 // which samples count, with the shot's energy and exposition written on it.
-// Drawing text needs a QGuiApplication (korux runs one on the offscreen
-// platform).
+// Drawing text needs a QGuiApplication (korux runs one on Qt's minimal
+// platform with fonts).
 #pragma once
 
 #include <QImage>

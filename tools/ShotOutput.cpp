@@ -29,9 +29,9 @@ void filterMessages(QtMsgType type, const QMessageLogContext& context, const QSt
 
 } // namespace
 
-void prepareOffscreenGui()
+void prepareHeadlessGui()
 {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
+    qputenv("QT_QPA_PLATFORM", "minimal:enable_fonts");
     qtHandler = qInstallMessageHandler(filterMessages);
 }
 

@@ -16,8 +16,9 @@ PictureOptions pictureOptions(const CommandLine& line);
 bool writeShotFile(Session& session, const ShotFile& file, bool replace);
 
 // Before the application is made: korux runs a GUI application (text in the
-// oscilloscope plot needs one) on the offscreen platform, without Qt's
-// complaint about a missing runtime directory, which is of no use to it.
-void prepareOffscreenGui();
+// oscilloscope plot needs one) on Qt's minimal platform with its fonts (no
+// display, nothing left allocated at exit), without Qt's complaint about a
+// missing runtime directory, which is of no use to it.
+void prepareHeadlessGui();
 
 } // namespace korux

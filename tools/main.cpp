@@ -49,10 +49,10 @@ int usageError(Console& console, const QString& reason)
 
 int main(int argc, char** argv)
 {
-    // Headless: a GUI application on the offscreen platform, only so that
+    // Headless: a GUI application without a display, only so that
     // the oscilloscope plot can be drawn with its text. It sees the program
     // name alone: it would take options such as --plugin as its own.
-    prepareOffscreenGui();
+    prepareHeadlessGui();
     int guiArgc = 1;
     QGuiApplication app(guiArgc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("korux"));

@@ -1,7 +1,7 @@
 // Test programs run their tests inside a Qt application so that timers,
 // queued calls and processEvents behave as in a host. Programs that draw
-// text (KORUX_TEST_GUI) get a GUI application on the offscreen platform, as
-// korux runs one.
+// text (KORUX_TEST_GUI) get a GUI application on Qt's minimal platform with
+// fonts, as korux runs one.
 #ifdef KORUX_TEST_GUI
 #include <QGuiApplication>
 #else
@@ -13,7 +13,7 @@
 int main(int argc, char** argv)
 {
 #ifdef KORUX_TEST_GUI
-    qputenv("QT_QPA_PLATFORM", "offscreen");
+    qputenv("QT_QPA_PLATFORM", "minimal:enable_fonts");
     QGuiApplication app(argc, argv);
 #else
     QCoreApplication app(argc, argv);

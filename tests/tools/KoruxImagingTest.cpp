@@ -119,6 +119,12 @@ TEST_F(KoruxImaging, AcquireWritesThePreviewAndThePlotBesideThePng)
 
     const QImage plot(path(stem + QStringLiteral("-oscilloscope.png")));
     EXPECT_EQ(plot.size(), korux::kOscilloscopePlotSize);
+    // korux draws the heading's text (its fonts are there without a display).
+    int ink = 0;
+    for (int y = 0; y < 50; ++y)
+        for (int x = 0; x < plot.width(); ++x)
+            ink += qGray(plot.pixel(x, y)) < 100;
+    EXPECT_GT(ink, 500);
 }
 
 TEST_F(KoruxImaging, AcquireWithDicomWritesBothClassesThatValidate)

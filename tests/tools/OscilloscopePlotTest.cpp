@@ -36,6 +36,16 @@ QString exposureSamples()
     return text;
 }
 
+// Dark pixels of the heading (title, energy and exposition): text was drawn.
+int headingInk(const QImage& image)
+{
+    int count = 0;
+    for (int y = 0; y < 50; ++y)
+        for (int x = 0; x < image.width(); ++x)
+            count += qGray(image.pixel(x, y)) < 100;
+    return count;
+}
+
 int countColour(const QImage& image, QRgb colour, int tolerance)
 {
     int count = 0;
@@ -86,6 +96,7 @@ TEST(OscilloscopePlot, HasItsSizeTheCurveAndTheThreshold)
     EXPECT_EQ(figures.exposition, 87);
     const QImage plot = plotOscilloscope(figures);
     ASSERT_EQ(plot.size(), kOscilloscopePlotSize);
+    EXPECT_GT(headingInk(plot), 500);
     // The curve (dark blue) runs across the plot; the threshold (red) too.
     EXPECT_GT(countColour(plot, qRgb(20, 60, 160), 30), 700);
     EXPECT_GT(countColour(plot, qRgb(200, 30, 30), 30), 300);
