@@ -343,6 +343,10 @@ bool readImageSource(Reader& r, const QString& baseDirectory, SensorConfig& c)
             return i.fail(QStringLiteral("%1 needs a \"file\" (a grey-scale PNG)").arg(i.where()));
         const QString path
             = QFileInfo(QDir(baseDirectory).filePath(QString::fromStdString(file))).absoluteFilePath();
+        // Only a regular file: a device or a pipe could block or never end.
+        const QFileInfo info(path);
+        if (info.exists() && !info.isFile())
+            return i.fail(QStringLiteral("%1: %2 is not a regular file").arg(i.path("file"), path));
         auto pixels = std::make_shared<std::vector<uint16_t>>();
         int width = 0, height = 0;
         std::string why;

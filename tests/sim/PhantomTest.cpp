@@ -285,6 +285,7 @@ TEST_F(VbImageSource, BadImageSourcesAreRefusedWithTheReason)
         { R"({"file": ")" + base + R"(small.png"})", "is 20x10 pixels; a sensor of size 1 reads 1000x1506" },
         { R"({"file": ")" + base + R"(colour.png"})", "is not a grey-scale PNG" },
         { R"({"colour": 1})", "unknown key \"colour\" in sensors[0].image" },
+        { R"({"file": "/dev/zero"})", "/dev/zero is not a regular file" },
     };
     for (const auto& c : cases) {
         std::string error;

@@ -205,3 +205,19 @@ TEST_F(KoruxImaging, DicomOfWhatIsNoShotSaysWhy)
         << noText.err;
     EXPECT_FALSE(QFile::exists(path(QStringLiteral("lone.dcm"))));
 }
+
+TEST_F(KoruxImaging, DemoScriptWritesEveryFile)
+{
+    // What scripts/demo runs.
+    const KoruxRun run
+        = koruxOn({ QStringLiteral("run"), QStringLiteral(KORUX_SOURCE_DIR "/examples/acquisition.korux") });
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    QStringList names = QDir(path(QStringLiteral("images"))).entryList(QDir::Files);
+    for (QString& name : names)
+        name.remove(QRegularExpression(QStringLiteral("^[^-]+-\\d+")));
+    names.sort();
+    EXPECT_EQ(names,
+        (QStringList { QStringLiteral("-oscilloscope.png"), QStringLiteral("-presentation.dcm"),
+            QStringLiteral("-preview.png"), QStringLiteral(".dcm"), QStringLiteral(".png"),
+            QStringLiteral(".txt") }));
+}
