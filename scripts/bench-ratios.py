@@ -113,6 +113,15 @@ ratio = counter(name, "cpu_wall_ratio")
 add(name + " CPU/wall", ratio * 100 if ratio is not None else None, "%",
     target="< 3 %", limit=3.0, strict=True, source=name)
 
+# The pictures: one exposure of the virtual sensor's phantom, and a shot's
+# files encoded in memory (its 16-bit PNG; preview and both DICOM files).
+for name, label, limit in (("BM_PhantomShot", "BM_PhantomShot (1000x1506)", 50.0),
+                           ("BM_SensorPng", "BM_SensorPng (1000x1506)", 150.0),
+                           ("BM_ShotPictureFiles", "BM_ShotPictureFiles (preview, 2 DICOM)", 150.0)):
+    t = real_ns(name)
+    add(label, t / 1e6 if t is not None else None, "ms", target="< %g ms" % limit, limit=limit, strict=True,
+        source=name)
+
 
 def fmt(value, digits=3):
     if value is None:
