@@ -48,13 +48,18 @@ QString commentsText(const QString& description)
     return description.left(kLongTextLimit - marker.size()) + marker;
 }
 
-// Long string values: 64 characters at most, no backslash (it separates
-// values).
-OFString longString(const QString& text)
+// String values: at most limit characters (64 for a long string, 16 for a
+// short one), no backslash (it separates values).
+OFString stringValue(const QString& text, int limit)
 {
     QString value = text;
     value.replace(QLatin1Char('\\'), QLatin1Char('/'));
-    return OFString(value.left(64).toUtf8().constData());
+    return OFString(value.left(limit).toUtf8().constData());
+}
+
+OFString longString(const QString& text)
+{
+    return stringValue(text, 64);
 }
 
 OFString detectorType(const QString& technology)
@@ -244,7 +249,7 @@ QByteArray encodeDicom(const DicomShot& shot, DicomIntent intent, QString* error
     }
     // DX Detector
     w.put(DCM_DetectorType, detectorType(shot.unit.technology))
-        .put(DCM_DetectorID, longString(shot.unit.sensorSerial))
+        .put(DCM_DetectorID, stringValue(shot.unit.sensorSerial, 16)) // a short string
         .put(DCM_DetectorDescription, longString(shot.unit.technology))
         .put(DCM_ImagerPixelSpacing, OFString("0.020\\0.020"));
     // Image Pixel

@@ -1,7 +1,5 @@
 #include "tools/ShotPictures.h"
 
-#include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QHash>
 
