@@ -10,10 +10,26 @@
 
 #include <gtest/gtest.h>
 
+#ifdef KORUX_TEST_GUI
+namespace {
+
+QtMessageHandler qtHandler = nullptr;
+
+// Qt's complaint about a missing runtime directory says nothing to a test.
+void filterMessages(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (!message.startsWith(QLatin1String("QStandardPaths: XDG_RUNTIME_DIR not set")) && qtHandler)
+        qtHandler(type, context, message);
+}
+
+} // namespace
+#endif
+
 int main(int argc, char** argv)
 {
 #ifdef KORUX_TEST_GUI
     qputenv("QT_QPA_PLATFORM", "minimal:enable_fonts");
+    qtHandler = qInstallMessageHandler(filterMessages);
     QGuiApplication app(argc, argv);
 #else
     QCoreApplication app(argc, argv);
