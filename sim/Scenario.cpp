@@ -278,7 +278,6 @@ bool readFlash(Reader& r, const QString& baseDirectory, ScenarioSensor& sensor)
         if (!sensor.flashImage.empty()) {
             const QFileInfo image(QDir(baseDirectory).filePath(QString::fromStdString(sensor.flashImage)));
             sensor.flashImage = image.absoluteFilePath().toStdString();
-            sensor.flashImageExists = image.exists();
             if (image.exists() && (!image.isFile() || image.size() != NorFlash::kSize))
                 return f.fail(QStringLiteral("%1: the file %2 holds %3 bytes, not %4")
                                   .arg(f.path("image"), image.absoluteFilePath())
@@ -644,20 +643,18 @@ bool load(
     control.reset();
     for (const ScenarioSensor& sensor : scenario.sensors) {
         const int index = control.addSensor(sensor.config);
-        // An existing image file holds the flash as the last run left it; a
-        // new one starts from the described contents.
-        if (sensor.flashImageExists) {
-            std::string imageError;
-            if (!control.setFlashImage(index, sensor.flashImage, &imageError))
-                std::fprintf(stderr, "virtual bridge: scenario %s: %s\n", name.c_str(), imageError.c_str());
-        } else {
-            if (sensor.eraseFlash)
-                control.eraseFlashContents(index);
-            for (const ScenarioFile& file : sensor.files)
-                control.setFlashContents(index, file.address, file.bytes);
-            std::string imageError;
-            if (!sensor.flashImage.empty() && !control.setFlashImage(index, sensor.flashImage, &imageError))
-                std::fprintf(stderr, "virtual bridge: scenario %s: %s\n", name.c_str(), imageError.c_str());
+        // The described contents, unless an image file holds the flash as
+        // the last run left it: whether it does is seen only once this
+        // process holds the file (another may be creating it right now).
+        if (sensor.eraseFlash)
+            control.eraseFlashContents(index);
+        for (const ScenarioFile& file : sensor.files)
+            control.setFlashContents(index, file.address, file.bytes);
+        std::string imageError;
+        if (!sensor.flashImage.empty() && !control.setFlashImage(index, sensor.flashImage, &imageError)) {
+            if (error)
+                *error = "scenario " + name + ": " + imageError;
+            return false;
         }
         if (sensor.hasTiming)
             control.setFlashTiming(index, sensor.timing);

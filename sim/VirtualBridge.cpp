@@ -361,25 +361,20 @@ void VirtualBridge::cutPowerAt(int sensor, int nthProgramOrErase)
 bool VirtualBridge::setFlashImage(int sensor, const std::string& path, std::string* error)
 {
     Locked locked;
-    VirtualSensor& s = locked.bridge.sensor(sensor);
-    std::ifstream file(path, std::ios::binary);
-    if (file) {
-        std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-        if (bytes.size() != NorFlash::kSize) {
+    Bridge& bridge = locked.bridge;
+    VirtualSensor& s = bridge.sensor(sensor);
+    for (const auto& other : bridge.sensors) {
+        if (other.get() != &s && !path.empty() && other->flashImage == path) {
             if (error)
-                *error = "the flash image " + path + " holds " + std::to_string(bytes.size()) + " bytes, not "
-                    + std::to_string(NorFlash::kSize);
+                *error = "the flash image " + path + " is the flash of sensor "
+                    + std::to_string(bridge.sensorIndexOf(*other)) + " already";
             return false;
         }
-        s.flash.memory() = std::move(bytes);
-        s.flashImage = path;
-        s.claims.setPath(path + kClaimSuffix);
-        s.flash.dirty = false;
-        return true;
     }
-    s.flashImage = path;
+    if (!s.attachFlashImage(path, error))
+        return false;
     s.claims.setPath(path + kClaimSuffix);
-    return locked.bridge.saveFlashImage(s, error);
+    return true;
 }
 
 void VirtualBridge::saveFlashImages()

@@ -243,7 +243,11 @@ public:
     // sector is left partly written and the sensor unplugged.
     void cutPowerAt(int sensor, int nthProgramOrErase);
     // Keeps the flash contents in this file: loaded now if it exists, saved
-    // when the port closes and when the bridge is reset or unloaded.
+    // after every program or erase that reaches the chip, and when the port
+    // closes and the bridge is reset or unloaded. Each save replaces the file
+    // whole (temporary file, sync, rename). The file is this process's until
+    // the sensor goes: "<path>.lock" stays locked, and a second process
+    // waits for it (saying who holds it), up to kFlashImageWaitSeconds.
     bool setFlashImage(int sensor, const std::string& path, std::string* error);
     void saveFlashImages();
 

@@ -1,12 +1,17 @@
 // korux acquire: from whatever status the family is in to an armed family,
 // then the exposure followed live until every unit has delivered its image,
 // written as 16-bit grey-scale PNG files with the description beside them.
+#include <QBuffer>
 #include <QDir>
+#include <QFileInfo>
 #include <QImage>
 #include <QImageWriter>
+#include <QVector>
 
+#include "tools/AtomicFile.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/Interrupt.h"
 
 namespace korux {
 
@@ -110,54 +115,91 @@ int prepareArming(Session& session)
     return result;
 }
 
-bool writePng(Session& session, const QImage& image, const QString& path)
+QByteArray encodePng(const QImage& image, QString* error)
 {
     const QImage grey =
         image.format() == QImage::Format_Grayscale16 ? image : image.convertToFormat(QImage::Format_Grayscale16);
-    QImageWriter writer(path, "png");
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    QImageWriter writer(&buffer, "png");
     if (!writer.write(grey)) {
-        session.console.error(QStringLiteral("korux: cannot write %1: %2").arg(path, writer.errorString()));
-        return false;
+        *error = writer.errorString();
+        return QByteArray();
     }
-    session.console.out(QStringLiteral("wrote %1").arg(path));
-    return true;
+    return bytes;
 }
 
-bool writeText(Session& session, const QString& text, const QString& path)
+// The files of one image: <board serial>-<shot counter after the shot>.png,
+// -black.png and .txt. The counter is the sensor's own, so the name is never
+// used twice by one sensor; should it be taken anyway (a counter that did
+// not advance, the same folder for two machines), the file is kept and the
+// shot reported as not written, unless --overwrite says otherwise.
+bool writeShot(Session& session, const QDir& directory, bool overwrite, QVeltraHardwareUnit* unit,
+    const QImage& image, const QImage& black, const QString& description)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(text.toUtf8()) < 0) {
-        session.console.error(QStringLiteral("korux: cannot write %1: %2").arg(path, file.errorString()));
-        return false;
-    }
-    session.console.out(QStringLiteral("wrote %1").arg(path));
-    return true;
-}
-
-// Files of one image: <board serial>-<shot>.png, -black.png and .txt.
-bool writeShot(Session& session, const QDir& directory, QVeltraHardwareUnit* unit, const QImage& image,
-    const QImage& black, const QString& description)
-{
+    PluginHost& host = *session.host;
     const QString board = unit->boardSerial();
-    const QString name = board.isEmpty() ? QStringLiteral("unit%1").arg(session.host->unitIndex(unit)) : board;
-    const QString stem = directory.filePath(QStringLiteral("%1-%2").arg(name).arg(session.shots, 3, 10, QLatin1Char('0')));
-    bool written = true;
+    const QString name = board.isEmpty() ? QStringLiteral("unit%1").arg(host.unitIndex(unit)) : board;
+    QString shot;
+    if (host.observations().counters.contains(unit))
+        shot = QStringLiteral("%1").arg(
+            qulonglong(host.observations().counters.value(unit)) + 1, 6, 10, QLatin1Char('0'));
+    else
+        shot = QStringLiteral("shot%1").arg(session.shots, 3, 10, QLatin1Char('0'));
+    const QString stem = directory.filePath(QStringLiteral("%1-%2").arg(name, shot));
+
+    struct Output {
+        QString path;
+        QByteArray bytes;
+    };
+    QVector<Output> outputs;
+    QString error;
     if (!image.isNull())
-        written = writePng(session, image, stem + QStringLiteral(".png")) && written;
-    if (!black.isNull())
-        written = writePng(session, black, stem + QStringLiteral("-black.png")) && written;
-    return writeText(session, description, stem + QStringLiteral(".txt")) && written;
+        outputs.append({ stem + QStringLiteral(".png"), encodePng(image, &error) });
+    if (error.isEmpty() && !black.isNull())
+        outputs.append({ stem + QStringLiteral("-black.png"), encodePng(black, &error) });
+    if (!error.isEmpty()) {
+        session.console.error(
+            QStringLiteral("korux: cannot encode the image of unit %1: %2").arg(host.unitName(unit), error));
+        return false;
+    }
+    outputs.append({ stem + QStringLiteral(".txt"), description.toUtf8() });
+
+    if (!overwrite) {
+        for (const Output& output : outputs) {
+            if (QFileInfo::exists(output.path)) {
+                session.console.error(QStringLiteral("korux: %1 exists already; the shot of unit %2 is not "
+                                                     "written (acquire --overwrite replaces it)")
+                                          .arg(output.path, host.unitName(unit)));
+                return false;
+            }
+        }
+    }
+    const AtomicFile::Existing existing
+        = overwrite ? AtomicFile::Existing::Replace : AtomicFile::Existing::Keep;
+    bool written = true;
+    for (const Output& output : outputs) {
+        if (writeFileAtomically(output.path, output.bytes, existing, &error)) {
+            session.console.out(QStringLiteral("wrote %1").arg(output.path));
+            continue;
+        }
+        session.console.error(QStringLiteral("korux: ") + error);
+        written = false;
+    }
+    return written;
 }
 
 // One shot: arm, wait for every unit, stop on time-out.
-int shoot(Session& session, const QDir& directory, int timeoutMs)
+int shoot(Session& session, const QDir& directory, bool overwrite, int timeoutMs)
 {
     PluginHost& host = *session.host;
     ++session.shots;
     bool filesWritten = true;
     host.onImage = [&](QVeltraHardwareUnit* unit, const QImage& image, const QImage& black,
                        const QString& description) {
-        filesWritten = writeShot(session, directory, unit, image, black, description) && filesWritten;
+        filesWritten
+            = writeShot(session, directory, overwrite, unit, image, black, description) && filesWritten;
     };
     const Outcome armed = sendFamilyCommand(session, statusArming);
     int result = kExitOk;
@@ -173,7 +215,9 @@ int shoot(Session& session, const QDir& directory, int timeoutMs)
                 return true;
             },
             timeoutMs);
-        if (!ended) {
+        if (!ended && stopRequested()) {
+            result = interruptedExit();
+        } else if (!ended) {
             session.console.error(QStringLiteral("korux: no image within %1 s; stopping").arg(timeoutMs / 1000.0));
             if (host.family()->status() == statusArmed) {
                 sendFamilyCommand(session, statusStopping);
@@ -213,9 +257,16 @@ int runAcquire(Session& session, const CommandLine& line)
         return kExitUsage;
     }
     const QDir directory(line.value(QStringLiteral("--out"), QStringLiteral(".")));
-    if (!directory.mkpath(QStringLiteral("."))) {
-        session.console.error(QStringLiteral("korux: cannot create %1").arg(directory.path()));
-        return kExitFailure;
+    // Checked before any arming: an exposure whose image cannot be kept is
+    // a dose given for nothing.
+    QString reason;
+    if (!QFileInfo::exists(directory.path()) && !directory.mkpath(QStringLiteral("."))) {
+        session.console.error(QStringLiteral("korux: acquire --out: cannot create %1").arg(directory.path()));
+        return kExitUsage;
+    }
+    if (!directoryIsWritable(directory.path(), &reason)) {
+        session.console.error(QStringLiteral("korux: acquire --out: %1").arg(reason));
+        return kExitUsage;
     }
     const int ready = requireUnits(session);
     if (ready != kExitOk)
@@ -224,9 +275,11 @@ int runAcquire(Session& session, const CommandLine& line)
         session.host->family()->setParameter(QStringLiteral("Oscilloscope"), true);
 
     for (int shot = 0; shot < count; ++shot) {
+        if (stopRequested())
+            return interruptedExit();
         int result = shot == 0 ? prepareArming(session) : prepareStatus(session);
         if (result == kExitOk)
-            result = shoot(session, directory, int(timeout * 1000));
+            result = shoot(session, directory, line.has(QStringLiteral("--overwrite")), int(timeout * 1000));
         if (result != kExitOk)
             return result;
     }

@@ -66,10 +66,11 @@ const std::vector<Command>& commandTable()
             false, runStop },
         { "abort", "", "abort an armed family (command 6) and wait for the units to stop", 0, 0, "", "", true,
             false, runAbort },
-        { "acquire", "[--out DIR] [--count N] [--oscilloscope] [--timeout S]",
-            "arm, follow the exposure and write image, black image and description", 0, 0, "--oscilloscope",
-            "--out --count --timeout", true, false, runAcquire },
-        { "params", "", "* parameter report of each unit (command 1000)", 0, 0, "", "", true, true, runParams },
+        { "acquire", "[--out DIR] [--count N] [--oscilloscope] [--timeout S] [--overwrite]",
+            "arm, follow the exposure and write image, black image and description", 0, 0,
+            "--oscilloscope --overwrite", "--out --count --timeout", true, false, runAcquire },
+        { "params", "", "* parameter report of each unit (command 1000)", 0, 0, "", "", true, true,
+            runParams },
         { "voltages", "", "* voltage report of each unit (command 1001)", 0, 0, "", "", true, true,
             runVoltages },
         { "serial", "", "read each unit's serial number from its flash (command 1002)", 0, 0, "", "", true,
@@ -80,8 +81,9 @@ const std::vector<Command>& commandTable()
         { "counter", "[--increase | --set N]",
             "* read the shot counter (1007), add one (1009) or set it, then read it", 0, 0, "--increase",
             "--set", true, true, runCounter },
-        { "format-flash", "", "* the flash format command (2000): a chip erase, sent only when write enable fails", 0, 0, "", "", true, true,
-            runFormatFlash },
+        { "format-flash", "",
+            "* the flash format command (2000): a chip erase, sent only when write enable fails", 0, 0, "",
+            "", true, true, runFormatFlash },
         { "flash-page", "ADDRESS", "* print the flash page at ADDRESS (command 3001 with FlashAddress)", 1, 1,
             "", "", true, true, runFlashPage },
         { "report", "", "the family report: every family parameter (command 1010)", 0, 0, "", "", true, false,
@@ -176,6 +178,9 @@ int runCommand(Session& session, const Command& command, const CommandLine& line
         if (session.scriptLine > 0)
             fields.insert(QStringLiteral("line"), session.scriptLine);
         session.transcript->record(QStringLiteral("command"), fields);
+        // Nothing runs that the transcript could not record.
+        if (session.transcript->failed())
+            return kExitFailure;
     }
     const int result = command.run(session, line);
     if (session.transcript)

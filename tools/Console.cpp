@@ -3,7 +3,12 @@
 #include <QByteArray>
 #include <QStringList>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
+
+#include "tools/Interrupt.h"
 
 namespace korux {
 
@@ -35,11 +40,17 @@ QString sgrFor(const QString& word)
 
 constexpr int kLongestTag = 32;
 
-void write(FILE* stream, const QString& text)
+// errno of a failed write, 0 when every byte went out.
+int writeAll(FILE* stream, const QString& text)
 {
     const QByteArray bytes = text.toUtf8() + '\n';
-    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
-    std::fflush(stream);
+    errno = 0;
+    const size_t written = std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
+    if (std::fflush(stream) == 0 && written == static_cast<size_t>(bytes.size()))
+        return 0;
+    const int error = errno != 0 ? errno : EIO;
+    std::clearerr(stream);
+    return error;
 }
 
 } // namespace
@@ -61,19 +72,31 @@ QString styleLogText(const QString& text, bool colour)
     return QStringLiteral("\033[%1m%2\033[0m").arg(codes.join(';'), text.mid(close + 1));
 }
 
+void Console::write(const QString& text)
+{
+    if (outputError_ != 0)
+        return;
+    outputError_ = writeAll(stdout, text);
+    if (outputError_ == EPIPE)
+        requestStop(SIGPIPE);
+    else if (outputError_ != 0)
+        error(QStringLiteral("korux: cannot write to standard output: %1")
+                  .arg(QString::fromLocal8Bit(std::strerror(outputError_))));
+}
+
 void Console::out(const QString& text)
 {
-    write(stdout, text);
+    write(text);
 }
 
 void Console::log(const QString& text)
 {
-    write(stdout, styleLogText(text, colour_));
+    write(styleLogText(text, colour_));
 }
 
 void Console::error(const QString& text)
 {
-    write(stderr, text);
+    writeAll(stderr, text);
 }
 
 } // namespace korux

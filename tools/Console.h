@@ -24,8 +24,17 @@ public:
     // One of korux's own messages, on stderr.
     void error(const QString& text);
 
+    // Standard output could not be written (a full disk, a closed pipe):
+    // said once on stderr (a closed pipe quietly asks korux to stop), and
+    // nothing more is written there.
+    bool outputFailed() const { return outputError_ != 0; }
+    int outputError() const { return outputError_; }
+
 private:
+    void write(const QString& text);
+
     bool colour_;
+    int outputError_ = 0;
 };
 
 // The text with its leading style tag turned into ANSI attributes (colour) or

@@ -4,10 +4,12 @@
 #include <QLibrary>
 #include <QRegularExpression>
 
+#include <csignal>
 #include <limits>
 
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/Interrupt.h"
 
 namespace korux {
 
@@ -73,6 +75,8 @@ int stopCommand(Session& session, hardwareStatus command, hardwareStatus finalSt
     if (outcome.rejected)
         return cycleExit(session, outcome, {});
     if (!waitForUnitsToStop(session, kStopTimeoutMs)) {
+        if (stopRequested())
+            return interruptedExit();
         session.console.error(QStringLiteral("korux: the units did not stop within %1 s").arg(kStopTimeoutMs / 1000));
         return kExitTimeout;
     }
@@ -300,7 +304,7 @@ QVeltraHardwareUnit* findUnit(Session& session, const QString& serial)
     return search();
 }
 
-bool waitForUnitsToStop(Session& session, int timeoutMs)
+bool waitForUnitsToStop(Session& session, int timeoutMs, bool interruptible)
 {
     // A stopped unit runs a short dummy integration and ends its polling in
     // statusStopping, or in statusStopped when the sensor was already off.
@@ -314,7 +318,38 @@ bool waitForUnitsToStop(Session& session, int timeoutMs)
             }
             return true;
         },
-        timeoutMs);
+        timeoutMs, interruptible);
+}
+
+void stopArmedFamily(Session& session)
+{
+    if (!session.familyInitialized || !session.host->family())
+        return;
+    bool busy = false;
+    for (const QVeltraHardwareUnit* unit : session.host->family()->hardwareUnitVector()) {
+        switch (unit->status()) {
+        case statusArming:
+        case statusArmed:
+        case statusIntegrating:
+        case statusIntegrated:
+        case statusAcquiring:
+            busy = true;
+            break;
+        default:
+            break;
+        }
+    }
+    if (!busy && session.host->family()->status() != statusArmed)
+        return;
+    if (stopSignal() != SIGPIPE)
+        session.console.error(QStringLiteral("korux: stopping the family"));
+    sendFamilyCommand(session, statusStopping);
+    waitForUnitsToStop(session, kStopTimeoutMs, false);
+}
+
+int interruptedExit()
+{
+    return stopExitStatus(stopSignal());
 }
 
 QString statusText(hardwareStatus status)

@@ -45,8 +45,16 @@ int serviceExit(Session& session, const Outcome& outcome, bool reports);
 QVeltraHardwareUnit* findUnit(Session& session, const QString& serial);
 
 // Waits, after a stop or abort command, until every unit has ended its
-// stopping; false on time-out.
-bool waitForUnitsToStop(Session& session, int timeoutMs);
+// stopping; false on time-out (or, when interruptible, a stop request).
+bool waitForUnitsToStop(Session& session, int timeoutMs, bool interruptible = true);
+
+// On the way out of an interrupted command: a family that is armed or in an
+// acquisition gets the stop command and its units are waited for, so that
+// no sensor is left armed.
+void stopArmedFamily(Session& session);
+
+// The exit status of a command cut short by a stop request.
+int interruptedExit();
 
 QString statusText(hardwareStatus status);
 

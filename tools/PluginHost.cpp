@@ -6,9 +6,11 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTimer>
 
 #include "tools/ExitCodes.h"
+#include "tools/Interrupt.h"
 #include "tools/Transcript.h"
 
 namespace korux {
@@ -163,6 +165,10 @@ void PluginHost::logLine(const QString& text, bool detailed, const QVeltraHardwa
 void PluginHost::report(const QString& json, const QVeltraHardwareUnit* unit)
 {
     observations_.reports.append(json);
+    static const QRegularExpression counter(QStringLiteral("\"ShootCounter\"\\s*:\\s*([0-9]+)"));
+    const QRegularExpressionMatch match = counter.match(json);
+    if (unit && match.hasMatch())
+        observations_.counters.insert(unit, match.captured(1).toUInt());
     console_.out(json);
     if (!transcript_)
         return;
@@ -228,10 +234,10 @@ QString PluginHost::unitName(const QVeltraHardwareUnit* unit) const
 
 void PluginHost::settle(int milliseconds)
 {
-    waitUntil([] { return false; }, milliseconds);
+    waitUntil([] { return false; }, milliseconds, false);
 }
 
-bool PluginHost::waitUntil(const std::function<bool()>& done, int timeoutMs)
+bool PluginHost::waitUntil(const std::function<bool()>& done, int timeoutMs, bool interruptible)
 {
     QElapsedTimer timer;
     timer.start();
@@ -244,7 +250,7 @@ bool PluginHost::waitUntil(const std::function<bool()>& done, int timeoutMs)
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         if (done())
             return true;
-        if (timer.elapsed() >= timeoutMs)
+        if (timer.elapsed() >= timeoutMs || (interruptible && stopRequested()))
             return false;
     }
 }

@@ -32,6 +32,9 @@ struct Observations {
     // Last status each unit reported, and the (non-null) images it delivered.
     QHash<const QVeltraHardwareUnit*, hardwareStatus> unitStatus;
     QHash<const QVeltraHardwareUnit*, int> images;
+    // The last shot counter each unit reported (an acquisition reports the
+    // value before its increase, just before it delivers the image).
+    QHash<const QVeltraHardwareUnit*, uint> counters;
 };
 
 class PluginHost {
@@ -60,8 +63,9 @@ public:
     // Lets queued calls, timers and deferred deletions run for a while.
     void settle(int milliseconds);
     // Runs the event loop until done() holds or the time is up; false on
-    // time-out.
-    bool waitUntil(const std::function<bool()>& done, int timeoutMs);
+    // time-out, and at once when korux is asked to stop (unless the wait is
+    // part of stopping).
+    bool waitUntil(const std::function<bool()>& done, int timeoutMs, bool interruptible = true);
 
     const Observations& observations() const { return observations_; }
     void clearObservations() { observations_ = Observations(); }

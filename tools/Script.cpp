@@ -8,6 +8,7 @@
 
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/Interrupt.h"
 
 namespace korux {
 
@@ -80,12 +81,16 @@ int runScript(Session& session, const CommandLine& line)
     const bool keepGoing = line.has(QStringLiteral("--keep-going"));
     int worst = kExitOk;
     for (const ScriptLine& scriptLine : lines) {
+        if (stopRequested())
+            return interruptedExit();
         session.console.out(QStringLiteral("korux> %1").arg(scriptLine.text));
         session.scriptLine = scriptLine.number;
         const int result = runCommand(session, *scriptLine.command, scriptLine.commandLine);
         session.scriptLine = 0;
         if (result == kExitOk)
             continue;
+        if (stopRequested())
+            return result;
         session.console.error(QStringLiteral("korux: %1:%2: %3 ended with exit status %4")
                                   .arg(path)
                                   .arg(scriptLine.number)

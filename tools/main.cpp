@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QStringList>
 
+#include <csignal>
 #include <cstdlib>
 #include <unistd.h>
 
@@ -14,6 +15,8 @@
 #include "tools/Console.h"
 #include "tools/ExitCodes.h"
 #include "tools/InstallLayout.h"
+#include "tools/FamilyControl.h"
+#include "tools/Interrupt.h"
 #include "tools/Options.h"
 #include "tools/PluginHost.h"
 #include "tools/Transcript.h"
@@ -43,6 +46,33 @@ int usageError(Console& console, const QString& reason)
     return kExitUsage;
 }
 
+// The way out of every command that got as far as running: an interrupted
+// one leaves its family stopped and says so, the transcript is put in place,
+// and a failed write turns a success into a failure.
+int finish(Session& session, Transcript& transcript, int result)
+{
+    if (stopRequested()) {
+        const int signal = stopSignal();
+        if (session.host)
+            stopArmedFamily(session);
+        if (session.transcript)
+            session.transcript->record(
+                QStringLiteral("interrupted"), { { QStringLiteral("signal"), signal } });
+        // A reader that went away (korux ... | head) needs no word.
+        if (signal != SIGPIPE)
+            session.console.error(QStringLiteral("korux: interrupted"));
+        result = stopExitStatus(signal);
+    }
+    if (transcript.isOpen() && !transcript.close()) {
+        session.console.error(QStringLiteral("korux: the transcript: %1").arg(transcript.errorString()));
+        if (result == kExitOk)
+            result = kExitFailure;
+    }
+    if (session.console.outputFailed() && result == kExitOk)
+        result = kExitFailure;
+    return result;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -50,6 +80,7 @@ int main(int argc, char** argv)
     // A core application: korux runs headless, images are only values.
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("korux"));
+    installSignalHandlers();
     Console console;
 
     Options options;
@@ -60,7 +91,7 @@ int main(int argc, char** argv)
         return usageError(console, error);
     if (options.help) {
         console.out(usageText());
-        return kExitOk;
+        return console.outputFailed() ? kExitFailure : kExitOk;
     }
     if (options.command.isEmpty())
         return usageError(console, QStringLiteral("no command given"));
@@ -84,21 +115,21 @@ int main(int argc, char** argv)
     if (transcript.isOpen())
         session.transcript = &transcript;
     if (!command->needsPlugin)
-        return runCommand(session, *command, line);
+        return finish(session, transcript, runCommand(session, *command, line));
 
     // The bridge goes first: the plug-in's "libft4222.so" is bound to
     // whichever library of that name is loaded when the plug-in is.
     const QString executableDirectory = QCoreApplication::applicationDirPath();
     BridgeInfo bridge;
     const int bridgeResult = loadBridge(options, executableDirectory, console, &bridge);
-    if (bridgeResult != kExitOk)
-        return bridgeResult;
+    if (bridgeResult != kExitOk || stopRequested())
+        return finish(session, transcript, bridgeResult);
 
     const QString pluginPath = options.plugin.isEmpty() ? pluginFileFrom(executableDirectory) : options.plugin;
     PluginHost host(console, options.verbose, session.transcript);
     const int loadResult = host.load(pluginPath);
     if (loadResult != kExitOk)
-        return loadResult;
+        return finish(session, transcript, loadResult);
     if (options.verbose) {
         console.out(
             QStringLiteral("bridge %1 (%2)").arg(bridge.file, bridge.virtualBridge ? "virtual" : "vendor"));
@@ -108,5 +139,6 @@ int main(int argc, char** argv)
         host.family()->setDirectory(QDir(options.directory));
 
     session.host = &host;
-    return runCommand(session, *command, line);
+    const int result = runCommand(session, *command, line);
+    return finish(session, transcript, result);
 }

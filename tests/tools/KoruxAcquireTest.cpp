@@ -57,8 +57,10 @@ TEST_F(KoruxAcquire, WritesASixteenBitPngAndItsDescription)
     const QStringList files = writtenFiles(run.out);
     ASSERT_EQ(files.size(), 2) << run.out;
     EXPECT_TRUE(files.at(0).startsWith(QStringLiteral("shots/"))) << files.at(0);
-    EXPECT_TRUE(files.at(0).endsWith(QStringLiteral("-001.png"))) << files.at(0);
-    EXPECT_TRUE(files.at(1).endsWith(QStringLiteral("-001.txt"))) << files.at(1);
+    // Named after the board serial and the sensor's counter after the shot
+    // (the default sensor's flash counts 1234 shots).
+    EXPECT_TRUE(files.at(0).endsWith(QStringLiteral("-001235.png"))) << files.at(0);
+    EXPECT_TRUE(files.at(1).endsWith(QStringLiteral("-001235.txt"))) << files.at(1);
 
     const QImage image(path(files.at(0)));
     ASSERT_FALSE(image.isNull());
@@ -88,7 +90,7 @@ TEST_F(KoruxAcquire, RepeatedShotsAdvanceTheCounterByTheirNumber)
     const QVector<uint> counters = counterValues(run.out);
     ASSERT_GE(counters.size(), 2) << run.out;
     EXPECT_EQ(counters.last(), counters.first() + 3) << run.out;
-    for (const char* name : { "-001.png", "-002.png", "-003.png" })
+    for (const char* name : { "-001235.png", "-001236.png", "-001237.png" })
         EXPECT_EQ(writtenFiles(run.out).filter(QLatin1String(name)).size(), 1) << name << run.out;
     // Between shots the family goes from statusAcquired back to statusReady.
     EXPECT_EQ(run.out.count(QStringLiteral("status statusReady (9)\n")), 2) << run.out;
