@@ -25,15 +25,6 @@ QString orDash(const QString& text)
     return text.isEmpty() ? QStringLiteral("-") : text;
 }
 
-// The unit operations a --serial command goes to, or every unit.
-QVector<QVeltraHardwareUnit*> targetUnits(Session& session)
-{
-    if (session.serial.isEmpty())
-        return session.host->family()->hardwareUnitVector();
-    QVeltraHardwareUnit* unit = findUnit(session, session.serial);
-    return unit ? QVector<QVeltraHardwareUnit*> { unit } : QVector<QVeltraHardwareUnit*> {};
-}
-
 int noUnitWithSerial(Session& session)
 {
     session.console.error(QStringLiteral("korux: no unit with the serial %1").arg(session.serial));
@@ -290,6 +281,14 @@ int serviceExit(Session& session, const Outcome& outcome, bool reports)
     return kExitOk;
 }
 
+QVector<QVeltraHardwareUnit*> targetUnits(Session& session)
+{
+    if (session.serial.isEmpty())
+        return session.host->family()->hardwareUnitVector();
+    QVeltraHardwareUnit* unit = findUnit(session, session.serial);
+    return unit ? QVector<QVeltraHardwareUnit*> { unit } : QVector<QVeltraHardwareUnit*> {};
+}
+
 QVeltraHardwareUnit* findUnit(Session& session, const QString& serial)
 {
     auto search = [&]() -> QVeltraHardwareUnit* {
@@ -462,22 +461,6 @@ int runVoltages(Session& session, const CommandLine&)
 int runSerial(Session& session, const CommandLine&)
 {
     return serviceCommand(session, commandReadSerialNumber, true);
-}
-
-int runFlashFiles(Session& session, const CommandLine& line)
-{
-    // 1003: the four files, 1004: with the production files, 1005 and 1006:
-    // the same, replacing the copies already on disk.
-    int command = commandReadFlashFiles;
-    if (line.has(QStringLiteral("--all")))
-        command += 1;
-    if (line.has(QStringLiteral("--overwrite")))
-        command += 2;
-    const int result = serviceCommand(session, hardwareStatus(command), false);
-    if (result == kExitOk)
-        session.console.out(
-            QStringLiteral("files in %1").arg(session.host->family()->directory().absolutePath()));
-    return result;
 }
 
 namespace {

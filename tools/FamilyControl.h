@@ -40,6 +40,10 @@ int cycleExit(Session& session, const Outcome& outcome, std::initializer_list<ha
 // (with --serial) no unit of that serial.
 int serviceExit(Session& session, const Outcome& outcome, bool reports);
 
+// The units a --serial command goes to (none when no unit has the serial),
+// or every unit.
+QVector<QVeltraHardwareUnit*> targetUnits(Session& session);
+
 // The unit whose board serial is serial, reading the serial numbers first
 // when no unit knows it yet; null when none has it.
 QVeltraHardwareUnit* findUnit(Session& session, const QString& serial);

@@ -85,14 +85,16 @@ void PluginHost::connectFamily()
 {
     QObject* context = context_.get();
     QObject::connect(family_, &QVeltraHardwareFamily::statusChanged, context, [this](hardwareStatus status) {
-        console_.out(statusLine(status));
+        if (echo_)
+            console_.out(statusLine(status));
         if (transcript_)
             transcript_->record(QStringLiteral("status"), statusFields(status));
         connectUnits();
     });
     QObject::connect(family_, &QVeltraHardwareFamily::gotoStatusRejected, context, [this] {
         ++observations_.rejected;
-        console_.out(QStringLiteral("rejected"));
+        if (echo_)
+            console_.out(QStringLiteral("rejected"));
         if (transcript_)
             transcript_->record(QStringLiteral("rejected"));
     });
@@ -129,7 +131,7 @@ void PluginHost::connectUnit(QVeltraHardwareUnit* unit)
         [this, unit](const QString& json) { report(json, unit); });
     QObject::connect(unit, &QVeltraHardwareUnit::statusChanged, context, [this, unit](hardwareStatus status) {
         observations_.unitStatus.insert(unit, status);
-        if (verbose_)
+        if (verbose_ && echo_)
             console_.out(QStringLiteral("unit %1 %2").arg(unitName(unit), statusLine(status)));
         if (transcript_) {
             QJsonObject fields = statusFields(status);
@@ -151,7 +153,7 @@ void PluginHost::logLine(const QString& text, bool detailed, const QVeltraHardwa
 {
     if (isFailureLine(text))
         ++observations_.failureLines;
-    if (!detailed || verbose_)
+    if (echo_ && (!detailed || verbose_))
         console_.log(text);
     if (transcript_) {
         QJsonObject fields { { QStringLiteral("channel"), detailed ? "detail" : "log" },
@@ -169,7 +171,8 @@ void PluginHost::report(const QString& json, const QVeltraHardwareUnit* unit)
     const QRegularExpressionMatch match = counter.match(json);
     if (unit && match.hasMatch())
         observations_.counters.insert(unit, match.captured(1).toUInt());
-    console_.out(json);
+    if (echo_)
+        console_.out(json);
     if (!transcript_)
         return;
     QJsonObject fields;

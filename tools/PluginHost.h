@@ -67,6 +67,11 @@ public:
     // part of stopping).
     bool waitUntil(const std::function<bool()>& done, int timeoutMs, bool interruptible = true);
 
+    // While off, nothing the plug-in says is printed (it is still counted
+    // and recorded): for the reads korux makes for its own checks.
+    void setEcho(bool echo) { echo_ = echo; }
+    bool echo() const { return echo_; }
+
     const Observations& observations() const { return observations_; }
     void clearObservations() { observations_ = Observations(); }
 
@@ -86,6 +91,7 @@ private:
 
     Console& console_;
     bool verbose_;
+    bool echo_ = true;
     Transcript* transcript_;
     QLibrary library_;
     QVeltraHardwareFamily* family_ = nullptr;
@@ -93,6 +99,24 @@ private:
     // Receiver of every connection: they all go when the host does.
     std::unique_ptr<QObject> context_;
     QVector<QPointer<QVeltraHardwareUnit>> connected_;
+};
+
+// The plug-in's output held back for a scope.
+class QuietOutput {
+public:
+    explicit QuietOutput(PluginHost& host)
+        : host_(host)
+        , echo_(host.echo())
+    {
+        host_.setEcho(false);
+    }
+    ~QuietOutput() { host_.setEcho(echo_); }
+    QuietOutput(const QuietOutput&) = delete;
+    QuietOutput& operator=(const QuietOutput&) = delete;
+
+private:
+    PluginHost& host_;
+    bool echo_;
 };
 
 } // namespace korux
