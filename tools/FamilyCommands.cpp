@@ -5,7 +5,9 @@
 #include <QRegularExpression>
 
 #include <csignal>
+#include <cstdio>
 #include <limits>
+#include <unistd.h>
 
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
@@ -542,6 +544,56 @@ int checkCounters(Session& session, unsigned int value)
 
 } // namespace
 
+// Writes that cannot be undone (the counter never goes down again, a format
+// erases the calibration) go to one named sensor when there are several,
+// and a person confirms them on the terminal, or --yes does.
+int confirmIrreversible(
+    Session& session, const CommandLine& line, const QString& command, const QString& action)
+{
+    const int units = session.host->family()->hardwareUnitVector().size();
+    if (session.serial.isEmpty() && units > 1) {
+        session.console.error(
+            QStringLiteral("korux: %1 would write to all %2 sensors; name one with --serial "
+                           "(korux serial prints their serials)")
+                .arg(command)
+                .arg(units));
+        return kExitUsage;
+    }
+    if (line.has(QStringLiteral("--yes")))
+        return kExitOk;
+    if (!isatty(STDIN_FILENO)) {
+        session.console.error(
+            QStringLiteral("korux: %1 cannot be undone; confirm it with --yes (standard input "
+                           "is no terminal to ask on)")
+                .arg(command));
+        return kExitUsage;
+    }
+    QVector<QVeltraHardwareUnit*> chosen;
+    {
+        QuietOutput quiet(*session.host);
+        if (session.serial.isEmpty())
+            sendFamilyCommand(session, commandReadSerialNumber);
+        chosen = targetUnits(session);
+    }
+    if (chosen.isEmpty())
+        return noUnitWithSerial(session);
+    const QString question = QStringLiteral("korux: %1 on unit %2? This cannot be undone. [y/N] ")
+                                 .arg(action, session.host->unitName(chosen.first()));
+    std::fputs(question.toLocal8Bit().constData(), stderr);
+    std::fflush(stderr);
+    char answer[64] = {};
+    const bool read = std::fgets(answer, sizeof answer, stdin) != nullptr;
+    if (stopRequested())
+        return interruptedExit();
+    const QString word = QString::fromLocal8Bit(answer).trimmed().toLower();
+    if (read && (word == QLatin1String("y") || word == QLatin1String("yes")))
+        return kExitOk;
+    if (!read)
+        session.console.error(QString());
+    session.console.error(QStringLiteral("korux: not confirmed; nothing written"));
+    return kExitFailure;
+}
+
 int runCounter(Session& session, const CommandLine& line)
 {
     const bool increase = line.has(QStringLiteral("--increase"));
@@ -563,6 +615,10 @@ int runCounter(Session& session, const CommandLine& line)
         return ready;
     if (set) {
         const unsigned int value = static_cast<unsigned int>(number);
+        const int confirmed = confirmIrreversible(session, line, QStringLiteral("counter --set"),
+            QStringLiteral("Set the shot counter to %1 (it can never be set lower again)").arg(value));
+        if (confirmed != kExitOk)
+            return confirmed;
         const int result = setCounters(session, value);
         return result == kExitOk ? checkCounters(session, value) : result;
     }
@@ -574,8 +630,15 @@ int runCounter(Session& session, const CommandLine& line)
     return flashServiceCommand(session, commandGetShootCounter, true);
 }
 
-int runFormatFlash(Session& session, const CommandLine&)
+int runFormatFlash(Session& session, const CommandLine& line)
 {
+    const int ready = requireUnits(session);
+    if (ready != kExitOk)
+        return ready;
+    const int confirmed = confirmIrreversible(session, line, QStringLiteral("format-flash"),
+        QStringLiteral("Erase the whole flash, calibration files and counter included,"));
+    if (confirmed != kExitOk)
+        return confirmed;
     return flashServiceCommand(session, commandFormatFlash, false);
 }
 

@@ -89,11 +89,13 @@ TEST_F(KoruxService, CounterIncreaseAddsOne)
 
 TEST_F(KoruxService, CounterIsSetUpwardsOnly)
 {
-    const KoruxRun up = service({ QStringLiteral("counter"), QStringLiteral("--set"), QStringLiteral("5000") });
+    const KoruxRun up = service({ QStringLiteral("counter"), QStringLiteral("--set"), QStringLiteral("5000"),
+        QStringLiteral("--yes") });
     EXPECT_EQ(up.exitCode, 0) << up.out << up.err;
     EXPECT_EQ(counterValues(up.out).value(counterValues(up.out).size() - 1), 5000u) << up.out;
 
-    const KoruxRun down = service({ QStringLiteral("counter"), QStringLiteral("--set"), QStringLiteral("77") });
+    const KoruxRun down = service({ QStringLiteral("counter"), QStringLiteral("--set"), QStringLiteral("77"),
+        QStringLiteral("--yes") });
     EXPECT_EQ(down.exitCode, 1);
     EXPECT_TRUE(down.err.contains(QStringLiteral("the counter reads 1234, not 77"))) << down.err;
 }
@@ -133,7 +135,7 @@ TEST_F(KoruxService, FormatFlashFailureIsReported)
 {
     // The chip erase is sent only when write enable fails: on a working
     // sensor the plug-in reports that it could not format.
-    const KoruxRun run = service({ QStringLiteral("format-flash") });
+    const KoruxRun run = service({ QStringLiteral("format-flash"), QStringLiteral("--yes") });
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_TRUE(run.err.contains(QStringLiteral("korux: the plug-in reported a failure"))) << run.err;
 }
@@ -223,9 +225,10 @@ TEST_F(KoruxService, CounterOfOneUnitIsSetByItsSerial)
     const QString twoSensors = QStringLiteral(R"({"sensors": [{}, {}]})");
     const QStringList serials = boardSerials(service({ QStringLiteral("serial") }, twoSensors).out);
     ASSERT_EQ(serials.size(), 2);
-    const KoruxRun run = service({ QStringLiteral("--serial"), serials.at(1), QStringLiteral("counter"),
-                                     QStringLiteral("--set"), QStringLiteral("0x1000") },
-        twoSensors);
+    const KoruxRun run
+        = service({ QStringLiteral("--serial"), serials.at(1), QStringLiteral("counter"),
+                      QStringLiteral("--set"), QStringLiteral("0x1000"), QStringLiteral("--yes") },
+            twoSensors);
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
     const QVector<uint> values = counterValues(run.out);
     ASSERT_FALSE(values.isEmpty());
