@@ -31,6 +31,10 @@ constexpr uint32_t kDefaultFirstLocation = 0x1011; // as VirtualBridge::addSenso
 constexpr uint32_t kDefaultLocationStep = 0x10;
 constexpr size_t kCounterSlots = 4096;
 constexpr uint32_t kLargestFile = 0x3FFFFF;
+// A scenario describes a machine in a few kilobytes; the plug-in drives four
+// sensors, and every sensor holds 16 MiB of flash.
+constexpr qint64 kLargestScenario = 1024 * 1024;
+constexpr int kMostSensors = 16;
 
 QString kindOf(const QJsonValue& value)
 {
@@ -570,6 +574,11 @@ bool readScenario(const QJsonObject& root, const QString& baseDirectory, Scenari
     else if (r.has("driver"))
         return r.fail(QStringLiteral("%1 must be \"linux\" or \"windows\", not \"%2\"")
                           .arg(r.path("driver"), QString::fromStdString(driver)));
+    if (sensors.size() > kMostSensors)
+        return r.fail(
+            QStringLiteral("\"sensors\" lists %1 sensors; at most %2 are allowed (the plug-in uses four)")
+                .arg(sensors.size())
+                .arg(kMostSensors));
     for (int i = 0; i < sensors.size(); ++i) {
         ScenarioSensor sensor;
         if (!readSensor(sensors[i], i, baseDirectory, sensor, error))
@@ -631,6 +640,12 @@ bool load(
 {
     Scenario scenario;
     std::string reason;
+    if (static_cast<qint64>(text.size()) > kLargestScenario) {
+        if (error)
+            *error
+                = "scenario " + name + ": larger than 1 MiB; a scenario describes a machine in a few lines";
+        return false;
+    }
     if (!parseScenario(text, baseDirectory, &scenario, &reason)) {
         if (error)
             *error = "scenario " + name + ": " + reason;
@@ -707,7 +722,8 @@ bool VirtualBridge::loadScenario(const std::string& path, std::string* error)
         return false;
     }
     const std::string directory = QFileInfo(file).absolutePath().toStdString();
-    return load(file.readAll().toStdString(), path, directory, error);
+    // Read no further than the limit: the name may be a device without end.
+    return load(file.read(kLargestScenario + 1).toStdString(), path, directory, error);
 }
 
 } // namespace vbridge

@@ -8,6 +8,8 @@
 #include <QImageWriter>
 #include <QVector>
 
+#include <cmath>
+
 #include "tools/AtomicFile.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
@@ -18,6 +20,9 @@ namespace korux {
 namespace {
 
 constexpr double kDefaultTimeoutSeconds = 60;
+// A day at most: a waiting sensor is armed the whole time.
+constexpr double kShortestTimeoutSeconds = 1;
+constexpr double kLongestTimeoutSeconds = 86400;
 
 // Statuses that end a unit's part of one shot: its image delivered, a
 // failure, or a sensor that was already off when stopped.
@@ -250,10 +255,16 @@ int runAcquire(Session& session, const CommandLine& line)
         session.console.error(QStringLiteral("korux: acquire --count takes a number of 1 or more"));
         return kExitUsage;
     }
-    const double timeout =
-        line.value(QStringLiteral("--timeout"), QString::number(kDefaultTimeoutSeconds)).toDouble(&ok);
-    if (!ok || timeout <= 0) {
-        session.console.error(QStringLiteral("korux: acquire --timeout takes a number of seconds above 0"));
+    const QString timeoutText
+        = line.value(QStringLiteral("--timeout"), QString::number(kDefaultTimeoutSeconds));
+    const double timeout = timeoutText.toDouble(&ok);
+    if (!ok || !std::isfinite(timeout) || timeout < kShortestTimeoutSeconds
+        || timeout > kLongestTimeoutSeconds) {
+        session.console.error(
+            QStringLiteral("korux: acquire --timeout takes a number of seconds from %1 to %2, not \"%3\"")
+                .arg(kShortestTimeoutSeconds)
+                .arg(kLongestTimeoutSeconds)
+                .arg(timeoutText));
         return kExitUsage;
     }
     const QDir directory(line.value(QStringLiteral("--out"), QStringLiteral(".")));

@@ -97,5 +97,10 @@ int runSet(Session& session, const CommandLine& line);
 int runAcquire(Session& session, const CommandLine& line);
 int runScript(Session& session, const CommandLine& line);
 int runDoctor(Session& session, const CommandLine& line);
+int runShell(Session& session, const CommandLine& line);
+
+// Splits a script line into words as a POSIX shell does (quotes, escapes,
+// comments); false with the reason in error.
+bool splitShellWords(const QString& text, QStringList* words, QString* error);
 
 } // namespace korux

@@ -17,6 +17,9 @@ namespace korux {
 
 namespace {
 
+// The last page of the 16 MiB flash: the address has 24 bits.
+constexpr qlonglong kLastFlashPage = 0xFFFF00;
+
 // Time given to queued calls and deferred deletions after a command.
 constexpr int kSettleMs = 50;
 // How long the units may take to end a stop's dummy integration.
@@ -82,7 +85,12 @@ bool parseStatus(const QString& text, hardwareStatus* status)
 {
     bool ok = false;
     const qlonglong number = parseNumber(text, &ok);
-    if (ok && number >= 0 && number <= std::numeric_limits<int>::max()) {
+    if (ok) {
+        // Only the values the framework names: any other number is a typo.
+        if (number < 0 || number > 3001
+            || QVeltraHardwareUnit::hardwareStatusToString(hardwareStatus(number))
+                   .startsWith(QLatin1String("hardwareStatus(")))
+            return false;
         *status = hardwareStatus(number);
         return true;
     }
@@ -438,7 +446,8 @@ int runGoto(Session& session, const CommandLine& line)
 {
     hardwareStatus command = statusUnknown;
     if (!parseStatus(line.positional.first(), &command)) {
-        session.console.error(QStringLiteral("korux: \"%1\" is no hardwareStatus").arg(line.positional.first()));
+        session.console.error(QStringLiteral("korux: \"%1\" is no hardwareStatus the framework knows")
+                                  .arg(line.positional.first()));
         return kExitUsage;
     }
     const int ready = ensureFamily(session);
@@ -646,10 +655,10 @@ int runFlashPage(Session& session, const CommandLine& line)
 {
     bool ok = false;
     const qlonglong address = parseNumber(line.positional.first(), &ok);
-    if (!ok || address < 0 || address > std::numeric_limits<int>::max()) {
-        session.console.error(
-            QStringLiteral("korux: flash-page takes an address (decimal or 0x...), not \"%1\"")
-                .arg(line.positional.first()));
+    if (!ok || address < 0 || address > kLastFlashPage) {
+        session.console.error(QStringLiteral(
+            "korux: flash-page takes an address from 0 to 0xFFFF00 (decimal or 0x...), not \"%1\"")
+                                  .arg(line.positional.first()));
         return kExitUsage;
     }
     const int ready = requireUnits(session);
@@ -668,15 +677,64 @@ int runReport(Session& session, const CommandLine&)
     return outcome.reports.isEmpty() ? kExitFailure : kExitOk;
 }
 
+namespace {
+
+// The family parameters the plug-in reads, with the values it can use.
+struct ParameterRange {
+    const char* key;
+    qlonglong lowest;
+    qlonglong highest;
+    const char* why;
+};
+
+constexpr char kAceWhy[] = "times the ACE coefficient (up to 9) it must fit the 24 bits of the arm frame";
+constexpr char kCoefficientWhy[] = "the plug-in replaces any other value with 7";
+
+constexpr ParameterRange kParameterRanges[] = {
+    { "PhdTreshold", 0, 4095, "the arm frame carries 12 bits of it" },
+    { "ACEValue", 1, 0xFFFFFF / 9, kAceWhy },
+    { "ACEValueInside", 1, 0xFFFFFF / 9, kAceWhy },
+    { "ACECoeff", 1, 9, kCoefficientWhy },
+    { "ACECoeffCSI", 1, 9, kCoefficientWhy },
+    { "FlashAddress", 0, kLastFlashPage, "the flash has 24-bit addresses" },
+};
+
+const ParameterRange* rangeOf(const QString& key)
+{
+    for (const ParameterRange& range : kParameterRanges)
+        if (key == QLatin1String(range.key))
+            return &range;
+    return nullptr;
+}
+
+} // namespace
+
 int runSet(Session& session, const CommandLine& line)
 {
     const QString key = line.positional.at(0);
     const QString text = line.positional.at(1);
+    const bool force = line.has(QStringLiteral("--force"));
     QVeltraHardwareFamily* family = session.host->family();
     QVariant value;
     if (!typedValue(family->getParameter(key), text, line.has(QStringLiteral("--string")), &value)) {
-        session.console.error(QStringLiteral("korux: %1 is a %2; \"%3\" is not one")
-                                  .arg(key, QString::fromLatin1(family->getParameter(key).typeName()), text));
+        if (!force) {
+            session.console.error(
+                QStringLiteral("korux: %1 is a %2; \"%3\" is not one (set --force sends it anyway)")
+                    .arg(key, QString::fromLatin1(family->getParameter(key).typeName()), text));
+            return kExitUsage;
+        }
+        typedValue(QVariant(), text, false, &value);
+    }
+    const ParameterRange* range = rangeOf(key);
+    bool number = false;
+    const qlonglong given = value.toLongLong(&number);
+    if (range && !force && (!number || given < range->lowest || given > range->highest)) {
+        session.console.error(
+            QStringLiteral("korux: %1 takes %2 to %3 (%4), not %5; set --force sends it anyway")
+                .arg(key)
+                .arg(range->lowest)
+                .arg(range->highest)
+                .arg(QString::fromLatin1(range->why), text));
         return kExitUsage;
     }
     family->setParameter(key, value);

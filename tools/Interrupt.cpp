@@ -61,6 +61,11 @@ void requestStop(int signal)
         stopSignal_ = signal;
 }
 
+void clearStopRequest()
+{
+    stopSignal_ = 0;
+}
+
 int stopExitStatus(int signal)
 {
     return 128 + signal;

@@ -19,6 +19,8 @@ inline bool stopRequested()
     return stopSignal() != 0;
 }
 void requestStop(int signal);
+// For korux shell, which goes on after a Ctrl-C.
+void clearStopRequest();
 
 // Exit status for a stop by signal: 128 + its number (130, 143, 141).
 int stopExitStatus(int signal);

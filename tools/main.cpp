@@ -101,6 +101,17 @@ int main(int argc, char** argv)
     CommandLine line;
     if (!parseCommandLine(*command, options.arguments, options.serial, &line, &error))
         return usageError(console, error);
+    // Every korux starts with a freshly enumerated family and ends it after
+    // its command: these change nothing that outlives that.
+    for (const char* name : { "arm", "stop", "abort", "set" }) {
+        if (options.command == QLatin1String(name)) {
+            console.error(
+                QStringLiteral("korux: %1 takes effect only in a family that lives on: use it in a script "
+                               "(korux run) or in korux shell")
+                    .arg(name));
+            return kExitUsage;
+        }
+    }
 
     console.setColour(wantColour(options.color));
     if (options.timeScaleSet)

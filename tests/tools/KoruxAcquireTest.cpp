@@ -109,10 +109,11 @@ TEST_F(KoruxAcquire, LargeSensorGivesTheLargeImage)
 
 TEST_F(KoruxAcquire, WithoutAnExposureTheShotTimesOutAndTheFamilyStops)
 {
-    const KoruxRun run = acquire({ QStringLiteral("acquire"), QStringLiteral("--timeout"), QStringLiteral("0.5") },
-        QStringLiteral(R"({"sensors": [{"exposure": {"auto": false}}]})"));
+    const KoruxRun run
+        = acquire({ QStringLiteral("acquire"), QStringLiteral("--timeout"), QStringLiteral("1") },
+            QStringLiteral(R"({"sensors": [{"exposure": {"auto": false}}]})"));
     EXPECT_EQ(run.exitCode, 6) << run.out << run.err;
-    EXPECT_TRUE(run.err.contains(QStringLiteral("korux: no image within 0.5 s; stopping"))) << run.err;
+    EXPECT_TRUE(run.err.contains(QStringLiteral("korux: no image within 1 s; stopping"))) << run.err;
     EXPECT_TRUE(inOrder(run.out, { "status statusStopping (18)\n", "status statusStopped (19)\n" }))
         << run.out;
     EXPECT_TRUE(writtenFiles(run.out).isEmpty()) << run.out;

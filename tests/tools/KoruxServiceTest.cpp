@@ -152,7 +152,7 @@ TEST_F(KoruxService, SetIsTypedAsTheDefaults)
 
 TEST_F(KoruxService, SetRefusesAValueOfAnotherType)
 {
-    const KoruxRun run = service({ QStringLiteral("set"), QStringLiteral("PhdTreshold"), QStringLiteral("high") });
+    const KoruxRun run = script("set PhdTreshold high\n");
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_TRUE(run.err.contains(QStringLiteral("PhdTreshold is a int"))) << run.err;
 }
@@ -166,7 +166,7 @@ TEST_F(KoruxService, NoSensorHasItsOwnExitStatus)
 
 TEST_F(KoruxService, ArmingRightAfterTheEnumerationIsRefused)
 {
-    const KoruxRun run = service({ QStringLiteral("arm") });
+    const KoruxRun run = script("arm\n");
     EXPECT_EQ(run.exitCode, 5);
     EXPECT_TRUE(run.out.endsWith(QStringLiteral("status statusSensorFound (4)\nrejected\n"))) << run.out;
     EXPECT_TRUE(run.err.contains(QStringLiteral("refused the command in statusSensorFound (4)"))) << run.err;
