@@ -3,6 +3,7 @@
 // written as 16-bit grey-scale PNG files with the description beside them.
 #include <QBuffer>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QImage>
 #include <QImageWriter>
@@ -103,6 +104,9 @@ int prepareStatus(Session& session)
         if (result != kExitOk)
             return result;
     }
+    session.console.error(
+        QStringLiteral("korux: acquire: the family did not get ready for arming (it is in %1)")
+            .arg(statusText(session.host->family()->status())));
     return kExitFailure;
 }
 
@@ -212,8 +216,25 @@ int shoot(Session& session, const QDir& directory, bool overwrite, int timeoutMs
         result = cycleExit(session, armed, {});
     } else {
         const QVector<QVeltraHardwareUnit*> units = host.family()->hardwareUnitVector();
+        // One line while the sensor waits for X-rays; on a terminal it
+        // counts down.
+        QElapsedTimer waiting;
+        waiting.start();
+        int shownSeconds = (timeoutMs + 999) / 1000;
+        const QString waitingText = QStringLiteral("waiting for the exposure (%1 s)");
+        if (!session.options.quiet) {
+            if (session.console.terminal())
+                session.console.progress(waitingText.arg(shownSeconds));
+            else
+                session.console.out(waitingText.arg(shownSeconds));
+        }
         const bool ended = host.waitUntil(
             [&] {
+                const int left = int((timeoutMs - waiting.elapsed() + 999) / 1000);
+                if (left != shownSeconds && left >= 0 && !session.options.quiet) {
+                    shownSeconds = left;
+                    session.console.progress(waitingText.arg(left));
+                }
                 for (const QVeltraHardwareUnit* unit : units)
                     if (!shotEnded(host.observations().unitStatus.value(unit, statusUnknown)))
                         return false;

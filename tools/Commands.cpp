@@ -174,6 +174,15 @@ bool parseCommandLine(
 int runCommand(Session& session, const Command& command, const CommandLine& line)
 {
     session.serial = line.serial;
+    session.command = QString::fromLatin1(command.name);
+    if (session.host) {
+        // Reports are the results of these; elsewhere they are by-products.
+        static const QStringList reporting { QStringLiteral("params"), QStringLiteral("voltages"),
+            QStringLiteral("serial"), QStringLiteral("counter"), QStringLiteral("flash-page"),
+            QStringLiteral("report"), QStringLiteral("goto") };
+        session.host->setShowReports(reporting.contains(session.command));
+        session.host->resetPrintedStatus();
+    }
     if (session.transcript) {
         QJsonObject fields { { QStringLiteral("command"), QString::fromLatin1(command.name) },
             { QStringLiteral("arguments"), QJsonArray::fromStringList(line.words) } };

@@ -31,6 +31,8 @@ struct Session {
     int shots = 0;
     // The script line being run (from 1), 0 outside a script.
     int scriptLine = 0;
+    // The command being run, for korux's messages.
+    QString command;
 };
 
 // A command's own words after korux's options are taken out, checked and

@@ -57,7 +57,7 @@ int writeAll(FILE* stream, const QString& text)
 
 QString styleLogText(const QString& text, bool colour)
 {
-    if (!colour || !text.startsWith('['))
+    if (!text.startsWith('['))
         return text;
     const int close = text.indexOf(']');
     if (close < 2 || close > kLongestTag)
@@ -69,6 +69,8 @@ QString styleLogText(const QString& text, bool colour)
             return text;
         codes << code;
     }
+    if (!colour)
+        return text.mid(close + 1);
     return QStringLiteral("\033[%1m%2\033[0m").arg(codes.join(';'), text.mid(close + 1));
 }
 
@@ -76,6 +78,7 @@ void Console::write(const QString& text)
 {
     if (outputError_ != 0)
         return;
+    endProgress();
     outputError_ = writeAll(stdout, text);
     if (outputError_ == EPIPE)
         requestStop(SIGPIPE);
@@ -89,6 +92,24 @@ void Console::out(const QString& text)
     write(text);
 }
 
+void Console::progress(const QString& text)
+{
+    if (!terminal_ || outputError_ != 0)
+        return;
+    const QByteArray bytes = "\r" + text.toUtf8() + "\033[K";
+    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stdout);
+    std::fflush(stdout);
+    progressShown_ = true;
+}
+
+void Console::endProgress()
+{
+    if (!progressShown_)
+        return;
+    progressShown_ = false;
+    std::fputs("\n", stdout);
+}
+
 void Console::log(const QString& text)
 {
     write(styleLogText(text, colour_));
@@ -96,6 +117,10 @@ void Console::log(const QString& text)
 
 void Console::error(const QString& text)
 {
+    if (progressShown_) {
+        progressShown_ = false;
+        writeAll(stdout, QString());
+    }
     writeAll(stderr, text);
 }
 

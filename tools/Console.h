@@ -1,6 +1,6 @@
 // korux's output: results and log lines on stdout, its own complaints on
 // stderr. A log line's leading style tag ("[red]", "[yellow,bold]", ...) is
-// turned into ANSI attributes when colouring, and kept verbatim otherwise.
+// turned into ANSI attributes when colouring, and dropped otherwise.
 #pragma once
 
 #include <QString>
@@ -19,6 +19,11 @@ public:
 
     // A result line, as given.
     void out(const QString& text);
+    // A line that replaces itself (a countdown) on a terminal; elsewhere
+    // nothing: the caller prints its first state with out().
+    void progress(const QString& text);
+    bool terminal() const { return terminal_; }
+    void setTerminal(bool terminal) { terminal_ = terminal; }
     // A log text of the plug-in, its style tag rendered or kept.
     void log(const QString& text);
     // One of korux's own messages, on stderr.
@@ -33,12 +38,16 @@ public:
 private:
     void write(const QString& text);
 
+    void endProgress();
+
     bool colour_;
+    bool terminal_ = false;
+    bool progressShown_ = false;
     int outputError_ = 0;
 };
 
 // The text with its leading style tag turned into ANSI attributes (colour) or
-// left as it is (no colour). Texts without a known tag are never touched.
+// removed (no colour). Texts without a known tag are never touched.
 QString styleLogText(const QString& text, bool colour);
 
 } // namespace korux

@@ -41,6 +41,14 @@ int serviceCommand(Session& session, hardwareStatus command, bool reports)
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
+    // A report names its unit by the board serial, which comes from flash.
+    bool serialsKnown = true;
+    for (const QVeltraHardwareUnit* unit : session.host->family()->hardwareUnitVector())
+        serialsKnown = serialsKnown && !unit->boardSerial().isEmpty();
+    if (!serialsKnown && command != commandReadSerialNumber) {
+        QuietOutput quiet(*session.host);
+        sendFamilyCommand(session, commandReadSerialNumber);
+    }
     return serviceExit(session, sendUnitCommand(session, command), reports);
 }
 
@@ -49,6 +57,7 @@ int serviceCommand(Session& session, hardwareStatus command, bool reports)
 // both (as the unit search of a --serial command does anyway).
 void openFlashPorts(Session& session)
 {
+    QuietOutput quiet(*session.host);
     if (session.serial.isEmpty())
         sendFamilyCommand(session, commandReadSerialNumber);
 }
@@ -165,11 +174,11 @@ bool typedValue(const QVariant& current, const QString& text, bool forceString, 
     return true;
 }
 
-int reportedFailure(Session& session)
+// One line: what failed, and the first failure the plug-in logged for it.
+int reportedFailure(Session& session, const Outcome& outcome)
 {
-    session.console.error(session.options.verbose
-            ? QStringLiteral("korux: the plug-in reported a failure")
-            : QStringLiteral("korux: the plug-in reported a failure (-v shows its detailed log)"));
+    session.console.error(
+        QStringLiteral("korux: %1 failed: %2").arg(session.command, failureCause(session, outcome)));
     return kExitFailure;
 }
 
@@ -238,6 +247,7 @@ Outcome send(Session& session, hardwareStatus command, bool toUnit)
     Outcome outcome;
     outcome.rejected = seen.rejected > 0;
     outcome.failureLines = seen.failureLines;
+    outcome.failureTexts = seen.failureTexts;
     outcome.reports = seen.reports;
     outcome.status = host.family()->status();
     return outcome;
@@ -264,10 +274,32 @@ int cycleExit(Session& session, const Outcome& outcome, std::initializer_list<ha
     }
     for (hardwareStatus status : expected)
         if (outcome.status == status)
-            return outcome.failureLines > 0 ? reportedFailure(session) : kExitOk;
-    if (outcome.status == statusNoSensor)
+            return outcome.failureLines > 0 ? reportedFailure(session, outcome) : kExitOk;
+    if (outcome.status == statusNoSensor) {
+        session.console.error(QStringLiteral("korux: %1: no sensor found").arg(session.command));
         return kExitNoSensor;
+    }
+    QString line = QStringLiteral("korux: %1 failed: the family ended in %2")
+                       .arg(session.command, statusText(outcome.status));
+    if (expected.size() > 0)
+        line += QStringLiteral(", not %1").arg(statusText(*expected.begin()));
+    if (outcome.failureLines > 0)
+        line += QStringLiteral(": ") + failureCause(session, outcome);
+    session.console.error(line);
     return kExitFailure;
+}
+
+QString failureCause(Session& session, const Outcome& outcome)
+{
+    if (outcome.failureTexts.isEmpty())
+        return QStringLiteral("the plug-in logged a failure");
+    QString cause = outcome.failureTexts.first();
+    const int more = outcome.failureTexts.size() - 1;
+    if (more > 0)
+        cause += QStringLiteral(" (and %1 more failure line%2)").arg(more).arg(more == 1 ? "" : "s");
+    if (!session.options.verbose)
+        cause += QStringLiteral("; -v shows the plug-in's log");
+    return cause;
 }
 
 int serviceExit(Session& session, const Outcome& outcome, bool reports)
@@ -281,7 +313,7 @@ int serviceExit(Session& session, const Outcome& outcome, bool reports)
             return noUnitWithSerial(session);
     }
     if (outcome.failureLines > 0)
-        return reportedFailure(session);
+        return reportedFailure(session, outcome);
     const int wanted = session.serial.isEmpty() ? units.size() : 1;
     if (reports && outcome.reports.size() < wanted) {
         session.console.error(
@@ -309,6 +341,7 @@ QVeltraHardwareUnit* findUnit(Session& session, const QString& serial)
     };
     if (QVeltraHardwareUnit* unit = search())
         return unit;
+    QuietOutput quiet(*session.host);
     sendFamilyCommand(session, commandReadSerialNumber);
     return search();
 }
@@ -390,8 +423,12 @@ int runList(Session& session, const CommandLine&)
     case statusSensorFound:
         return kExitOk;
     case statusNoSensor:
+        session.console.error(QStringLiteral("korux: no sensor found"));
         return kExitNoSensor;
     default:
+        session.console.error(
+            QStringLiteral("korux: list: the enumeration ended in %1, not statusSensorFound (4)")
+                .arg(statusText(family->status())));
         return kExitFailure;
     }
 }
@@ -480,6 +517,7 @@ namespace {
 // board serial.
 int increaseCounters(Session& session)
 {
+    QuietOutput quiet(*session.host);
     if (session.serial.isEmpty())
         sendFamilyCommand(session, commandReadSerialNumber);
     const QVector<QVeltraHardwareUnit*> units = targetUnits(session);
@@ -489,8 +527,9 @@ int increaseCounters(Session& session)
     int result = kExitOk;
     for (QVeltraHardwareUnit* unit : units) {
         session.serial = unit->boardSerial();
-        if (sendUnitCommand(session, commandIncreaseShootCounter).failureLines > 0)
-            result = reportedFailure(session);
+        const Outcome outcome = sendUnitCommand(session, commandIncreaseShootCounter);
+        if (outcome.failureLines > 0)
+            result = reportedFailure(session, outcome);
     }
     session.serial = chosen;
     return result;
@@ -628,7 +667,13 @@ int runCounter(Session& session, const CommandLine& line)
             QStringLiteral("Set the shot counter to %1 (it can never be set lower again)").arg(value));
         if (confirmed != kExitOk)
             return confirmed;
-        const int result = setCounters(session, value);
+        int result = kExitOk;
+        {
+            // What the write reports on its way (the serial, the value before
+            // it) is no result; the read-back below is.
+            QuietOutput quiet(*session.host);
+            result = setCounters(session, value);
+        }
         return result == kExitOk ? checkCounters(session, value) : result;
     }
     if (increase) {
@@ -674,7 +719,10 @@ int runReport(Session& session, const CommandLine&)
     if (ready != kExitOk)
         return ready;
     const Outcome outcome = sendFamilyCommand(session, commandFamilyReport);
-    return outcome.reports.isEmpty() ? kExitFailure : kExitOk;
+    if (!outcome.reports.isEmpty())
+        return kExitOk;
+    session.console.error(QStringLiteral("korux: report: the family sent no report"));
+    return kExitFailure;
 }
 
 namespace {

@@ -16,6 +16,7 @@ namespace korux {
 struct Outcome {
     bool rejected = false;
     int failureLines = 0;
+    QStringList failureTexts; // as Observations keeps them
     QStringList reports;
     hardwareStatus status = statusUnknown; // the family's, afterwards
 };
@@ -61,6 +62,11 @@ void stopArmedFamily(Session& session);
 int interruptedExit();
 
 QString statusText(hardwareStatus status);
+
+// The first failure line the plug-in logged for a command, with how many
+// more there were: "unit 0 (1904001): Unable to ... (and 2 more failure
+// lines; -v shows the plug-in's log)".
+QString failureCause(Session& session, const Outcome& outcome);
 
 // A number as service engineers write it: decimal, or hexadecimal after 0x
 // (a leading zero is no octal prefix). ok says whether the text was one.

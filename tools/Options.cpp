@@ -84,6 +84,10 @@ bool parseOptions(const QStringList& arguments, Options* options, QString* error
             optionsEnded = true;
         } else if (word == QLatin1String("-v") || word == QLatin1String("--verbose")) {
             options->verbose = true;
+            options->quiet = false;
+        } else if (word == QLatin1String("-q") || word == QLatin1String("--quiet")) {
+            options->quiet = true;
+            options->verbose = false;
         } else if (word == QLatin1String("-h") || word == QLatin1String("--help")) {
             options->help = true;
         } else {

@@ -19,6 +19,7 @@ struct Options {
     QString transcript; // file that receives every signal as JSON lines
     ColorMode color = ColorMode::Auto;
     bool verbose = false;
+    bool quiet = false; // only results and errors
     bool help = false;
     bool timeScaleSet = false;
     double timeScale = 1.0;

@@ -85,15 +85,17 @@ void PluginHost::connectFamily()
 {
     QObject* context = context_.get();
     QObject::connect(family_, &QVeltraHardwareFamily::statusChanged, context, [this](hardwareStatus status) {
-        if (echo_)
+        // The plug-in repeats a status when more than one unit passes it.
+        if (echo_ && !quiet_ && (verbose_ || int(status) != printedStatus_))
             console_.out(statusLine(status));
+        printedStatus_ = int(status);
         if (transcript_)
             transcript_->record(QStringLiteral("status"), statusFields(status));
         connectUnits();
     });
     QObject::connect(family_, &QVeltraHardwareFamily::gotoStatusRejected, context, [this] {
         ++observations_.rejected;
-        if (echo_)
+        if (echo_ && !quiet_)
             console_.out(QStringLiteral("rejected"));
         if (transcript_)
             transcript_->record(QStringLiteral("rejected"));
@@ -151,9 +153,13 @@ void PluginHost::connectUnit(QVeltraHardwareUnit* unit)
 
 void PluginHost::logLine(const QString& text, bool detailed, const QVeltraHardwareUnit* unit)
 {
-    if (isFailureLine(text))
+    if (isFailureLine(text)) {
         ++observations_.failureLines;
-    if (echo_ && (!detailed || verbose_))
+        const QString plain = styleLogText(text, false).trimmed();
+        observations_.failureTexts << (unit ? QStringLiteral("unit %1: %2").arg(unitName(unit), plain)
+                                            : plain);
+    }
+    if (echo_ && verbose_)
         console_.log(text);
     if (transcript_) {
         QJsonObject fields { { QStringLiteral("channel"), detailed ? "detail" : "log" },
@@ -171,8 +177,11 @@ void PluginHost::report(const QString& json, const QVeltraHardwareUnit* unit)
     const QRegularExpressionMatch match = counter.match(json);
     if (unit && match.hasMatch())
         observations_.counters.insert(unit, match.captured(1).toUInt());
-    if (echo_)
+    if (echo_ && (verbose_ || showReports_)) {
+        // Which sensor said it: a report's own heading may not know yet.
+        console_.out(unit ? QStringLiteral("unit %1:").arg(unitName(unit)) : QStringLiteral("family:"));
         console_.out(json);
+    }
     if (!transcript_)
         return;
     QJsonObject fields;
@@ -200,8 +209,9 @@ void PluginHost::printImage(
     QString line = QStringLiteral("image unit %1 %2").arg(unitName(unit), sizeText(image));
     if (!black.isNull())
         line += QStringLiteral(" black %1").arg(sizeText(black));
-    console_.out(line);
-    if (verbose_)
+    if (echo_ && !quiet_)
+        console_.out(line);
+    if (echo_ && verbose_)
         console_.out(description);
     if (transcript_) {
         QJsonObject fields { { QStringLiteral("unit"), unitIndex(unit) },

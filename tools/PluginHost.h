@@ -28,6 +28,9 @@ class Transcript;
 struct Observations {
     int rejected = 0;
     int failureLines = 0; // log lines that tell of a failure, both channels
+    // Those lines, without their style tag, each after the unit that gave it
+    // ("unit 0 (1904001): Unable to read ...").
+    QStringList failureTexts;
     QStringList reports; // JSON reports (dataRead), family and units
     // Last status each unit reported, and the (non-null) images it delivered.
     QHash<const QVeltraHardwareUnit*, hardwareStatus> unitStatus;
@@ -71,6 +74,17 @@ public:
     // and recorded): for the reads korux makes for its own checks.
     void setEcho(bool echo) { echo_ = echo; }
     bool echo() const { return echo_; }
+    // What is printed. Quiet: results only (reports when shown, nothing of
+    // the steps). Normal: the family's status changes, once each, and the
+    // images. Verbose: also every log line of both channels, the unit status
+    // changes and every report.
+    void setQuiet(bool quiet) { quiet_ = quiet; }
+    // Whether the reports the plug-in sends are the command's results (the
+    // service commands) or by-products (arming reads the serial, a shot the
+    // counter): only results are printed, unless verbose.
+    void setShowReports(bool show) { showReports_ = show; }
+    // Forget the last status printed, so the next command shows its first.
+    void resetPrintedStatus() { printedStatus_ = -1; }
 
     const Observations& observations() const { return observations_; }
     void clearObservations() { observations_ = Observations(); }
@@ -92,6 +106,9 @@ private:
     Console& console_;
     bool verbose_;
     bool echo_ = true;
+    bool quiet_ = false;
+    bool showReports_ = true;
+    int printedStatus_ = -1;
     Transcript* transcript_;
     QLibrary library_;
     QVeltraHardwareFamily* family_ = nullptr;

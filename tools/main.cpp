@@ -114,6 +114,7 @@ int main(int argc, char** argv)
     }
 
     console.setColour(wantColour(options.color));
+    console.setTerminal(isatty(STDOUT_FILENO));
     if (options.timeScaleSet)
         setSleepTimeScale(options.timeScale);
 
@@ -122,7 +123,7 @@ int main(int argc, char** argv)
         console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
-    Session session { options, console, nullptr, nullptr, QString(), false, 0, 0 };
+    Session session { options, console, nullptr, nullptr, QString(), false, 0, 0, QString() };
     if (transcript.isOpen())
         session.transcript = &transcript;
     if (!command->needsPlugin)
@@ -138,6 +139,7 @@ int main(int argc, char** argv)
 
     const QString pluginPath = options.plugin.isEmpty() ? pluginFileFrom(executableDirectory) : options.plugin;
     PluginHost host(console, options.verbose, session.transcript);
+    host.setQuiet(options.quiet);
     const int loadResult = host.load(pluginPath);
     if (loadResult != kExitOk)
         return finish(session, transcript, loadResult);
