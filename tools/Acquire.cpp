@@ -1,12 +1,10 @@
 // korux acquire: from whatever status the family is in to an armed family,
 // then the exposure followed live until every unit has delivered its image,
 // written as 16-bit grey-scale PNG files with the description beside them.
-#include <QBuffer>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QImage>
-#include <QImageWriter>
 #include <QVector>
 
 #include <cmath>
@@ -14,6 +12,7 @@
 #include "tools/AtomicFile.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/ShotFiles.h"
 #include "tools/Interrupt.h"
 
 namespace korux {
@@ -124,21 +123,6 @@ int prepareArming(Session& session)
     return result;
 }
 
-QByteArray encodePng(const QImage& image, QString* error)
-{
-    const QImage grey =
-        image.format() == QImage::Format_Grayscale16 ? image : image.convertToFormat(QImage::Format_Grayscale16);
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    QImageWriter writer(&buffer, "png");
-    if (!writer.write(grey)) {
-        *error = writer.errorString();
-        return QByteArray();
-    }
-    return bytes;
-}
-
 // The files of one image: <board serial>-<shot counter after the shot>.png,
 // -black.png and .txt. The counter is the sensor's own, so the name is never
 // used twice by one sensor; should it be taken anyway (a counter that did
@@ -164,10 +148,13 @@ bool writeShot(Session& session, const QDir& directory, bool overwrite, QVeltraH
     };
     QVector<Output> outputs;
     QString error;
+    QByteArray imagePng;
+    QByteArray blackPng;
+    encodeShot(image, black, &imagePng, &blackPng, &error);
     if (!image.isNull())
-        outputs.append({ stem + QStringLiteral(".png"), encodePng(image, &error) });
-    if (error.isEmpty() && !black.isNull())
-        outputs.append({ stem + QStringLiteral("-black.png"), encodePng(black, &error) });
+        outputs.append({ stem + QStringLiteral(".png"), imagePng });
+    if (!black.isNull())
+        outputs.append({ stem + QStringLiteral("-black.png"), blackPng });
     if (!error.isEmpty()) {
         session.console.error(
             QStringLiteral("korux: cannot encode the image of unit %1: %2").arg(host.unitName(unit), error));
