@@ -35,12 +35,71 @@ options:
   --color auto|always|never     render the log lines' style tags as colours (auto: on a
                                 terminal, unless NO_COLOR is set)
   --time-scale X                stretch every framework sleep by X (0: no waits)
-  -v, --verbose                 also print the detailed log and unit status changes
-  -h, --help                    print this help
+  -v, --verbose                 also print the plug-in's log (both channels), every report
+                                and the unit status changes
+  -q, --quiet                   print only results (reports, files written) and errors
+  -h, --help                    print this help; korux COMMAND --help: that command's
+  --version                     print korux's version and the plug-in it would load
 
-exit status: 0 success, 1 failure, 2 bad command line, scenario or script,
-             3 no sensor (or no unit with the serial), 4 no bridge library,
-             5 the family refused the command, 6 time-out waiting for the sensor)";
+korux help COMMAND describes one command and its options; korux help exit-codes lists
+the exit statuses.)";
+
+constexpr char kExitCodes[] = R"(exit statuses of korux:
+  0    success: the command reached its expected final status, nothing failed
+  1    failure: statusError, a failure the plug-in logged, a report or image that did not
+       come, a file not written whole (a full disk, a closed pipe), a flash file not
+       copied, an irreversible write not confirmed
+  2    bad command line, script line, scenario, value out of range, or an output folder
+       that cannot be written
+  3    no sensor found, or no unit with the serial given
+  4    no bridge library could be loaded
+  5    the family refused the command in its status
+  6    time-out: no image within acquire --timeout; the family is stopped
+  130  interrupted by SIGINT (Ctrl-C): the family is stopped, temporary files removed
+  141  standard output was closed (korux ... | head): the output ends quietly
+  143  terminated by SIGTERM, as for SIGINT)";
+
+// What korux help COMMAND adds to a command's synopsis: its options, their
+// defaults and limits.
+struct CommandDetails {
+    const char* name;
+    const char* text;
+};
+
+constexpr CommandDetails kDetails[] = {
+    { "acquire", R"(  --out DIR       the folder for the files (default: the current folder; created when
+                  missing); it must be writable before the sensor is armed
+  --count N       N shots in a row (default 1)
+  --timeout S     seconds to wait for each exposure, 1 to 86400 (default 60)
+  --oscilloscope  arm with the oscilloscope on (the Oscilloscope parameter)
+  --overwrite     replace files of the same name; without it an existing file is kept
+                  and the shot is reported as not written
+files: <board serial>-<shot counter after the shot>.png, -black.png and .txt)" },
+    { "counter", R"(  --increase  add one to the counter (command 1009) before reading it
+  --set N     write N (0 to 4294967294; the counter can never be set lower again);
+              needs --serial with several sensors, and a confirmation on the
+              terminal or --yes)" },
+    { "format-flash",
+        R"(  needs --serial with several sensors, and a confirmation on the terminal or --yes)" },
+    { "flash-files", R"(  --all        also the production files PRD and ASS
+  --overwrite  replace copies already in the family directory (commands 1005, 1006)
+the family directory (--dir) must be writable; afterwards every copy is checked
+against the size its flash header gives)" },
+    { "flash-page", R"(  ADDRESS  0 to 0xFFFF00, decimal or 0x...)" },
+    { "set", R"(  --string  store VALUE as text
+  --force   send a value outside the range the plug-in reads
+known keys: PhdTreshold 0 to 4095, ACEValue and ACEValueInside 1 to 1864135, ACECoeff
+and ACECoeffCSI 1 to 9, FlashAddress 0 to 0xFFFF00, Oscilloscope true or false
+takes effect only in a script (korux run) or korux shell)" },
+    { "arm", R"(  takes effect only in a script (korux run) or korux shell)" },
+    { "stop", R"(  takes effect only in a script (korux run) or korux shell)" },
+    { "abort", R"(  takes effect only in a script (korux run) or korux shell)" },
+    { "goto", R"(  COMMAND  a hardwareStatus value the framework names, by number (1010) or name
+           (statusNoOpBegin, NoOpBegin, commandFamilyReport))" },
+    { "run", R"(  --keep-going  run the lines after a failing one too; the exit status is the first failure
+  SCRIPT        a file, or - for standard input; every line is checked before the first runs)" },
+    { "shell", R"(  exit, quit or the end of input leave; Ctrl-C stops the command running, not the shell)" },
+};
 
 QStringList words(const char* list)
 {
@@ -209,6 +268,10 @@ int runHelp(Session& session, const CommandLine& line)
         session.console.out(usageText());
         return kExitOk;
     }
+    if (line.positional.first() == QLatin1String("exit-codes")) {
+        session.console.out(QString::fromLatin1(kExitCodes));
+        return kExitOk;
+    }
     const Command* command = findCommand(line.positional.first());
     if (!command) {
         session.console.error(
@@ -219,7 +282,16 @@ int runHelp(Session& session, const CommandLine& line)
     session.console.out(
         QStringLiteral("korux [options] %1 %2").arg(command->name, command->arguments).trimmed());
     session.console.out(QStringLiteral("  %1").arg(command->summary));
+    session.console.out(commandDetails(*command));
     return kExitOk;
+}
+
+QString commandDetails(const Command& command)
+{
+    for (const CommandDetails& details : kDetails)
+        if (QLatin1String(details.name) == QLatin1String(command.name))
+            return QString::fromLatin1(details.text);
+    return QStringLiteral("  no options of its own");
 }
 
 } // namespace korux

@@ -32,7 +32,7 @@ struct Session {
     // The script line being run (from 1), 0 outside a script.
     int scriptLine = 0;
     // The command being run, for korux's messages.
-    QString command;
+    QString command = QString();
 };
 
 // A command's own words after korux's options are taken out, checked and
@@ -65,6 +65,8 @@ struct Command {
 };
 
 const std::vector<Command>& commandTable();
+// The options of one command with their defaults and limits.
+QString commandDetails(const Command& command);
 const Command* findCommand(const QString& name);
 QString usageText();
 

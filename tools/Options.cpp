@@ -90,6 +90,8 @@ bool parseOptions(const QStringList& arguments, Options* options, QString* error
             options->verbose = false;
         } else if (word == QLatin1String("-h") || word == QLatin1String("--help")) {
             options->help = true;
+        } else if (word == QLatin1String("--version")) {
+            options->version = true;
         } else {
             const int equals = word.indexOf('=');
             const QString name = equals < 0 ? word : word.left(equals);

@@ -21,6 +21,7 @@ struct Options {
     bool verbose = false;
     bool quiet = false; // only results and errors
     bool help = false;
+    bool version = false;
     bool timeScaleSet = false;
     double timeScale = 1.0;
     QString command;

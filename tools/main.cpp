@@ -2,7 +2,9 @@
 // library first, then loads the plug-in the way a host application does and
 // runs one command against it, printing whatever the plug-in reports.
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
+#include <QFileInfo>
 #include <QStringList>
 
 #include <csignal>
@@ -89,8 +91,28 @@ int main(int argc, char** argv)
     words.removeFirst();
     if (!parseOptions(words, &options, &error))
         return usageError(console, error);
+    const QString executableDirectory = QCoreApplication::applicationDirPath();
+    const QString pluginPath = options.plugin.isEmpty() ? pluginFileFrom(executableDirectory) : options.plugin;
+    if (options.version) {
+        console.out(QStringLiteral("korux %1").arg(QStringLiteral(KORUX_VERSION)));
+        const QFileInfo plugin(pluginPath);
+        console.out(plugin.exists()
+                ? QStringLiteral("plug-in %1 (built %2)")
+                      .arg(plugin.absoluteFilePath(), plugin.lastModified().toUTC().toString(Qt::ISODate))
+                : QStringLiteral("plug-in %1: not found").arg(pluginPath));
+        return console.outputFailed() ? kExitFailure : kExitOk;
+    }
     if (options.help) {
-        console.out(usageText());
+        // korux COMMAND --help: that command's page.
+        const Command* command = findCommand(options.command);
+        if (command) {
+            console.out(
+                QStringLiteral("korux [options] %1 %2").arg(command->name, command->arguments).trimmed());
+            console.out(QStringLiteral("  %1").arg(command->summary));
+            console.out(commandDetails(*command));
+        } else {
+            console.out(usageText());
+        }
         return console.outputFailed() ? kExitFailure : kExitOk;
     }
     if (options.command.isEmpty())
@@ -131,13 +153,11 @@ int main(int argc, char** argv)
 
     // The bridge goes first: the plug-in's "libft4222.so" is bound to
     // whichever library of that name is loaded when the plug-in is.
-    const QString executableDirectory = QCoreApplication::applicationDirPath();
     BridgeInfo bridge;
     const int bridgeResult = loadBridge(options, executableDirectory, console, &bridge);
     if (bridgeResult != kExitOk || stopRequested())
         return finish(session, transcript, bridgeResult);
 
-    const QString pluginPath = options.plugin.isEmpty() ? pluginFileFrom(executableDirectory) : options.plugin;
     PluginHost host(console, options.verbose, session.transcript);
     host.setQuiet(options.quiet);
     const int loadResult = host.load(pluginPath);
