@@ -235,11 +235,19 @@ int runCommand(Session& session, const Command& command, const CommandLine& line
     session.serial = line.serial;
     session.command = QString::fromLatin1(command.name);
     if (session.host) {
-        // Reports are the results of these; elsewhere they are by-products.
-        static const QStringList reporting { QStringLiteral("params"), QStringLiteral("voltages"),
-            QStringLiteral("serial"), QStringLiteral("counter"), QStringLiteral("flash-page"),
-            QStringLiteral("report"), QStringLiteral("goto") };
-        session.host->setShowReports(reporting.contains(session.command));
+        // The reports that are these commands' results, by a member only they
+        // have; anything else the plug-in reports on the way is a by-product.
+        static const QMap<QString, QString> results {
+            { QStringLiteral("params"), QStringLiteral("HardwareSerial") },
+            { QStringLiteral("voltages"), QStringLiteral("FPGA High") },
+            { QStringLiteral("serial"), QStringLiteral("serialNumber") },
+            { QStringLiteral("counter"), QStringLiteral("ShootCounter") },
+            { QStringLiteral("flash-page"), QStringLiteral("flashPage") },
+            { QStringLiteral("report"), QStringLiteral("PhdTreshold") }, { QStringLiteral("goto"), QString() }
+        };
+        const auto result = results.constFind(session.command);
+        session.host->setShownReports(
+            result != results.constEnd(), result != results.constEnd() ? *result : QString());
         session.host->resetPrintedStatus();
     }
     if (session.transcript) {

@@ -405,6 +405,11 @@ int runList(Session& session, const CommandLine&)
     if (ready != kExitOk)
         return ready;
     QVeltraHardwareFamily* family = session.host->family();
+    if (!family->hardwareUnitVector().isEmpty()) {
+        // Which sensor is which: the board serial is in each one's flash.
+        QuietOutput quiet(*session.host);
+        sendFamilyCommand(session, commandReadSerialNumber);
+    }
     const QVector<QVeltraHardwareUnit*>& units = family->hardwareUnitVector();
     for (int i = 0; i < units.size(); ++i) {
         const QVeltraHardwareUnit* unit = units.at(i);

@@ -177,7 +177,8 @@ void PluginHost::report(const QString& json, const QVeltraHardwareUnit* unit)
     const QRegularExpressionMatch match = counter.match(json);
     if (unit && match.hasMatch())
         observations_.counters.insert(unit, match.captured(1).toUInt());
-    if (echo_ && (verbose_ || showReports_)) {
+    const bool result = showReports_ && (reportMember_.isEmpty() || json.contains(reportMember_));
+    if (echo_ && (verbose_ || result)) {
         // Which sensor said it: a report's own heading may not know yet.
         console_.out(unit ? QStringLiteral("unit %1:").arg(unitName(unit)) : QStringLiteral("family:"));
         console_.out(json);

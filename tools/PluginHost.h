@@ -82,7 +82,12 @@ public:
     // Whether the reports the plug-in sends are the command's results (the
     // service commands) or by-products (arming reads the serial, a shot the
     // counter): only results are printed, unless verbose.
-    void setShowReports(bool show) { showReports_ = show; }
+    // member: only reports that have it are shown (empty: every report).
+    void setShownReports(bool show, const QString& member = QString())
+    {
+        showReports_ = show;
+        reportMember_ = member.isEmpty() ? QString() : QStringLiteral("\"%1\"").arg(member);
+    }
     // Forget the last status printed, so the next command shows its first.
     void resetPrintedStatus() { printedStatus_ = -1; }
 
@@ -108,6 +113,7 @@ private:
     bool echo_ = true;
     bool quiet_ = false;
     bool showReports_ = true;
+    QString reportMember_;
     int printedStatus_ = -1;
     Transcript* transcript_;
     QLibrary library_;

@@ -76,3 +76,26 @@ TEST_F(Korux, AFailureNamesThePlugInsOwnLine)
             "korux: format-flash failed: unit 0 (59881DA3846E4A89): Unable to formatFlash; -v shows "
             "the plug-in's log\n"));
 }
+
+TEST_F(Korux, OnlyTheCommandsOwnReportsArePrinted)
+{
+    // Finding the unit by its serial reads every serial on the way.
+    const KoruxRun run = koruxOn({ QStringLiteral("--serial"), QStringLiteral("59881DA3846E4A89"),
+        QStringLiteral("counter"), QStringLiteral("--increase") });
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out.count(QStringLiteral("unit 0 (59881DA3846E4A89):\n")), 1) << run.out;
+    EXPECT_FALSE(run.out.contains(QStringLiteral("serialNumber"))) << run.out;
+    EXPECT_EQ(counterValues(run.out), QVector<uint> { 1235 }) << run.out;
+}
+
+TEST_F(Korux, ListNamesEachUnitsBoardSerial)
+{
+    const KoruxRun run = koruxOn({ QStringLiteral("list") }, QStringLiteral(R"({"sensors": [{}, {}]})"));
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(run.out.contains(QRegularExpression(
+        QStringLiteral("^unit 0 .* board [0-9A-F]{16} "), QRegularExpression::MultilineOption)))
+        << run.out;
+    EXPECT_TRUE(run.out.contains(QRegularExpression(
+        QStringLiteral("^unit 1 .* board [0-9A-F]{16} "), QRegularExpression::MultilineOption)))
+        << run.out;
+}
