@@ -6,7 +6,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRegularExpression>
 #include <QTimer>
 
 #include "tools/ExitCodes.h"
@@ -31,6 +30,24 @@ QString statusLine(hardwareStatus status)
 QString sizeText(const QImage& image)
 {
     return QStringLiteral("%1x%2").arg(image.width()).arg(image.height());
+}
+
+// The "ShootCounter" member of a report, wherever it sits. (Read by hand: a
+// regular expression would run PCRE's JIT on every report.)
+uint reportedCounter(const QString& json, bool* found)
+{
+    static const QString member = QStringLiteral("\"ShootCounter\"");
+    *found = false;
+    const int at = json.indexOf(member);
+    if (at < 0)
+        return 0;
+    int i = at + member.size();
+    while (i < json.size() && (json.at(i).isSpace() || json.at(i) == QLatin1Char(':')))
+        ++i;
+    int end = i;
+    while (end < json.size() && json.at(end).isDigit())
+        ++end;
+    return json.midRef(i, end - i).toUInt(found);
 }
 
 QJsonObject statusFields(hardwareStatus status)
@@ -173,10 +190,10 @@ void PluginHost::logLine(const QString& text, bool detailed, const QVeltraHardwa
 void PluginHost::report(const QString& json, const QVeltraHardwareUnit* unit)
 {
     observations_.reports.append(json);
-    static const QRegularExpression counter(QStringLiteral("\"ShootCounter\"\\s*:\\s*([0-9]+)"));
-    const QRegularExpressionMatch match = counter.match(json);
-    if (unit && match.hasMatch())
-        observations_.counters.insert(unit, match.captured(1).toUInt());
+    bool hasCounter = false;
+    const uint counter = reportedCounter(json, &hasCounter);
+    if (unit && hasCounter)
+        observations_.counters.insert(unit, counter);
     const bool result = showReports_ && (reportMember_.isEmpty() || json.contains(reportMember_));
     if (echo_ && (verbose_ || result)) {
         // Which sensor said it: a report's own heading may not know yet.
