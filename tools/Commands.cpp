@@ -56,7 +56,8 @@ constexpr char kExitCodes[] = R"(exit statuses of korux:
   5    the family refused the command in its status
   6    time-out: no image within acquire --timeout; the family is stopped
   130  interrupted by SIGINT (Ctrl-C): the family is stopped, temporary files removed
-  141  standard output was closed (korux ... | head): the output ends quietly
+  141  standard output was closed (korux ... | head): the output ended quietly, the
+       command went on and its files are written
   143  terminated by SIGTERM, as for SIGINT)";
 
 // What korux help COMMAND adds to a command's synopsis: its options, their

@@ -4,11 +4,8 @@
 #include <QStringList>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
-
-#include "tools/Interrupt.h"
 
 namespace korux {
 
@@ -80,9 +77,9 @@ void Console::write(const QString& text)
         return;
     endProgress();
     outputError_ = writeAll(stdout, text);
-    if (outputError_ == EPIPE)
-        requestStop(SIGPIPE);
-    else if (outputError_ != 0)
+    // A reader that went away (korux ... | head) is no error to tell: the
+    // output ends there, the work goes on.
+    if (outputError_ != 0 && outputError_ != EPIPE)
         error(QStringLiteral("korux: cannot write to standard output: %1")
                   .arg(QString::fromLocal8Bit(std::strerror(outputError_))));
 }

@@ -30,8 +30,8 @@ public:
     void error(const QString& text);
 
     // Standard output could not be written (a full disk, a closed pipe):
-    // said once on stderr (a closed pipe quietly asks korux to stop), and
-    // nothing more is written there.
+    // said once on stderr (a closed pipe quietly), and nothing more is
+    // written there.
     bool outputFailed() const { return outputError_ != 0; }
     int outputError() const { return outputError_; }
 

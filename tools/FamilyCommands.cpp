@@ -383,8 +383,7 @@ void stopArmedFamily(Session& session)
     }
     if (!busy && session.host->family()->status() != statusArmed)
         return;
-    if (stopSignal() != SIGPIPE)
-        session.console.error(QStringLiteral("korux: stopping the family"));
+    session.console.error(QStringLiteral("korux: stopping the family"));
     sendFamilyCommand(session, statusStopping);
     waitForUnitsToStop(session, kStopTimeoutMs, false);
 }

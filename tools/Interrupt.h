@@ -11,8 +11,7 @@ namespace korux {
 // pipe is a write error (EPIPE) rather than a sudden death.
 void installSignalHandlers();
 
-// The signal that asked korux to stop, 0 while none did. A closed standard
-// output counts as SIGPIPE.
+// The signal that asked korux to stop, 0 while none did.
 int stopSignal();
 inline bool stopRequested()
 {

@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QStringList>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <unistd.h>
@@ -60,9 +61,7 @@ int finish(Session& session, Transcript& transcript, int result)
         if (session.transcript)
             session.transcript->record(
                 QStringLiteral("interrupted"), { { QStringLiteral("signal"), signal } });
-        // A reader that went away (korux ... | head) needs no word.
-        if (signal != SIGPIPE)
-            session.console.error(QStringLiteral("korux: interrupted"));
+        session.console.error(QStringLiteral("korux: interrupted"));
         result = stopExitStatus(signal);
     }
     if (transcript.isOpen() && !transcript.close()) {
@@ -70,8 +69,10 @@ int finish(Session& session, Transcript& transcript, int result)
         if (result == kExitOk)
             result = kExitFailure;
     }
+    // A closed pipe ends in the status a writer killed by SIGPIPE has, once
+    // the command is done and its files are written.
     if (session.console.outputFailed() && result == kExitOk)
-        result = kExitFailure;
+        result = session.console.outputError() == EPIPE ? stopExitStatus(SIGPIPE) : kExitFailure;
     return result;
 }
 
