@@ -175,13 +175,22 @@ bool writeShot(Session& session, const QDir& directory, bool overwrite, QVeltraH
     const AtomicFile::Existing existing
         = overwrite ? AtomicFile::Existing::Replace : AtomicFile::Existing::Keep;
     bool written = true;
+    // The first file claims the name for the set: a process that finds it
+    // taken a moment after the check above leaves the rest to the other.
     for (const Output& output : outputs) {
-        if (writeFileAtomically(output.path, output.bytes, existing, &error)) {
+        AtomicFile file(output.path, existing);
+        if (file.open() && file.write(output.bytes) && file.commit()) {
             session.console.out(QStringLiteral("wrote %1").arg(output.path));
             continue;
         }
-        session.console.error(QStringLiteral("korux: ") + error);
         written = false;
+        if (file.alreadyExists()) {
+            session.console.error(QStringLiteral("korux: %1; the shot of unit %2 is not written (acquire "
+                                                 "--overwrite replaces it)")
+                                      .arg(file.errorString(), host.unitName(unit)));
+            break;
+        }
+        session.console.error(QStringLiteral("korux: ") + file.errorString());
     }
     return written;
 }

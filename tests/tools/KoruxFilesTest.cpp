@@ -333,3 +333,23 @@ TEST_F(KoruxFiles, AClosedPipeEndsTheOutputQuietlyAndTheWorkGoesOn)
     EXPECT_TRUE(wholePng(path(QStringLiteral("shots/59881DA3846E4A89-001235.png"))));
     EXPECT_TRUE(temporaryFiles(path(QStringLiteral("shots"))).isEmpty());
 }
+
+// Two korux at once into one folder, their sensors at the same counter: one
+// name, one file, and the other process says so.
+TEST_F(KoruxFiles, TwoProcessesCannotTakeTheSameName)
+{
+    QProcess first;
+    QProcess second;
+    const QStringList arguments
+        = argumentsOn({ QStringLiteral("acquire"), QStringLiteral("--out"), QStringLiteral("shots") });
+    startKorux(first, arguments);
+    startKorux(second, arguments);
+    const KoruxRun one = finished(first);
+    const KoruxRun two = finished(second);
+    const QString image = QStringLiteral("shots/59881DA3846E4A89-001235.png");
+    EXPECT_EQ((one.out + two.out).count(QStringLiteral("wrote %1\n").arg(image)), 1) << one.out << two.out;
+    EXPECT_EQ(one.exitCode + two.exitCode, 1) << one.err << two.err;
+    EXPECT_TRUE((one.err + two.err).contains(QStringLiteral("%1 exists already").arg(image)))
+        << one.err << two.err;
+    EXPECT_TRUE(wholePng(path(image)));
+}
