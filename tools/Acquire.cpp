@@ -264,26 +264,38 @@ int shoot(Session& session, const QDir& directory, bool overwrite, int timeoutMs
 
 } // namespace
 
-int runAcquire(Session& session, const CommandLine& line)
+bool checkAcquire(const CommandLine& line, QString* error)
 {
     bool ok = true;
     const int count = line.value(QStringLiteral("--count"), QStringLiteral("1")).toInt(&ok);
     if (!ok || count < 1) {
-        session.console.error(QStringLiteral("korux: acquire --count takes a number of 1 or more"));
-        return kExitUsage;
+        *error = QStringLiteral("acquire --count takes a number of 1 or more");
+        return false;
     }
     const QString timeoutText
         = line.value(QStringLiteral("--timeout"), QString::number(kDefaultTimeoutSeconds));
     const double timeout = timeoutText.toDouble(&ok);
     if (!ok || !std::isfinite(timeout) || timeout < kShortestTimeoutSeconds
         || timeout > kLongestTimeoutSeconds) {
-        session.console.error(
-            QStringLiteral("korux: acquire --timeout takes a number of seconds from %1 to %2, not \"%3\"")
-                .arg(kShortestTimeoutSeconds)
-                .arg(kLongestTimeoutSeconds)
-                .arg(timeoutText));
+        *error = QStringLiteral("acquire --timeout takes a number of seconds from %1 to %2, not \"%3\"")
+                     .arg(kShortestTimeoutSeconds)
+                     .arg(kLongestTimeoutSeconds)
+                     .arg(timeoutText);
+        return false;
+    }
+    return true;
+}
+
+int runAcquire(Session& session, const CommandLine& line)
+{
+    QString error;
+    if (!checkAcquire(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
+    const int count = line.value(QStringLiteral("--count"), QStringLiteral("1")).toInt();
+    const double timeout
+        = line.value(QStringLiteral("--timeout"), QString::number(kDefaultTimeoutSeconds)).toDouble();
     const QDir directory(line.value(QStringLiteral("--out"), QStringLiteral(".")));
     // Checked before any arming: an exposure whose image cannot be kept is
     // a dose given for nothing.

@@ -231,6 +231,21 @@ bool parseCommandLine(
     return true;
 }
 
+bool checkArguments(const Command& command, const CommandLine& line, QString* error)
+{
+    if (command.run == runAcquire)
+        return checkAcquire(line, error);
+    if (command.run == runCounter)
+        return checkCounter(line, error);
+    if (command.run == runFlashPage)
+        return checkFlashPage(line, error);
+    if (command.run == runGoto)
+        return checkGoto(line, error);
+    if (command.run == runSet)
+        return checkSet(line, error);
+    return true;
+}
+
 int runCommand(Session& session, const Command& command, const CommandLine& line)
 {
     session.serial = line.serial;

@@ -76,6 +76,16 @@ QString usageText();
 bool parseCommandLine(
     const Command& command, const QStringList& words, const QString& serial, CommandLine* line, QString* error);
 
+// Checks the values a command was given (ranges, numbers, names) before
+// anything runs: korux's own line before the plug-in loads, every script line
+// before the first runs. False with the reason in error.
+bool checkArguments(const Command& command, const CommandLine& line, QString* error);
+bool checkAcquire(const CommandLine& line, QString* error);
+bool checkCounter(const CommandLine& line, QString* error);
+bool checkFlashPage(const CommandLine& line, QString* error);
+bool checkGoto(const CommandLine& line, QString* error);
+bool checkSet(const CommandLine& line, QString* error);
+
 // Runs a command on its checked line, in the transcript too.
 int runCommand(Session& session, const Command& command, const CommandLine& line);
 

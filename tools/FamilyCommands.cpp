@@ -483,14 +483,24 @@ int runAbort(Session& session, const CommandLine&)
     return stopCommand(session, statusAborted, statusAborted);
 }
 
-int runGoto(Session& session, const CommandLine& line)
+bool checkGoto(const CommandLine& line, QString* error)
 {
     hardwareStatus command = statusUnknown;
-    if (!parseStatus(line.positional.first(), &command)) {
-        session.console.error(QStringLiteral("korux: \"%1\" is no hardwareStatus the framework knows")
-                                  .arg(line.positional.first()));
+    if (parseStatus(line.positional.first(), &command))
+        return true;
+    *error = QStringLiteral("\"%1\" is no hardwareStatus the framework knows").arg(line.positional.first());
+    return false;
+}
+
+int runGoto(Session& session, const CommandLine& line)
+{
+    QString error;
+    if (!checkGoto(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
+    hardwareStatus command = statusUnknown;
+    parseStatus(line.positional.first(), &command);
     const int ready = ensureFamily(session);
     if (ready != kExitOk)
         return ready;
@@ -646,22 +656,35 @@ int confirmIrreversible(
     return kExitFailure;
 }
 
-int runCounter(Session& session, const CommandLine& line)
+bool checkCounter(const CommandLine& line, QString* error)
 {
-    const bool increase = line.has(QStringLiteral("--increase"));
     const bool set = line.has(QStringLiteral("--set"));
-    if (increase && set) {
-        session.console.error(QStringLiteral("korux: counter takes --increase or --set, not both"));
-        return kExitUsage;
+    if (line.has(QStringLiteral("--increase")) && set) {
+        *error = QStringLiteral("counter takes --increase or --set, not both");
+        return false;
     }
     bool ok = true;
     const qlonglong number = set ? parseNumber(line.value(QStringLiteral("--set")), &ok) : 0;
     // All ones is the "last value plus one" request, not a value.
     if (!ok || number < 0 || number >= 0xFFFFFFFFLL) {
-        session.console.error(QStringLiteral("korux: counter --set takes a number from 0 to 4294967294, not \"%1\"")
-                                  .arg(line.value(QStringLiteral("--set"))));
+        *error = QStringLiteral("counter --set takes a number from 0 to 4294967294, not \"%1\"")
+                     .arg(line.value(QStringLiteral("--set")));
+        return false;
+    }
+    return true;
+}
+
+int runCounter(Session& session, const CommandLine& line)
+{
+    QString error;
+    if (!checkCounter(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
+    const bool increase = line.has(QStringLiteral("--increase"));
+    const bool set = line.has(QStringLiteral("--set"));
+    bool ok = true;
+    const qlonglong number = set ? parseNumber(line.value(QStringLiteral("--set")), &ok) : 0;
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
@@ -700,16 +723,28 @@ int runFormatFlash(Session& session, const CommandLine& line)
     return flashServiceCommand(session, commandFormatFlash, false);
 }
 
-int runFlashPage(Session& session, const CommandLine& line)
+bool checkFlashPage(const CommandLine& line, QString* error)
 {
     bool ok = false;
     const qlonglong address = parseNumber(line.positional.first(), &ok);
     if (!ok || address < 0 || address > kLastFlashPage) {
-        session.console.error(QStringLiteral(
-            "korux: flash-page takes an address from 0 to 0xFFFF00 (decimal or 0x...), not \"%1\"")
-                                  .arg(line.positional.first()));
+        *error
+            = QStringLiteral("flash-page takes an address from 0 to 0xFFFF00 (decimal or 0x...), not \"%1\"")
+                  .arg(line.positional.first());
+        return false;
+    }
+    return true;
+}
+
+int runFlashPage(Session& session, const CommandLine& line)
+{
+    QString error;
+    if (!checkFlashPage(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
+    bool ok = false;
+    const qlonglong address = parseNumber(line.positional.first(), &ok);
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
@@ -761,8 +796,33 @@ const ParameterRange* rangeOf(const QString& key)
 
 } // namespace
 
+bool checkSet(const CommandLine& line, QString* error)
+{
+    const QString key = line.positional.at(0);
+    const QString text = line.positional.at(1);
+    const ParameterRange* range = rangeOf(key);
+    if (!range || line.has(QStringLiteral("--force")) || line.has(QStringLiteral("--string")))
+        return true;
+    // A value that is no number at all is refused by its type when it is set.
+    bool number = false;
+    const qlonglong given = parseNumber(text, &number);
+    if (!number || (given >= range->lowest && given <= range->highest))
+        return true;
+    *error = QStringLiteral("%1 takes %2 to %3 (%4), not %5; set --force sends it anyway")
+                 .arg(key)
+                 .arg(range->lowest)
+                 .arg(range->highest)
+                 .arg(QString::fromLatin1(range->why), text);
+    return false;
+}
+
 int runSet(Session& session, const CommandLine& line)
 {
+    QString error;
+    if (!checkSet(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
+        return kExitUsage;
+    }
     const QString key = line.positional.at(0);
     const QString text = line.positional.at(1);
     const bool force = line.has(QStringLiteral("--force"));
@@ -776,18 +836,6 @@ int runSet(Session& session, const CommandLine& line)
             return kExitUsage;
         }
         typedValue(QVariant(), text, false, &value);
-    }
-    const ParameterRange* range = rangeOf(key);
-    bool number = false;
-    const qlonglong given = value.toLongLong(&number);
-    if (range && !force && (!number || given < range->lowest || given > range->highest)) {
-        session.console.error(
-            QStringLiteral("korux: %1 takes %2 to %3 (%4), not %5; set --force sends it anyway")
-                .arg(key)
-                .arg(range->lowest)
-                .arg(range->highest)
-                .arg(QString::fromLatin1(range->why), text));
-        return kExitUsage;
     }
     family->setParameter(key, value);
     session.console.out(QStringLiteral("%1 = %2 (%3)").arg(key, value.toString(), value.typeName()));

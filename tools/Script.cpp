@@ -114,7 +114,8 @@ bool parseLine(const QString& text, ScriptLine* line, QString* error)
         return false;
     }
     line->text = text.trimmed();
-    return parseCommandLine(*line->command, options.arguments, options.serial, &line->commandLine, error);
+    return parseCommandLine(*line->command, options.arguments, options.serial, &line->commandLine, error)
+        && checkArguments(*line->command, line->commandLine, error);
 }
 
 } // namespace

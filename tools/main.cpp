@@ -135,6 +135,10 @@ int main(int argc, char** argv)
             return kExitUsage;
         }
     }
+    if (!checkArguments(*command, line, &error)) {
+        console.error(QStringLiteral("korux: ") + error);
+        return kExitUsage;
+    }
 
     console.setColour(wantColour(options.color));
     console.setTerminal(isatty(STDOUT_FILENO));

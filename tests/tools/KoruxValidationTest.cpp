@@ -172,6 +172,17 @@ TEST_F(KoruxValidation, TheShellKeepsOneFamilyAcrossLinesAndGoesOnAfterAnError)
         = withInput({ QStringLiteral("shell") }, "set ACECoeff 9\nset ACECoeff 99\nbogus\nreport\nexit\n");
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_TRUE(run.err.contains(QStringLiteral("korux: unknown command \"bogus\""))) << run.err;
-    EXPECT_TRUE(run.err.contains(QStringLiteral("korux: set ended with exit status 2"))) << run.err;
+    EXPECT_TRUE(run.err.contains(QStringLiteral("korux: ACECoeff takes 1 to 9"))) << run.err;
     EXPECT_TRUE(run.out.contains(QStringLiteral("\"ACECoeff\": 9"))) << run.out;
+}
+
+TEST_F(KoruxValidation, AValueOutOfRangeOnTheLastLineStopsTheScriptBeforeItsFirst)
+{
+    for (const char* last : { "acquire --timeout nan\n", "flash-page 0x1000000\n", "goto 99999\n",
+             "set ACECoeff 10\n", "counter --set -1 --yes\n" }) {
+        const KoruxRun run = script(QByteArray("report\n") + last);
+        EXPECT_EQ(run.exitCode, 2) << last;
+        EXPECT_TRUE(run.err.contains(QStringLiteral("script.korux:2: "))) << run.err;
+        EXPECT_FALSE(run.out.contains(QStringLiteral("korux> report"))) << run.out;
+    }
 }
