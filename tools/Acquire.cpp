@@ -181,6 +181,8 @@ bool writeShot(Session& session, const QDir& directory, bool overwrite, QVeltraH
         AtomicFile file(output.path, existing);
         if (file.open() && file.write(output.bytes) && file.commit()) {
             session.console.out(QStringLiteral("wrote %1").arg(output.path));
+            session.console.json({ { QStringLiteral("wrote"), output.path },
+                { QStringLiteral("unit"), host.unitIndex(unit) }, { QStringLiteral("boardSerial"), board } });
             continue;
         }
         written = false;

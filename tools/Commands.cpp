@@ -38,6 +38,9 @@ options:
   -v, --verbose                 also print the plug-in's log (both channels), every report
                                 and the unit status changes
   -q, --quiet                   print only results (reports, files written) and errors
+  --json                        print the results as JSON documents, one a line, and nothing
+                                else (a report with its unit and board serial, a file
+                                written, a unit listed, a parameter set)
   -h, --help                    print this help; korux COMMAND --help: that command's
   --version                     print korux's version and the plug-in it would load
 

@@ -1,6 +1,7 @@
 #include "tools/Console.h"
 
 #include <QByteArray>
+#include <QJsonDocument>
 #include <QStringList>
 
 #include <cerrno>
@@ -86,12 +87,19 @@ void Console::write(const QString& text)
 
 void Console::out(const QString& text)
 {
-    write(text);
+    if (!json_)
+        write(text);
+}
+
+void Console::json(const QJsonObject& document)
+{
+    if (json_)
+        write(QString::fromUtf8(QJsonDocument(document).toJson(QJsonDocument::Compact)));
 }
 
 void Console::progress(const QString& text)
 {
-    if (!terminal_ || outputError_ != 0)
+    if (!terminal_ || json_ || outputError_ != 0)
         return;
     const QByteArray bytes = "\r" + text.toUtf8() + "\033[K";
     std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stdout);
@@ -109,7 +117,8 @@ void Console::endProgress()
 
 void Console::log(const QString& text)
 {
-    write(styleLogText(text, colour_));
+    if (!json_)
+        write(styleLogText(text, colour_));
 }
 
 void Console::error(const QString& text)

@@ -3,6 +3,7 @@
 // turned into ANSI attributes when colouring, and dropped otherwise.
 #pragma once
 
+#include <QJsonObject>
 #include <QString>
 
 namespace korux {
@@ -17,8 +18,13 @@ public:
     bool colour() const { return colour_; }
     void setColour(bool colour) { colour_ = colour; }
 
-    // A result line, as given.
+    // A result line, as given; nothing in JSON mode.
     void out(const QString& text);
+    // In JSON mode (--json) standard output carries only these: one
+    // document a line. Nothing outside JSON mode.
+    void json(const QJsonObject& document);
+    bool jsonMode() const { return json_; }
+    void setJsonMode(bool json) { json_ = json; }
     // A line that replaces itself (a countdown) on a terminal; elsewhere
     // nothing: the caller prints its first state with out().
     void progress(const QString& text);
@@ -42,6 +48,7 @@ private:
 
     bool colour_;
     bool terminal_ = false;
+    bool json_ = false;
     bool progressShown_ = false;
     int outputError_ = 0;
 };

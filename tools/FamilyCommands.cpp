@@ -1,6 +1,8 @@
 // The commands that map onto one host command each: the acquisition cycle
 // (1, 6, 11, 13, 18, 20) and the service commands (1000 to 3001).
 #include <QDir>
+#include <QJsonObject>
+#include <QJsonValue>
 #include <QLibrary>
 #include <QRegularExpression>
 
@@ -416,6 +418,11 @@ int runList(Session& session, const CommandLine&)
                                 .arg(i)
                                 .arg(orDash(unit->model()), orDash(unit->serial()),
                                     orDash(unit->boardSerial()), statusText(unit->status())));
+        session.console.json({ { QStringLiteral("unit"), i }, { QStringLiteral("model"), unit->model() },
+            { QStringLiteral("serial"), unit->serial() },
+            { QStringLiteral("boardSerial"), unit->boardSerial() },
+            { QStringLiteral("status"), int(unit->status()) },
+            { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(unit->status()) } });
     }
     const QString name = family->codeName().isEmpty() ? family->sensorFamily() : family->codeName();
     session.console.out(QStringLiteral("family %1: %2 unit%3, status %4")
@@ -423,6 +430,9 @@ int runList(Session& session, const CommandLine&)
                             .arg(units.size())
                             .arg(units.size() == 1 ? QString() : QStringLiteral("s"))
                             .arg(statusText(family->status())));
+    session.console.json({ { QStringLiteral("family"), name }, { QStringLiteral("units"), units.size() },
+        { QStringLiteral("status"), int(family->status()) },
+        { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(family->status()) } });
     switch (family->status()) {
     case statusSensorFound:
         return kExitOk;
@@ -839,6 +849,8 @@ int runSet(Session& session, const CommandLine& line)
     }
     family->setParameter(key, value);
     session.console.out(QStringLiteral("%1 = %2 (%3)").arg(key, value.toString(), value.typeName()));
+    session.console.json({ { QStringLiteral("parameter"), key },
+        { QStringLiteral("value"), QJsonValue::fromVariant(value) } });
     return kExitOk;
 }
 

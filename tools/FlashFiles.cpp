@@ -192,8 +192,10 @@ int runFlashFiles(Session& session, const CommandLine& line)
     if (copied != kExitOk)
         return copied;
     const int result = serviceExit(session, outcome, false);
-    if (result == kExitOk)
+    if (result == kExitOk) {
         session.console.out(QStringLiteral("files in %1").arg(directory));
+        session.console.json({ { QStringLiteral("directory"), directory } });
+    }
     return result;
 }
 

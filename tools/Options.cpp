@@ -90,6 +90,8 @@ bool parseOptions(const QStringList& arguments, Options* options, QString* error
             options->verbose = false;
         } else if (word == QLatin1String("-h") || word == QLatin1String("--help")) {
             options->help = true;
+        } else if (word == QLatin1String("--json")) {
+            options->json = true;
         } else if (word == QLatin1String("--version")) {
             options->version = true;
         } else {

@@ -20,6 +20,7 @@ struct Options {
     ColorMode color = ColorMode::Auto;
     bool verbose = false;
     bool quiet = false; // only results and errors
+    bool json = false; // results as JSON documents, one a line, nothing else
     bool help = false;
     bool version = false;
     bool timeScaleSet = false;

@@ -199,6 +199,23 @@ void PluginHost::report(const QString& json, const QVeltraHardwareUnit* unit)
         // Which sensor said it: a report's own heading may not know yet.
         console_.out(unit ? QStringLiteral("unit %1:").arg(unitName(unit)) : QStringLiteral("family:"));
         console_.out(json);
+        if (result) {
+            QJsonObject document;
+            if (unit) {
+                document.insert(QStringLiteral("unit"), unitIndex(unit));
+                document.insert(QStringLiteral("boardSerial"), unit->boardSerial());
+            } else {
+                document.insert(QStringLiteral("family"), true);
+            }
+            const QJsonDocument parsed = QJsonDocument::fromJson(json.toUtf8());
+            if (parsed.isArray())
+                document.insert(QStringLiteral("report"), parsed.array());
+            else if (parsed.isObject())
+                document.insert(QStringLiteral("report"), parsed.object());
+            else
+                document.insert(QStringLiteral("text"), json);
+            console_.json(document);
+        }
     }
     if (!transcript_)
         return;

@@ -14,7 +14,7 @@ _korux_command_options() {
 _korux() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
     local globals="--bridge --scenario --plugin --dir --serial --transcript --color --time-scale
-                   -v --verbose -q --quiet -h --help --version"
+                   -v --verbose -q --quiet --json -h --help --version"
     case $prev in
     --bridge)
         mapfile -t COMPREPLY < <(compgen -W "virtual vendor" -f -- "$cur")

@@ -142,6 +142,7 @@ int main(int argc, char** argv)
 
     console.setColour(wantColour(options.color));
     console.setTerminal(isatty(STDOUT_FILENO));
+    console.setJsonMode(options.json);
     if (options.timeScaleSet)
         setSleepTimeScale(options.timeScale);
 
@@ -164,7 +165,7 @@ int main(int argc, char** argv)
         return finish(session, transcript, bridgeResult);
 
     PluginHost host(console, options.verbose, session.transcript);
-    host.setQuiet(options.quiet);
+    host.setQuiet(options.quiet || options.json);
     const int loadResult = host.load(pluginPath);
     if (loadResult != kExitOk)
         return finish(session, transcript, loadResult);

@@ -1,6 +1,7 @@
 // korux's conventions: --version, help for one command with its options and
 // defaults, the exit statuses, and the bash completion file.
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QProcess>
 #include <QProcessEnvironment>
 
@@ -62,4 +63,38 @@ TEST_F(Korux, BashCompletionOffersCommandsAndTheirOptions)
     EXPECT_EQ(QString::fromUtf8(bash.readAllStandardOutput()),
         QStringLiteral("flash-files flash-page\n--overwrite\n"))
         << QString::fromUtf8(bash.readAllStandardError());
+}
+
+// --json: standard output holds one JSON document a line and nothing else.
+TEST_F(Korux, JsonGivesOneDocumentPerResultAndNothingElse)
+{
+    const QString script
+        = writeFile(QStringLiteral("s.korux"), "list\ncounter\nset ACECoeff 9\nacquire --out shots\n");
+    const KoruxRun run = koruxOn({ QStringLiteral("--json"), QStringLiteral("run"), script });
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    QVector<QJsonObject> documents;
+    for (const QString& line : run.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        const QJsonDocument document = QJsonDocument::fromJson(line.toUtf8());
+        ASSERT_TRUE(document.isObject()) << line;
+        documents << document.object();
+    }
+    ASSERT_EQ(documents.size(), 6) << run.out;
+    EXPECT_EQ(
+        documents.at(0).value(QStringLiteral("boardSerial")).toString(), QStringLiteral("59881DA3846E4A89"));
+    EXPECT_EQ(documents.at(1).value(QStringLiteral("units")).toInt(), 1);
+    EXPECT_EQ(documents.at(2)
+                  .value(QStringLiteral("report"))
+                  .toArray()
+                  .at(0)
+                  .toObject()
+                  .value(QStringLiteral("KORUX-KORUX2 Series 59881DA3846E4A89"))
+                  .toArray()
+                  .at(0)
+                  .toObject()
+                  .value(QStringLiteral("ShootCounter"))
+                  .toInt(),
+        1234);
+    EXPECT_EQ(documents.at(3).value(QStringLiteral("value")).toInt(), 9);
+    EXPECT_EQ(documents.at(4).value(QStringLiteral("wrote")).toString(),
+        QStringLiteral("shots/59881DA3846E4A89-001235.png"));
 }
