@@ -318,7 +318,10 @@ QString commandDetails(const Command& command)
     for (const CommandDetails& details : kDetails)
         if (QLatin1String(details.name) == QLatin1String(command.name))
             return QString::fromLatin1(details.text);
-    return QStringLiteral("  no options of its own");
+    const QStringList options = words(command.flags) + words(command.valueOptions);
+    if (options.isEmpty())
+        return QStringLiteral("  no options of its own");
+    return QStringLiteral("  options: %1").arg(options.join(QStringLiteral(", ")));
 }
 
 } // namespace korux
