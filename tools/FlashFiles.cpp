@@ -12,6 +12,7 @@
 #include "tools/AtomicFile.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/Interrupt.h"
 
 namespace korux {
 
@@ -184,6 +185,8 @@ int runFlashFiles(Session& session, const CommandLine& line)
     if (line.has(QStringLiteral("--overwrite")))
         command += 2;
     const Outcome outcome = sendUnitCommand(session, hardwareStatus(command));
+    if (stopRequested())
+        return interruptedExit();
     if (!session.serial.isEmpty() && !findUnit(session, session.serial))
         return serviceExit(session, outcome, false);
     // The plug-in's failure lines are its own account; the check below says
