@@ -147,21 +147,11 @@ bool writeShot(Session& session, const QDir& directory, bool overwrite, QVeltraH
         QByteArray bytes;
     };
     QVector<Output> outputs;
-    QString error;
-    QByteArray imagePng;
-    QByteArray blackPng;
-    encodeShot(image, black, &imagePng, &blackPng, &error);
     if (!image.isNull())
-        outputs.append({ stem + QStringLiteral(".png"), imagePng });
+        outputs.append({ stem + QStringLiteral(".png"), QByteArray() });
     if (!black.isNull())
-        outputs.append({ stem + QStringLiteral("-black.png"), blackPng });
-    if (!error.isEmpty()) {
-        session.console.error(
-            QStringLiteral("korux: cannot encode the image of unit %1: %2").arg(host.unitName(unit), error));
-        return false;
-    }
+        outputs.append({ stem + QStringLiteral("-black.png"), QByteArray() });
     outputs.append({ stem + QStringLiteral(".txt"), description.toUtf8() });
-
     if (!overwrite) {
         for (const Output& output : outputs) {
             if (QFileInfo::exists(output.path)) {
@@ -172,6 +162,18 @@ bool writeShot(Session& session, const QDir& directory, bool overwrite, QVeltraH
             }
         }
     }
+    QString error;
+    QByteArray imagePng;
+    QByteArray blackPng;
+    if (!encodeShot(image, black, &imagePng, &blackPng, &error)) {
+        session.console.error(
+            QStringLiteral("korux: cannot encode the image of unit %1: %2").arg(host.unitName(unit), error));
+        return false;
+    }
+    if (!image.isNull())
+        outputs[0].bytes = imagePng;
+    if (!black.isNull())
+        outputs[image.isNull() ? 0 : 1].bytes = blackPng;
     const AtomicFile::Existing existing
         = overwrite ? AtomicFile::Existing::Replace : AtomicFile::Existing::Keep;
     bool written = true;
