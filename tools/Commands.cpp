@@ -41,7 +41,7 @@ options:
   --json                        print the results as JSON documents, one a line, and nothing
                                 else (a report with its unit and board serial, a file
                                 written, a unit listed, a parameter set)
-  -h, --help                    print this help; korux COMMAND --help: that command's
+  -h, --help                    print this help (korux COMMAND --help: that command's options)
   --version                     print korux's version and the plug-in it would load
 
 korux help COMMAND describes one command and its options; korux help exit-codes lists
