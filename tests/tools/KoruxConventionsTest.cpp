@@ -57,7 +57,7 @@ TEST_F(Korux, BashCompletionOffersCommandsAndTheirOptions)
     bash.setProcessEnvironment(environment);
     bash.start(QStringLiteral("bash"),
         { QStringLiteral("-c"),
-            QStringLiteral("source '%1/tools/korux-completion.bash'; "
+            QStringLiteral("source '%1/packaging/bash-completion/korux'; "
                            "COMP_WORDS=(korux fl); COMP_CWORD=1; _korux; echo \"${COMPREPLY[*]}\"; "
                            "COMP_WORDS=(korux acquire --ov); COMP_CWORD=2; _korux; echo \"${COMPREPLY[*]}\"")
                 .arg(QStringLiteral(KORUX_SOURCE_DIR)) });
