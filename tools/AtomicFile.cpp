@@ -78,7 +78,11 @@ AtomicFile::~AtomicFile()
 
 bool AtomicFile::open()
 {
-    const QByteArray target = QFile::encodeName(path_);
+    // A link is followed: the file it names is replaced, the link stays.
+    const QFileInfo link(path_);
+    const QString resolved = link.isSymLink() && link.exists() ? link.canonicalFilePath() : path_;
+    const QByteArray target = QFile::encodeName(resolved);
+    target_ = target;
     struct stat status = {};
     if (stat(target.constData(), &status) == 0 && !S_ISREG(status.st_mode)) {
         if (S_ISDIR(status.st_mode))
@@ -131,7 +135,7 @@ bool AtomicFile::commit()
     if (close(fd) != 0 && errno != EINTR)
         return fail(errno);
     if (!temporary_.isEmpty()) {
-        const QByteArray target = QFile::encodeName(path_);
+        const QByteArray& target = target_;
         const int renamed = existing_ == Existing::Replace
             ? rename(temporary_.constData(), target.constData())
             : renameNoReplace(temporary_.constData(), target.constData());

@@ -48,6 +48,7 @@ private:
 
     QString path_;
     Existing existing_;
+    QByteArray target_; // the file replaced (a link's target)
     QByteArray temporary_; // empty when writing directly
     int fd_ = -1;
     int slot_ = -1;

@@ -2,6 +2,7 @@
 // an existing one is kept when asked, and every failure is told.
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -101,4 +102,16 @@ TEST(AtomicFile, AWritableFolderIsOneAFileCanBeMadeIn)
     EXPECT_TRUE(reason.startsWith(QStringLiteral("/proc/self is not writable: "))) << reason.toStdString();
     EXPECT_FALSE(korux::directoryIsWritable(directory.filePath(QStringLiteral("absent")), &reason));
     EXPECT_EQ(reason, QStringLiteral("%1 does not exist").arg(directory.filePath(QStringLiteral("absent"))));
+}
+
+TEST(AtomicFile, ALinkKeepsPointingAtTheNewContents)
+{
+    QTemporaryDir directory;
+    const QString target = directory.filePath(QStringLiteral("real.jsonl"));
+    const QString link = directory.filePath(QStringLiteral("link.jsonl"));
+    ASSERT_TRUE(korux::writeFileAtomically(target, "old", AtomicFile::Existing::Replace, nullptr));
+    ASSERT_TRUE(QFile::link(target, link));
+    ASSERT_TRUE(korux::writeFileAtomically(link, "new", AtomicFile::Existing::Replace, nullptr));
+    EXPECT_TRUE(QFileInfo(link).isSymLink());
+    EXPECT_EQ(contents(target), QByteArray("new"));
 }
