@@ -383,6 +383,15 @@ void VirtualBridge::saveFlashImages()
     locked.bridge.saveFlashImages();
 }
 
+std::string VirtualBridge::flashImageFailure() const
+{
+    Locked locked;
+    for (const auto& sensor : locked.bridge.sensors)
+        if (!sensor->flashImageFailure().empty())
+            return sensor->flashImageFailure();
+    return std::string();
+}
+
 bool VirtualBridge::fpgaConfigured(int sensor) const
 {
     Locked locked;
@@ -582,6 +591,18 @@ uint64_t VirtualBridge::callCount() const
 }
 
 } // namespace vbridge
+
+extern "C" int vbridge_flash_image_failure(char* error, unsigned long errorSize)
+{
+    const std::string reason = vbridge::VirtualBridge::instance().flashImageFailure();
+    if (reason.empty())
+        return 0;
+    if (error && errorSize) {
+        std::strncpy(error, reason.c_str(), errorSize - 1);
+        error[errorSize - 1] = '\0';
+    }
+    return 1;
+}
 
 extern "C" int vbridge_load_scenario(const char* path, char* error, unsigned long errorSize)
 {

@@ -250,6 +250,9 @@ public:
     // waits for it (saying who holds it), up to kFlashImageWaitSeconds.
     bool setFlashImage(int sensor, const std::string& path, std::string* error);
     void saveFlashImages();
+    // Why a flash image could not be saved and is behind its sensor's
+    // flash (the first such sensor); empty when every image is up to date.
+    std::string flashImageFailure() const;
 
     // FPGA.
     bool fpgaConfigured(int sensor) const;
@@ -325,3 +328,7 @@ public:
 // C entry point for hosts that load the virtual bridge at run time.
 // Returns 0 on success; otherwise writes the reason into error.
 extern "C" int vbridge_load_scenario(const char* path, char* error, unsigned long errorSize);
+
+// Returns 1 and writes the reason into error when a flash image could not be
+// saved (VirtualBridge::flashImageFailure), 0 when every image is up to date.
+extern "C" int vbridge_flash_image_failure(char* error, unsigned long errorSize);

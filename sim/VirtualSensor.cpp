@@ -185,8 +185,10 @@ void VirtualSensor::releaseFlashImage()
 bool VirtualSensor::saveFlashImage(std::string* error)
 {
     auto fail = [&](const std::string& reason, int code) {
+        flashImageFailure_
+            = "cannot write the flash image " + flashImage + ": " + reason + ": " + systemError(code);
         if (error)
-            *error = "cannot write the flash image " + flashImage + ": " + reason + ": " + systemError(code);
+            *error = flashImageFailure_;
         return false;
     };
     const std::string directory = directoryOf(flashImage);
@@ -229,6 +231,7 @@ bool VirtualSensor::saveFlashImage(std::string* error)
         close(directoryFd);
     }
     flash.dirty = false;
+    flashImageFailure_.clear();
     return true;
 }
 

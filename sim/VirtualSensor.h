@@ -63,6 +63,9 @@ public:
     // synced, then renamed over it, so that the image is always the old or
     // the new contents, whatever happens to the process or the machine.
     bool saveFlashImage(std::string* error);
+    // Why the last save failed, while the image is behind the flash; empty
+    // once a save succeeds.
+    const std::string& flashImageFailure() const { return flashImageFailure_; }
 
     Ft4222Chip chip;
     SensorLogic logic;
@@ -84,6 +87,7 @@ private:
     void releaseFlashImage();
 
     int flashImageLock_ = -1;
+    std::string flashImageFailure_;
     bool saveFailureTold_ = false;
 };
 

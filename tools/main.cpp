@@ -52,7 +52,7 @@ int usageError(Console& console, const QString& reason)
 // The way out of every command that got as far as running: an interrupted
 // one leaves its family stopped and says so, the transcript is put in place,
 // and a failed write turns a success into a failure.
-int finish(Session& session, Transcript& transcript, int result)
+int finish(Session& session, Transcript& transcript, int result, const BridgeInfo* bridge = nullptr)
 {
     if (stopRequested()) {
         const int signal = stopSignal();
@@ -63,6 +63,14 @@ int finish(Session& session, Transcript& transcript, int result)
                 QStringLiteral("interrupted"), { { QStringLiteral("signal"), signal } });
         session.console.error(QStringLiteral("korux: interrupted"));
         result = stopExitStatus(signal);
+    }
+    // The virtual sensor's flash is kept in a file: one that fell behind is
+    // a write error like any other.
+    const QString image = bridge ? flashImageFailure(*bridge) : QString();
+    if (!image.isEmpty()) {
+        session.console.error(QStringLiteral("korux: the virtual bridge: %1").arg(image));
+        if (result == kExitOk)
+            result = kExitFailure;
     }
     if (transcript.isOpen() && !transcript.close()) {
         session.console.error(QStringLiteral("korux: the transcript: %1").arg(transcript.errorString()));
@@ -168,7 +176,7 @@ int main(int argc, char** argv)
     host.setQuiet(options.quiet || options.json);
     const int loadResult = host.load(pluginPath);
     if (loadResult != kExitOk)
-        return finish(session, transcript, loadResult);
+        return finish(session, transcript, loadResult, &bridge);
     if (options.verbose) {
         console.out(
             QStringLiteral("bridge %1 (%2)").arg(bridge.file, bridge.virtualBridge ? "virtual" : "vendor"));
@@ -179,5 +187,5 @@ int main(int argc, char** argv)
 
     session.host = &host;
     const int result = runCommand(session, *command, line);
-    return finish(session, transcript, result);
+    return finish(session, transcript, result, &bridge);
 }

@@ -353,3 +353,23 @@ TEST_F(KoruxFiles, TwoProcessesCannotTakeTheSameName)
         << one.err << two.err;
     EXPECT_TRUE(wholePng(path(image)));
 }
+
+// The virtual sensor's flash image that cannot be saved (its folder made
+// immutable: no new file there, for root too) is a write error like any.
+TEST_F(KoruxFiles, AFlashImageThatCannotBeSavedIsAFailure)
+{
+    ASSERT_EQ(imageCounter(), 1234u);
+    const QString folder = directory_.path();
+    auto chattr = [&](const char* flag) {
+        return QProcess::execute(QStringLiteral("chattr"), { QString::fromLatin1(flag), folder }) == 0;
+    };
+    if (!chattr("+i"))
+        GTEST_SKIP() << "chattr +i is not possible here (not root, or not ext2/3/4)";
+    const KoruxRun run = koruxOn({ QStringLiteral("counter"), QStringLiteral("--increase") }, kImageScenario);
+    ASSERT_TRUE(chattr("-i"));
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_TRUE(run.err.contains(QStringLiteral(
+        "korux: the virtual bridge: cannot write the flash image %1: cannot create a temporary file in %2")
+                                     .arg(path(QStringLiteral("flash.bin")), folder)))
+        << run.err;
+}
