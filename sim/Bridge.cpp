@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <stdexcept>
 
 namespace vbridge {
@@ -175,16 +174,7 @@ void Bridge::record(TraceEntry&& entry)
 
 bool Bridge::saveFlashImage(VirtualSensor& sensor, std::string* error)
 {
-    std::ofstream file(sensor.flashImage, std::ios::binary | std::ios::trunc);
-    const auto& memory = sensor.flash.memory();
-    file.write(reinterpret_cast<const char*>(memory.data()), static_cast<std::streamsize>(memory.size()));
-    if (!file) {
-        if (error)
-            *error = "cannot write the flash image " + sensor.flashImage;
-        return false;
-    }
-    sensor.flash.dirty = false;
-    return true;
+    return sensor.saveFlashImage(error);
 }
 
 void Bridge::saveFlashImages()

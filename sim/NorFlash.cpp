@@ -213,6 +213,8 @@ void NorFlash::program(uint32_t address, const std::vector<uint8_t>& data)
         ++stats.zeroToOneAttempts;
     ++stats.pagePrograms;
     dirty = true;
+    if (onMemoryChanged)
+        onMemoryChanged();
     startBusy(timing.programUs);
     if (failing && onPowerCut)
         onPowerCut();
@@ -227,6 +229,8 @@ void NorFlash::eraseSector(uint32_t address)
     ++stats.sectorErases[sector];
     ++stats.sectorEraseCommands;
     dirty = true;
+    if (onMemoryChanged)
+        onMemoryChanged();
     startBusy(timing.eraseUs);
     if (failing && onPowerCut)
         onPowerCut();
@@ -265,6 +269,8 @@ void NorFlash::deselect()
                 ++count;
             ++stats.chipErases;
             dirty = true;
+            if (onMemoryChanged)
+                onMemoryChanged();
             startBusy(timing.chipEraseUs);
             return;
         }

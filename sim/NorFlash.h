@@ -33,6 +33,9 @@ public:
     FlashTiming timing;
     FlashStats stats;
     bool dirty = false;
+    // Called after a program or erase has changed the array (the image file
+    // that keeps it between runs follows at once).
+    std::function<void()> onMemoryChanged;
 
     // Power loss: called when the countdown of program/erase operations ends;
     // the operation is left half done.

@@ -32,6 +32,10 @@ constexpr uint32_t kDefaultFirstLocation = 0x1011; // as VirtualBridge::addSenso
 constexpr uint32_t kDefaultLocationStep = 0x10;
 constexpr size_t kCounterSlots = 4096;
 constexpr uint32_t kLargestFile = 0x3FFFFF;
+// A scenario describes a machine in a few kilobytes; the plug-in drives four
+// sensors, and every sensor holds 16 MiB of flash.
+constexpr qint64 kLargestScenario = 1024 * 1024;
+constexpr int kMostSensors = 16;
 
 QString kindOf(const QJsonValue& value)
 {
@@ -279,7 +283,6 @@ bool readFlash(Reader& r, const QString& baseDirectory, ScenarioSensor& sensor)
         if (!sensor.flashImage.empty()) {
             const QFileInfo image(QDir(baseDirectory).filePath(QString::fromStdString(sensor.flashImage)));
             sensor.flashImage = image.absoluteFilePath().toStdString();
-            sensor.flashImageExists = image.exists();
             if (image.exists() && (!image.isFile() || image.size() != NorFlash::kSize))
                 return f.fail(QStringLiteral("%1: the file %2 holds %3 bytes, not %4")
                                   .arg(f.path("image"), image.absoluteFilePath())
@@ -626,6 +629,11 @@ bool readScenario(const QJsonObject& root, const QString& baseDirectory, Scenari
     else if (r.has("driver"))
         return r.fail(QStringLiteral("%1 must be \"linux\" or \"windows\", not \"%2\"")
                           .arg(r.path("driver"), QString::fromStdString(driver)));
+    if (sensors.size() > kMostSensors)
+        return r.fail(
+            QStringLiteral("\"sensors\" lists %1 sensors; at most %2 are allowed (the plug-in uses four)")
+                .arg(sensors.size())
+                .arg(kMostSensors));
     for (int i = 0; i < sensors.size(); ++i) {
         ScenarioSensor sensor;
         if (!readSensor(sensors[i], i, baseDirectory, sensor, error))
@@ -687,6 +695,12 @@ bool load(
 {
     Scenario scenario;
     std::string reason;
+    if (static_cast<qint64>(text.size()) > kLargestScenario) {
+        if (error)
+            *error
+                = "scenario " + name + ": larger than 1 MiB; a scenario describes a machine in a few lines";
+        return false;
+    }
     if (!parseScenario(text, baseDirectory, &scenario, &reason)) {
         if (error)
             *error = "scenario " + name + ": " + reason;
@@ -699,20 +713,18 @@ bool load(
     control.reset();
     for (const ScenarioSensor& sensor : scenario.sensors) {
         const int index = control.addSensor(sensor.config);
-        // An existing image file holds the flash as the last run left it; a
-        // new one starts from the described contents.
-        if (sensor.flashImageExists) {
-            std::string imageError;
-            if (!control.setFlashImage(index, sensor.flashImage, &imageError))
-                std::fprintf(stderr, "virtual bridge: scenario %s: %s\n", name.c_str(), imageError.c_str());
-        } else {
-            if (sensor.eraseFlash)
-                control.eraseFlashContents(index);
-            for (const ScenarioFile& file : sensor.files)
-                control.setFlashContents(index, file.address, file.bytes);
-            std::string imageError;
-            if (!sensor.flashImage.empty() && !control.setFlashImage(index, sensor.flashImage, &imageError))
-                std::fprintf(stderr, "virtual bridge: scenario %s: %s\n", name.c_str(), imageError.c_str());
+        // The described contents, unless an image file holds the flash as
+        // the last run left it: whether it does is seen only once this
+        // process holds the file (another may be creating it right now).
+        if (sensor.eraseFlash)
+            control.eraseFlashContents(index);
+        for (const ScenarioFile& file : sensor.files)
+            control.setFlashContents(index, file.address, file.bytes);
+        std::string imageError;
+        if (!sensor.flashImage.empty() && !control.setFlashImage(index, sensor.flashImage, &imageError)) {
+            if (error)
+                *error = "scenario " + name + ": " + imageError;
+            return false;
         }
         if (sensor.hasTiming)
             control.setFlashTiming(index, sensor.timing);
@@ -765,7 +777,8 @@ bool VirtualBridge::loadScenario(const std::string& path, std::string* error)
         return false;
     }
     const std::string directory = QFileInfo(file).absolutePath().toStdString();
-    return load(file.readAll().toStdString(), path, directory, error);
+    // Read no further than the limit: the name may be a device without end.
+    return load(file.read(kLargestScenario + 1).toStdString(), path, directory, error);
 }
 
 } // namespace vbridge

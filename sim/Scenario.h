@@ -25,7 +25,6 @@ struct ScenarioSensor {
     bool eraseFlash = false;
     std::vector<ScenarioFile> files;
     std::string flashImage; // resolved path
-    bool flashImageExists = false;
     bool hasTiming = false;
     FlashTiming timing;
 };

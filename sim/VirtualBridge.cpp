@@ -369,31 +369,35 @@ void VirtualBridge::cutPowerAt(int sensor, int nthProgramOrErase)
 bool VirtualBridge::setFlashImage(int sensor, const std::string& path, std::string* error)
 {
     Locked locked;
-    VirtualSensor& s = locked.bridge.sensor(sensor);
-    std::ifstream file(path, std::ios::binary);
-    if (file) {
-        std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-        if (bytes.size() != NorFlash::kSize) {
+    Bridge& bridge = locked.bridge;
+    VirtualSensor& s = bridge.sensor(sensor);
+    for (const auto& other : bridge.sensors) {
+        if (other.get() != &s && !path.empty() && other->flashImage == path) {
             if (error)
-                *error = "the flash image " + path + " holds " + std::to_string(bytes.size()) + " bytes, not "
-                    + std::to_string(NorFlash::kSize);
+                *error = "the flash image " + path + " is the flash of sensor "
+                    + std::to_string(bridge.sensorIndexOf(*other)) + " already";
             return false;
         }
-        s.flash.memory() = std::move(bytes);
-        s.flashImage = path;
-        s.claims.setPath(path + kClaimSuffix);
-        s.flash.dirty = false;
-        return true;
     }
-    s.flashImage = path;
+    if (!s.attachFlashImage(path, error))
+        return false;
     s.claims.setPath(path + kClaimSuffix);
-    return locked.bridge.saveFlashImage(s, error);
+    return true;
 }
 
 void VirtualBridge::saveFlashImages()
 {
     Locked locked;
     locked.bridge.saveFlashImages();
+}
+
+std::string VirtualBridge::flashImageFailure() const
+{
+    Locked locked;
+    for (const auto& sensor : locked.bridge.sensors)
+        if (!sensor->flashImageFailure().empty())
+            return sensor->flashImageFailure();
+    return std::string();
 }
 
 bool VirtualBridge::fpgaConfigured(int sensor) const
@@ -595,6 +599,18 @@ uint64_t VirtualBridge::callCount() const
 }
 
 } // namespace vbridge
+
+extern "C" int vbridge_flash_image_failure(char* error, unsigned long errorSize)
+{
+    const std::string reason = vbridge::VirtualBridge::instance().flashImageFailure();
+    if (reason.empty())
+        return 0;
+    if (error && errorSize) {
+        std::strncpy(error, reason.c_str(), errorSize - 1);
+        error[errorSize - 1] = '\0';
+    }
+    return 1;
+}
 
 extern "C" int vbridge_load_scenario(const char* path, char* error, unsigned long errorSize)
 {

@@ -259,9 +259,16 @@ public:
     // sector is left partly written and the sensor unplugged.
     void cutPowerAt(int sensor, int nthProgramOrErase);
     // Keeps the flash contents in this file: loaded now if it exists, saved
-    // when the port closes and when the bridge is reset or unloaded.
+    // after every program or erase that reaches the chip, and when the port
+    // closes and the bridge is reset or unloaded. Each save replaces the file
+    // whole (temporary file, sync, rename). The file is this process's until
+    // the sensor goes: "<path>.lock" stays locked, and a second process
+    // waits for it (saying who holds it), up to kFlashImageWaitSeconds.
     bool setFlashImage(int sensor, const std::string& path, std::string* error);
     void saveFlashImages();
+    // Why a flash image could not be saved and is behind its sensor's
+    // flash (the first such sensor); empty when every image is up to date.
+    std::string flashImageFailure() const;
 
     // FPGA.
     bool fpgaConfigured(int sensor) const;
@@ -337,3 +344,7 @@ public:
 // C entry point for hosts that load the virtual bridge at run time.
 // Returns 0 on success; otherwise writes the reason into error.
 extern "C" int vbridge_load_scenario(const char* path, char* error, unsigned long errorSize);
+
+// Returns 1 and writes the reason into error when a flash image could not be
+// saved (VirtualBridge::flashImageFailure), 0 when every image is up to date.
+extern "C" int vbridge_flash_image_failure(char* error, unsigned long errorSize);

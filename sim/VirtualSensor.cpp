@@ -1,5 +1,17 @@
 #include "sim/VirtualSensor.h"
 
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
 namespace vbridge {
 
 uint64_t serialHash(const std::string& serial)
@@ -43,6 +55,185 @@ VirtualSensor::VirtualSensor(const SensorConfig& sensorConfig)
     gpio.onProgramPulse = [this] { logic.configurationReset(); };
     // Power lost in the middle of a program or erase.
     flash.onPowerCut = [this] { powerFailed = true; };
+    // What reaches the flash is kept at once: a process that is killed next
+    // must not lose a counter step the sensor has taken.
+    flash.onMemoryChanged = [this] {
+        if (flashImage.empty())
+            return;
+        std::string error;
+        if (saveFlashImage(&error)) {
+            saveFailureTold_ = false;
+        } else if (!saveFailureTold_) {
+            saveFailureTold_ = true;
+            std::fprintf(stderr, "virtual bridge: %s\n", error.c_str());
+        }
+    };
+}
+
+VirtualSensor::~VirtualSensor()
+{
+    releaseFlashImage();
+}
+
+namespace {
+
+std::string systemError(int error)
+{
+    return std::strerror(error);
+}
+
+std::string directoryOf(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// The process that holds a lock file, as it wrote itself there: "1234 korux".
+std::string lockHolder(int fd)
+{
+    char text[128] = {};
+    const ssize_t size = pread(fd, text, sizeof text - 1, 0);
+    std::string holder = size > 0 ? std::string(text, static_cast<size_t>(size)) : std::string();
+    while (!holder.empty() && (holder.back() == '\n' || holder.back() == ' '))
+        holder.pop_back();
+    if (holder.empty())
+        return "another process";
+    const size_t space = holder.find(' ');
+    if (space == std::string::npos)
+        return "process " + holder;
+    return "process " + holder.substr(0, space) + " (" + holder.substr(space + 1) + ")";
+}
+
+std::string processName()
+{
+    std::ifstream comm("/proc/self/comm");
+    std::string name;
+    std::getline(comm, name);
+    return name.empty() ? "unknown" : name;
+}
+
+} // namespace
+
+bool VirtualSensor::attachFlashImage(const std::string& path, std::string* error)
+{
+    auto fail = [&](const std::string& reason) {
+        if (error)
+            *error = reason;
+        return false;
+    };
+    releaseFlashImage();
+    // The image itself is replaced on every save, so the lock lives in a
+    // file of its own that is never replaced.
+    const std::string lockPath = path + ".lock";
+    const int fd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return fail("cannot open the lock file " + lockPath + ": " + systemError(errno));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kFlashImageWaitSeconds);
+    bool told = false;
+    while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            const int lockError = errno;
+            close(fd);
+            return fail("cannot lock " + lockPath + ": " + systemError(lockError));
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            const std::string holder = lockHolder(fd);
+            close(fd);
+            return fail("the flash image " + path + " is in use by " + holder + " (waited "
+                + std::to_string(kFlashImageWaitSeconds) + " s)");
+        }
+        if (!told) {
+            told = true;
+            std::fprintf(stderr, "virtual bridge: the flash image %s is in use by %s; waiting for it\n",
+                path.c_str(), lockHolder(fd).c_str());
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    const std::string holder = std::to_string(getpid()) + " " + processName() + "\n";
+    if (ftruncate(fd, 0) != 0 || pwrite(fd, holder.data(), holder.size(), 0) < 0) {
+        // Only the waiting message of another process would miss it.
+    }
+    flashImageLock_ = fd;
+
+    std::ifstream file(path, std::ios::binary);
+    if (file) {
+        std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        if (bytes.size() != NorFlash::kSize) {
+            releaseFlashImage();
+            return fail("the flash image " + path + " holds " + std::to_string(bytes.size()) + " bytes, not "
+                + std::to_string(NorFlash::kSize));
+        }
+        flash.memory() = std::move(bytes);
+        flashImage = path;
+        flash.dirty = false;
+        return true;
+    }
+    flashImage = path;
+    return saveFlashImage(error);
+}
+
+void VirtualSensor::releaseFlashImage()
+{
+    if (flashImageLock_ < 0)
+        return;
+    // Unlocked by the close.
+    close(flashImageLock_);
+    flashImageLock_ = -1;
+}
+
+bool VirtualSensor::saveFlashImage(std::string* error)
+{
+    auto fail = [&](const std::string& reason, int code) {
+        flashImageFailure_
+            = "cannot write the flash image " + flashImage + ": " + reason + ": " + systemError(code);
+        if (error)
+            *error = flashImageFailure_;
+        return false;
+    };
+    const std::string directory = directoryOf(flashImage);
+    const size_t slash = flashImage.rfind('/');
+    std::string temporary
+        = directory + "/." + flashImage.substr(slash == std::string::npos ? 0 : slash + 1) + ".tmp-XXXXXX";
+    const int fd = mkostemp(&temporary[0], O_CLOEXEC);
+    if (fd < 0)
+        return fail("cannot create a temporary file in " + directory, errno);
+    fchmod(fd, 0644);
+    const auto& memory = flash.memory();
+    const uint8_t* data = memory.data();
+    size_t left = memory.size();
+    while (left > 0) {
+        const ssize_t written = ::write(fd, data, left);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0) {
+            const int code = errno;
+            close(fd);
+            unlink(temporary.c_str());
+            return fail("writing", code);
+        }
+        data += written;
+        left -= static_cast<size_t>(written);
+    }
+    if (fsync(fd) != 0 || close(fd) != 0) {
+        const int code = errno;
+        unlink(temporary.c_str());
+        return fail("syncing", code);
+    }
+    if (rename(temporary.c_str(), flashImage.c_str()) != 0) {
+        const int code = errno;
+        unlink(temporary.c_str());
+        return fail("renaming", code);
+    }
+    const int directoryFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directoryFd >= 0) {
+        fsync(directoryFd);
+        close(directoryFd);
+    }
+    flash.dirty = false;
+    flashImageFailure_.clear();
+    return true;
 }
 
 void VirtualSensor::powerDown()

@@ -27,6 +27,7 @@ class VirtualSensor {
 public:
     // config must carry the serial and location already chosen.
     explicit VirtualSensor(const SensorConfig& config);
+    ~VirtualSensor();
 
     VirtualSensor(const VirtualSensor&) = delete;
     VirtualSensor& operator=(const VirtualSensor&) = delete;
@@ -53,6 +54,19 @@ public:
     // The interfaces' claims as other processes using that image see them.
     InterfaceClaims claims;
 
+    // Takes the image file for this process (its lock file "<image>.lock"
+    // stays locked until the sensor goes), waiting while another process
+    // holds it; then loads it when it exists (it must hold exactly the flash
+    // size), else writes the present contents into it.
+    bool attachFlashImage(const std::string& path, std::string* error);
+    // Writes the whole flash into the image: to a temporary file beside it,
+    // synced, then renamed over it, so that the image is always the old or
+    // the new contents, whatever happens to the process or the machine.
+    bool saveFlashImage(std::string* error);
+    // Why the last save failed, while the image is behind the flash; empty
+    // once a save succeeds.
+    const std::string& flashImageFailure() const { return flashImageFailure_; }
+
     Ft4222Chip chip;
     SensorLogic logic;
     VoltageConverter converter;
@@ -68,7 +82,17 @@ public:
         Ft4222Port port;
     };
     std::array<Interface, kPortCount> interfaces;
+
+private:
+    void releaseFlashImage();
+
+    int flashImageLock_ = -1;
+    std::string flashImageFailure_;
+    bool saveFailureTold_ = false;
 };
+
+// How long a sensor waits for the flash image another process holds.
+constexpr int kFlashImageWaitSeconds = 120;
 
 // A stable number derived from a serial (noise seed, default unique id).
 uint64_t serialHash(const std::string& serial);

@@ -85,6 +85,8 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
     // tells the two apart, whichever way the library was chosen.
     auto loadScenario = reinterpret_cast<LoadScenario>(dlsym(info->handle, kScenarioEntry));
     info->virtualBridge = loadScenario != nullptr;
+    info->flashImageFailure
+        = reinterpret_cast<int (*)(char*, unsigned long)>(dlsym(info->handle, "vbridge_flash_image_failure"));
     if (options.scenario.isEmpty())
         return kExitOk;
     if (!loadScenario) {
@@ -103,6 +105,14 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
         return kExitUsage;
     }
     return kExitOk;
+}
+
+QString flashImageFailure(const BridgeInfo& bridge)
+{
+    if (!bridge.flashImageFailure)
+        return QString();
+    char error[kErrorSize] = {};
+    return bridge.flashImageFailure(error, kErrorSize) != 0 ? QString::fromLocal8Bit(error) : QString();
 }
 
 } // namespace korux

@@ -14,7 +14,15 @@ struct BridgeInfo {
     void* handle = nullptr;
     QString file; // the file that answered, as the loader resolved it
     bool virtualBridge = false;
+    // The virtual bridge's account of a flash image it could not save;
+    // null for the vendor's library.
+    int (*flashImageFailure)(char* error, unsigned long errorSize) = nullptr;
 };
+
+// Why the virtual bridge's flash image is behind the sensor's flash (a save
+// failed: a full disk, a folder that cannot be written); empty when it is not,
+// or for the vendor's library.
+QString flashImageFailure(const BridgeInfo& bridge);
 
 // Loads the bridge the options name and, with --scenario, hands the scenario
 // to the virtual bridge. Returns kExitOk or the exit status to stop with,

@@ -4,6 +4,7 @@
 #include <QJsonObject>
 
 #include "tools/ExitCodes.h"
+#include "tools/ShotOutput.h"
 #include "tools/Transcript.h"
 
 namespace korux {
@@ -35,12 +36,92 @@ options:
   --color auto|always|never     render the log lines' style tags as colours (auto: on a
                                 terminal, unless NO_COLOR is set)
   --time-scale X                stretch every framework sleep by X (0: no waits)
-  -v, --verbose                 also print the detailed log and unit status changes
-  -h, --help                    print this help
+  -v, --verbose                 also print the plug-in's log (both channels), every report
+                                and the unit status changes
+  -q, --quiet                   print only results (reports, files written) and errors
+  --json                        print the results as JSON documents, one a line, and nothing
+                                else (a report with its unit and board serial, a file
+                                written, a unit listed, a parameter set)
+  -h, --help                    print this help (korux COMMAND --help: that command's options)
+  --version                     print korux's version and the plug-in it would load
 
-exit status: 0 success, 1 failure, 2 bad command line, scenario or script,
-             3 no sensor (or no unit with the serial), 4 no bridge library,
-             5 the family refused the command, 6 time-out waiting for the sensor)";
+korux help COMMAND describes one command and its options; korux help exit-codes lists
+the exit statuses.)";
+
+constexpr char kExitCodes[] = R"(exit statuses of korux:
+  0    success: the command reached its expected final status, nothing failed
+  1    failure: statusError, a failure the plug-in logged, a report or image that did not
+       come, a file not written whole (a full disk, a closed pipe), a flash file not
+       copied, an irreversible write not confirmed
+  2    bad command line, script line, scenario, value out of range, or an output folder
+       that cannot be written
+  3    no sensor found, or no unit with the serial given
+  4    no bridge library could be loaded
+  5    the family refused the command in its status
+  6    time-out: no image within acquire --timeout; the family is stopped
+  130  interrupted by SIGINT (Ctrl-C): the family is stopped, temporary files removed
+  141  standard output was closed (korux ... | head): the output ended quietly, the
+       command went on and its files are written
+  143  terminated by SIGTERM, as for SIGINT)";
+
+// What korux help COMMAND adds to a command's synopsis: its options, their
+// defaults and limits.
+struct CommandDetails {
+    const char* name;
+    const char* text;
+};
+
+constexpr CommandDetails kDetails[] = {
+    { "acquire", R"(  --out DIR       the folder for the files (default: the current folder; created when
+                  missing); it must be writable before the sensor is armed
+  --count N       N shots in a row (default 1)
+  --timeout S     seconds to wait for each exposure, 1 to 86400 (default 60)
+  --oscilloscope  arm with the oscilloscope on (the Oscilloscope parameter)
+  --overwrite     replace files of the same name; without it an existing file is kept
+                  and the shot is reported as not written
+  --dicom         also write the DICOM intra-oral image, For Processing (.dcm)
+  --dicom-presentation
+                  and the For Presentation one with its window (-presentation.dcm);
+                  implies --dicom
+  --patient-name NAME, --patient-id ID, --study TEXT
+                  the DICOM files' patient and study (default: an anonymous patient,
+                  no study description); 64 characters at most, no backslash
+files: <board serial>-<shot counter after the shot>.png, -black.png, .txt,
+-preview.png (8 bits, windowed as film), -oscilloscope.png (with --oscilloscope),
+and with --dicom .dcm and -presentation.dcm)" },
+    { "dicom", R"(  SHOT.png        a shot acquire wrote; its description SHOT.txt must be beside it
+  --presentation  also write the For Presentation file, SHOT-presentation.dcm
+  --patient-name NAME, --patient-id ID, --study TEXT
+                  the patient and study (default: an anonymous patient, no study
+                  description); 64 characters at most, no backslash
+  --overwrite     replace SHOT.dcm; without it an existing file is kept and nothing
+                  is written
+needs no sensor: the plug-in is not loaded)" },
+    { "counter", R"(  --increase  add one to the counter (command 1009) before reading it
+  --set N     write N (0 to 4294967294; the counter can never be set lower again);
+              needs --serial with several sensors, and a confirmation on the
+              terminal or --yes)" },
+    { "format-flash",
+        R"(  needs --serial with several sensors, and a confirmation on the terminal or --yes)" },
+    { "flash-files", R"(  --all        also the production files PRD and ASS
+  --overwrite  replace copies already in the family directory (commands 1005, 1006)
+the family directory (--dir) must be writable; afterwards every copy is checked
+against the size its flash header gives)" },
+    { "flash-page", R"(  ADDRESS  0 to 0xFFFF00, decimal or 0x...)" },
+    { "set", R"(  --string  store VALUE as text
+  --force   send a value outside the range the plug-in reads
+known keys: PhdTreshold 0 to 4095, ACEValue and ACEValueInside 1 to 1864135, ACECoeff
+and ACECoeffCSI 1 to 9, FlashAddress 0 to 0xFFFF00, Oscilloscope true or false
+takes effect only in a script (korux run) or korux shell)" },
+    { "arm", R"(  takes effect only in a script (korux run) or korux shell)" },
+    { "stop", R"(  takes effect only in a script (korux run) or korux shell)" },
+    { "abort", R"(  takes effect only in a script (korux run) or korux shell)" },
+    { "goto", R"(  COMMAND  a hardwareStatus value the framework names, by number (1010) or name
+           (statusNoOpBegin, NoOpBegin, commandFamilyReport))" },
+    { "run", R"(  --keep-going  run the lines after a failing one too; the exit status is the first failure
+  SCRIPT        a file, or - for standard input; every line is checked before the first runs)" },
+    { "shell", R"(  exit, quit or the end of input leave; Ctrl-C stops the command running, not the shell)" },
+};
 
 QStringList words(const char* list)
 {
@@ -67,16 +148,18 @@ const std::vector<Command>& commandTable()
         { "abort", "", "abort an armed family (command 6) and wait for the units to stop", 0, 0, "", "", true,
             false, runAbort },
         { "acquire",
-            "[--out DIR] [--count N] [--oscilloscope] [--timeout S] [--dicom] [--dicom-presentation] "
-            "[--patient-name N] [--patient-id I] [--study S]",
+            "[--out DIR] [--count N] [--oscilloscope] [--timeout S] [--overwrite] [--dicom] "
+            "[--dicom-presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT]",
             "arm, follow the exposure and write image, black image, description, preview, oscilloscope plot "
             "(and DICOM)",
-            0, 0, "--oscilloscope --dicom --dicom-presentation",
+            0, 0, "--oscilloscope --overwrite --dicom --dicom-presentation",
             "--out --count --timeout --patient-name --patient-id --study", true, false, runAcquire },
-        { "dicom", "[--presentation] [--patient-name N] [--patient-id I] [--study S] [--overwrite] SHOT.png",
+        { "dicom",
+            "[--presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT] [--overwrite] SHOT.png",
             "write SHOT.dcm, the DICOM intra-oral image of a saved shot (SHOT.png and SHOT.txt)", 1, 1,
             "--presentation --overwrite", "--patient-name --patient-id --study", false, false, runDicom },
-        { "params", "", "* parameter report of each unit (command 1000)", 0, 0, "", "", true, true, runParams },
+        { "params", "", "* parameter report of each unit (command 1000)", 0, 0, "", "", true, true,
+            runParams },
         { "voltages", "", "* voltage report of each unit (command 1001)", 0, 0, "", "", true, true,
             runVoltages },
         { "serial", "", "read each unit's serial number from its flash (command 1002)", 0, 0, "", "", true,
@@ -84,24 +167,29 @@ const std::vector<Command>& commandTable()
         { "flash-files", "[--all] [--overwrite]",
             "* copy the files of the sensor flash to the family directory (commands 1003 to 1006)", 0, 0,
             "--all --overwrite", "", true, true, runFlashFiles },
-        { "counter", "[--increase | --set N]",
-            "* read the shot counter (1007), add one (1009) or set it, then read it", 0, 0, "--increase",
-            "--set", true, true, runCounter },
-        { "format-flash", "", "* the flash format command (2000): a chip erase, sent only when write enable fails", 0, 0, "", "", true, true,
-            runFormatFlash },
+        { "counter", "[--increase | --set N [--yes]]",
+            "* read the shot counter (1007), add one (1009) or set it, then read it", 0, 0,
+            "--increase --yes", "--set", true, true, runCounter },
+        { "format-flash", "[--yes]",
+            "* the flash format command (2000): a chip erase, sent only when write enable fails", 0, 0,
+            "--yes", "", true, true, runFormatFlash },
         { "flash-page", "ADDRESS", "* print the flash page at ADDRESS (command 3001 with FlashAddress)", 1, 1,
             "", "", true, true, runFlashPage },
         { "report", "", "the family report: every family parameter (command 1010)", 0, 0, "", "", true, false,
             runReport },
-        { "set", "[--string] KEY VALUE", "set a family parameter, typed as its default is", 2, 2, "--string",
-            "", true, false, runSet },
+        { "set", "[--string] [--force] KEY VALUE",
+            "set a family parameter, typed and ranged as the plug-in reads it", 2, 2, "--string --force", "",
+            true, false, runSet },
         { "goto", "COMMAND", "* send any hardwareStatus value as a command, by number or name", 1, 1, "", "",
             true, true, runGoto },
-        { "run", "[--keep-going] SCRIPT", "run the commands of SCRIPT, one a line, with one family", 1, 1, "--keep-going", "",
-            true, false, runScript },
+        { "run", "[--keep-going] SCRIPT|-",
+            "run the commands of SCRIPT (- : standard input), one a line, with one family", 1, 1,
+            "--keep-going", "", true, false, runScript },
+        { "shell", "", "read commands at a prompt and run them with one family, until exit or end of input",
+            0, 0, "", "", true, false, runShell },
         { "doctor", "[--sysfs-root DIR] [--dev-root DIR] [--rules-dirs DIR:...]",
-            "check bridge library, USB devices, their access, kernel drivers, udev rule and sensors", 0, 0, "",
-            "--sysfs-root --dev-root --rules-dirs", false, false, runDoctor },
+            "check bridge library, USB devices, their access, kernel drivers, udev rule and sensors", 0, 0,
+            "", "--sysfs-root --dev-root --rules-dirs", false, false, runDoctor },
         { "help", "[COMMAND]", "print this help, or the synopsis of one command", 0, 1, "", "", false, false,
             runHelp },
     };
@@ -129,8 +217,8 @@ QString usageText()
     return text + QString::fromLatin1(kUsageTail);
 }
 
-bool parseCommandLine(
-    const Command& command, const QStringList& arguments, const QString& serial, CommandLine* line, QString* error)
+bool parseCommandLine(const Command& command, const QStringList& arguments, const QString& serial,
+    CommandLine* line, QString* error)
 {
     if (!serial.isEmpty() && !command.forOneUnit) {
         *error = QStringLiteral("%1 acts on the whole family; --serial does not apply").arg(command.name);
@@ -166,15 +254,51 @@ bool parseCommandLine(
     }
     const int count = line->positional.size();
     if (count < command.minimumArguments || count > command.maximumArguments) {
-        *error = QStringLiteral("wrong arguments for %1: korux %1 %2").arg(command.name, command.arguments).trimmed();
+        *error = QStringLiteral("wrong arguments for %1: korux %1 %2")
+                     .arg(command.name, command.arguments)
+                     .trimmed();
         return false;
     }
+    return true;
+}
+
+bool checkArguments(const Command& command, const CommandLine& line, QString* error)
+{
+    if (command.run == runAcquire)
+        return checkAcquire(line, error);
+    if (command.run == runDicom)
+        return checkDicom(line, error);
+    if (command.run == runCounter)
+        return checkCounter(line, error);
+    if (command.run == runFlashPage)
+        return checkFlashPage(line, error);
+    if (command.run == runGoto)
+        return checkGoto(line, error);
+    if (command.run == runSet)
+        return checkSet(line, error);
     return true;
 }
 
 int runCommand(Session& session, const Command& command, const CommandLine& line)
 {
     session.serial = line.serial;
+    session.command = QString::fromLatin1(command.name);
+    if (session.host) {
+        // The reports that are these commands' results, by a member only they
+        // have; anything else the plug-in reports on the way is a by-product.
+        static const QMap<QString, QString> results {
+            { QStringLiteral("params"), QStringLiteral("HardwareSerial") },
+            { QStringLiteral("voltages"), QStringLiteral("FPGA High") },
+            { QStringLiteral("serial"), QStringLiteral("serialNumber") },
+            { QStringLiteral("counter"), QStringLiteral("ShootCounter") },
+            { QStringLiteral("flash-page"), QStringLiteral("flashPage") },
+            { QStringLiteral("report"), QStringLiteral("PhdTreshold") }, { QStringLiteral("goto"), QString() }
+        };
+        const auto result = results.constFind(session.command);
+        session.host->setShownReports(
+            result != results.constEnd(), result != results.constEnd() ? *result : QString());
+        session.host->resetPrintedStatus();
+    }
     if (session.transcript) {
         QJsonObject fields { { QStringLiteral("command"), QString::fromLatin1(command.name) },
             { QStringLiteral("arguments"), QJsonArray::fromStringList(line.words) } };
@@ -183,6 +307,9 @@ int runCommand(Session& session, const Command& command, const CommandLine& line
         if (session.scriptLine > 0)
             fields.insert(QStringLiteral("line"), session.scriptLine);
         session.transcript->record(QStringLiteral("command"), fields);
+        // Nothing runs that the transcript could not record.
+        if (session.transcript->failed())
+            return kExitFailure;
     }
     const int result = command.run(session, line);
     if (session.transcript)
@@ -198,17 +325,32 @@ int runHelp(Session& session, const CommandLine& line)
         session.console.out(usageText());
         return kExitOk;
     }
+    if (line.positional.first() == QLatin1String("exit-codes")) {
+        session.console.out(QString::fromLatin1(kExitCodes));
+        return kExitOk;
+    }
     const Command* command = findCommand(line.positional.first());
     if (!command) {
-        session.console.error(
-            QStringLiteral("korux: unknown command \"%1\"").arg(line.positional.first()));
+        session.console.error(QStringLiteral("korux: unknown command \"%1\"").arg(line.positional.first()));
         session.console.error(usageText());
         return kExitUsage;
     }
     session.console.out(
         QStringLiteral("korux [options] %1 %2").arg(command->name, command->arguments).trimmed());
     session.console.out(QStringLiteral("  %1").arg(command->summary));
+    session.console.out(commandDetails(*command));
     return kExitOk;
+}
+
+QString commandDetails(const Command& command)
+{
+    for (const CommandDetails& details : kDetails)
+        if (QLatin1String(details.name) == QLatin1String(command.name))
+            return QString::fromLatin1(details.text);
+    const QStringList options = words(command.flags) + words(command.valueOptions);
+    if (options.isEmpty())
+        return QStringLiteral("  no options of its own");
+    return QStringLiteral("  options: %1").arg(options.join(QStringLiteral(", ")));
 }
 
 } // namespace korux

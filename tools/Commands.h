@@ -31,6 +31,8 @@ struct Session {
     int shots = 0;
     // The script line being run (from 1), 0 outside a script.
     int scriptLine = 0;
+    // The command being run, for korux's messages.
+    QString command = QString();
 };
 
 // A command's own words after korux's options are taken out, checked and
@@ -63,6 +65,8 @@ struct Command {
 };
 
 const std::vector<Command>& commandTable();
+// The options of one command with their defaults and limits.
+QString commandDetails(const Command& command);
 const Command* findCommand(const QString& name);
 QString usageText();
 
@@ -71,6 +75,16 @@ QString usageText();
 // with the reason in error.
 bool parseCommandLine(
     const Command& command, const QStringList& words, const QString& serial, CommandLine* line, QString* error);
+
+// Checks the values a command was given (ranges, numbers, names) before
+// anything runs: korux's own line before the plug-in loads, every script line
+// before the first runs. False with the reason in error.
+bool checkArguments(const Command& command, const CommandLine& line, QString* error);
+bool checkAcquire(const CommandLine& line, QString* error);
+bool checkCounter(const CommandLine& line, QString* error);
+bool checkFlashPage(const CommandLine& line, QString* error);
+bool checkGoto(const CommandLine& line, QString* error);
+bool checkSet(const CommandLine& line, QString* error);
 
 // Runs a command on its checked line, in the transcript too.
 int runCommand(Session& session, const Command& command, const CommandLine& line);
@@ -98,5 +112,10 @@ int runAcquire(Session& session, const CommandLine& line);
 int runDicom(Session& session, const CommandLine& line);
 int runScript(Session& session, const CommandLine& line);
 int runDoctor(Session& session, const CommandLine& line);
+int runShell(Session& session, const CommandLine& line);
+
+// Splits a script line into words as a POSIX shell does (quotes, escapes,
+// comments); false with the reason in error.
+bool splitShellWords(const QString& text, QStringList* words, QString* error);
 
 } // namespace korux

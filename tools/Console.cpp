@@ -1,9 +1,12 @@
 #include "tools/Console.h"
 
 #include <QByteArray>
+#include <QJsonDocument>
 #include <QStringList>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace korux {
 
@@ -35,18 +38,24 @@ QString sgrFor(const QString& word)
 
 constexpr int kLongestTag = 32;
 
-void write(FILE* stream, const QString& text)
+// errno of a failed write, 0 when every byte went out.
+int writeAll(FILE* stream, const QString& text)
 {
     const QByteArray bytes = text.toUtf8() + '\n';
-    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
-    std::fflush(stream);
+    errno = 0;
+    const size_t written = std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
+    if (std::fflush(stream) == 0 && written == static_cast<size_t>(bytes.size()))
+        return 0;
+    const int error = errno != 0 ? errno : EIO;
+    std::clearerr(stream);
+    return error;
 }
 
 } // namespace
 
 QString styleLogText(const QString& text, bool colour)
 {
-    if (!colour || !text.startsWith('['))
+    if (!text.startsWith('['))
         return text;
     const int close = text.indexOf(']');
     if (close < 2 || close > kLongestTag)
@@ -58,22 +67,67 @@ QString styleLogText(const QString& text, bool colour)
             return text;
         codes << code;
     }
+    if (!colour)
+        return text.mid(close + 1);
     return QStringLiteral("\033[%1m%2\033[0m").arg(codes.join(';'), text.mid(close + 1));
+}
+
+void Console::write(const QString& text)
+{
+    if (outputError_ != 0)
+        return;
+    endProgress();
+    outputError_ = writeAll(stdout, text);
+    // A reader that went away (korux ... | head) is no error to tell: the
+    // output ends there, the work goes on.
+    if (outputError_ != 0 && outputError_ != EPIPE)
+        error(QStringLiteral("korux: cannot write to standard output: %1")
+                  .arg(QString::fromLocal8Bit(std::strerror(outputError_))));
 }
 
 void Console::out(const QString& text)
 {
-    write(stdout, text);
+    if (!json_)
+        write(text);
+}
+
+void Console::json(const QJsonObject& document)
+{
+    if (json_)
+        write(QString::fromUtf8(QJsonDocument(document).toJson(QJsonDocument::Compact)));
+}
+
+void Console::progress(const QString& text)
+{
+    if (!terminal_ || json_ || outputError_ != 0)
+        return;
+    const QByteArray bytes = "\r" + text.toUtf8() + "\033[K";
+    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stdout);
+    std::fflush(stdout);
+    progressShown_ = true;
+}
+
+void Console::endProgress()
+{
+    if (!progressShown_)
+        return;
+    progressShown_ = false;
+    std::fputs("\n", stdout);
 }
 
 void Console::log(const QString& text)
 {
-    write(stdout, styleLogText(text, colour_));
+    if (!json_)
+        write(styleLogText(text, colour_));
 }
 
 void Console::error(const QString& text)
 {
-    write(stderr, text);
+    if (progressShown_) {
+        progressShown_ = false;
+        writeAll(stdout, QString());
+    }
+    writeAll(stderr, text);
 }
 
 } // namespace korux

@@ -48,6 +48,10 @@ struct DicomShot {
     DicomSeries series;
 };
 
+// The longest patient name, patient ID or study description kept (a DICOM
+// person name group or long string).
+constexpr int kDicomLongValue = 64;
+
 extern const char* const kDicomManufacturer;
 extern const char* const kDicomAnonymousName;
 extern const char* const kDicomAnonymousId;

@@ -1,17 +1,26 @@
 // The commands that map onto one host command each: the acquisition cycle
 // (1, 6, 11, 13, 18, 20) and the service commands (1000 to 3001).
 #include <QDir>
+#include <QJsonObject>
+#include <QJsonValue>
 #include <QLibrary>
 #include <QRegularExpression>
 
+#include <csignal>
+#include <cstdio>
 #include <limits>
+#include <unistd.h>
 
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/Interrupt.h"
 
 namespace korux {
 
 namespace {
+
+// The last page of the 16 MiB flash: the address has 24 bits.
+constexpr qlonglong kLastFlashPage = 0xFFFF00;
 
 // Time given to queued calls and deferred deletions after a command.
 constexpr int kSettleMs = 50;
@@ -21,15 +30,6 @@ constexpr int kStopTimeoutMs = 5000;
 QString orDash(const QString& text)
 {
     return text.isEmpty() ? QStringLiteral("-") : text;
-}
-
-// The unit operations a --serial command goes to, or every unit.
-QVector<QVeltraHardwareUnit*> targetUnits(Session& session)
-{
-    if (session.serial.isEmpty())
-        return session.host->family()->hardwareUnitVector();
-    QVeltraHardwareUnit* unit = findUnit(session, session.serial);
-    return unit ? QVector<QVeltraHardwareUnit*> { unit } : QVector<QVeltraHardwareUnit*> {};
 }
 
 int noUnitWithSerial(Session& session)
@@ -43,6 +43,14 @@ int serviceCommand(Session& session, hardwareStatus command, bool reports)
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
+    // A report names its unit by the board serial, which comes from flash.
+    bool serialsKnown = true;
+    for (const QVeltraHardwareUnit* unit : session.host->family()->hardwareUnitVector())
+        serialsKnown = serialsKnown && !unit->boardSerial().isEmpty();
+    if (!serialsKnown && command != commandReadSerialNumber) {
+        QuietOutput quiet(*session.host);
+        sendFamilyCommand(session, commandReadSerialNumber);
+    }
     return serviceExit(session, sendUnitCommand(session, command), reports);
 }
 
@@ -51,6 +59,7 @@ int serviceCommand(Session& session, hardwareStatus command, bool reports)
 // both (as the unit search of a --serial command does anyway).
 void openFlashPorts(Session& session)
 {
+    QuietOutput quiet(*session.host);
     if (session.serial.isEmpty())
         sendFamilyCommand(session, commandReadSerialNumber);
 }
@@ -73,6 +82,8 @@ int stopCommand(Session& session, hardwareStatus command, hardwareStatus finalSt
     if (outcome.rejected)
         return cycleExit(session, outcome, {});
     if (!waitForUnitsToStop(session, kStopTimeoutMs)) {
+        if (stopRequested())
+            return interruptedExit();
         session.console.error(QStringLiteral("korux: the units did not stop within %1 s").arg(kStopTimeoutMs / 1000));
         return kExitTimeout;
     }
@@ -85,7 +96,12 @@ bool parseStatus(const QString& text, hardwareStatus* status)
 {
     bool ok = false;
     const qlonglong number = parseNumber(text, &ok);
-    if (ok && number >= 0 && number <= std::numeric_limits<int>::max()) {
+    if (ok) {
+        // Only the values the framework names: any other number is a typo.
+        if (number < 0 || number > 3001
+            || QVeltraHardwareUnit::hardwareStatusToString(hardwareStatus(number))
+                   .startsWith(QLatin1String("hardwareStatus(")))
+            return false;
         *status = hardwareStatus(number);
         return true;
     }
@@ -160,11 +176,11 @@ bool typedValue(const QVariant& current, const QString& text, bool forceString, 
     return true;
 }
 
-int reportedFailure(Session& session)
+// One line: what failed, and the first failure the plug-in logged for it.
+int reportedFailure(Session& session, const Outcome& outcome)
 {
-    session.console.error(session.options.verbose
-            ? QStringLiteral("korux: the plug-in reported a failure")
-            : QStringLiteral("korux: the plug-in reported a failure (-v shows its detailed log)"));
+    session.console.error(
+        QStringLiteral("korux: %1 failed: %2").arg(session.command, failureCause(session, outcome)));
     return kExitFailure;
 }
 
@@ -233,6 +249,7 @@ Outcome send(Session& session, hardwareStatus command, bool toUnit)
     Outcome outcome;
     outcome.rejected = seen.rejected > 0;
     outcome.failureLines = seen.failureLines;
+    outcome.failureTexts = seen.failureTexts;
     outcome.reports = seen.reports;
     outcome.status = host.family()->status();
     return outcome;
@@ -259,10 +276,32 @@ int cycleExit(Session& session, const Outcome& outcome, std::initializer_list<ha
     }
     for (hardwareStatus status : expected)
         if (outcome.status == status)
-            return outcome.failureLines > 0 ? reportedFailure(session) : kExitOk;
-    if (outcome.status == statusNoSensor)
+            return outcome.failureLines > 0 ? reportedFailure(session, outcome) : kExitOk;
+    if (outcome.status == statusNoSensor) {
+        session.console.error(QStringLiteral("korux: %1: no sensor found").arg(session.command));
         return kExitNoSensor;
+    }
+    QString line = QStringLiteral("korux: %1 failed: the family ended in %2")
+                       .arg(session.command, statusText(outcome.status));
+    if (expected.size() > 0)
+        line += QStringLiteral(", not %1").arg(statusText(*expected.begin()));
+    if (outcome.failureLines > 0)
+        line += QStringLiteral(": ") + failureCause(session, outcome);
+    session.console.error(line);
     return kExitFailure;
+}
+
+QString failureCause(Session& session, const Outcome& outcome)
+{
+    if (outcome.failureTexts.isEmpty())
+        return QStringLiteral("the plug-in logged a failure");
+    QString cause = outcome.failureTexts.first();
+    const int more = outcome.failureTexts.size() - 1;
+    if (more > 0)
+        cause += QStringLiteral(" (and %1 more failure line%2)").arg(more).arg(more == 1 ? "" : "s");
+    if (!session.options.verbose)
+        cause += QStringLiteral("; -v shows the plug-in's log");
+    return cause;
 }
 
 int serviceExit(Session& session, const Outcome& outcome, bool reports)
@@ -276,7 +315,7 @@ int serviceExit(Session& session, const Outcome& outcome, bool reports)
             return noUnitWithSerial(session);
     }
     if (outcome.failureLines > 0)
-        return reportedFailure(session);
+        return reportedFailure(session, outcome);
     const int wanted = session.serial.isEmpty() ? units.size() : 1;
     if (reports && outcome.reports.size() < wanted) {
         session.console.error(
@@ -284,6 +323,14 @@ int serviceExit(Session& session, const Outcome& outcome, bool reports)
         return kExitFailure;
     }
     return kExitOk;
+}
+
+QVector<QVeltraHardwareUnit*> targetUnits(Session& session)
+{
+    if (session.serial.isEmpty())
+        return session.host->family()->hardwareUnitVector();
+    QVeltraHardwareUnit* unit = findUnit(session, session.serial);
+    return unit ? QVector<QVeltraHardwareUnit*> { unit } : QVector<QVeltraHardwareUnit*> {};
 }
 
 QVeltraHardwareUnit* findUnit(Session& session, const QString& serial)
@@ -296,11 +343,12 @@ QVeltraHardwareUnit* findUnit(Session& session, const QString& serial)
     };
     if (QVeltraHardwareUnit* unit = search())
         return unit;
+    QuietOutput quiet(*session.host);
     sendFamilyCommand(session, commandReadSerialNumber);
     return search();
 }
 
-bool waitForUnitsToStop(Session& session, int timeoutMs)
+bool waitForUnitsToStop(Session& session, int timeoutMs, bool interruptible)
 {
     // A stopped unit runs a short dummy integration and ends its polling in
     // statusStopping, or in statusStopped when the sensor was already off.
@@ -314,7 +362,37 @@ bool waitForUnitsToStop(Session& session, int timeoutMs)
             }
             return true;
         },
-        timeoutMs);
+        timeoutMs, interruptible);
+}
+
+void stopArmedFamily(Session& session)
+{
+    if (!session.familyInitialized || !session.host->family())
+        return;
+    bool busy = false;
+    for (const QVeltraHardwareUnit* unit : session.host->family()->hardwareUnitVector()) {
+        switch (unit->status()) {
+        case statusArming:
+        case statusArmed:
+        case statusIntegrating:
+        case statusIntegrated:
+        case statusAcquiring:
+            busy = true;
+            break;
+        default:
+            break;
+        }
+    }
+    if (!busy && session.host->family()->status() != statusArmed)
+        return;
+    session.console.error(QStringLiteral("korux: stopping the family"));
+    sendFamilyCommand(session, statusStopping);
+    waitForUnitsToStop(session, kStopTimeoutMs, false);
+}
+
+int interruptedExit()
+{
+    return stopExitStatus(stopSignal());
 }
 
 QString statusText(hardwareStatus status)
@@ -328,6 +406,11 @@ int runList(Session& session, const CommandLine&)
     if (ready != kExitOk)
         return ready;
     QVeltraHardwareFamily* family = session.host->family();
+    if (!family->hardwareUnitVector().isEmpty()) {
+        // Which sensor is which: the board serial is in each one's flash.
+        QuietOutput quiet(*session.host);
+        sendFamilyCommand(session, commandReadSerialNumber);
+    }
     const QVector<QVeltraHardwareUnit*>& units = family->hardwareUnitVector();
     for (int i = 0; i < units.size(); ++i) {
         const QVeltraHardwareUnit* unit = units.at(i);
@@ -335,6 +418,11 @@ int runList(Session& session, const CommandLine&)
                                 .arg(i)
                                 .arg(orDash(unit->model()), orDash(unit->serial()),
                                     orDash(unit->boardSerial()), statusText(unit->status())));
+        session.console.json({ { QStringLiteral("unit"), i }, { QStringLiteral("model"), unit->model() },
+            { QStringLiteral("serial"), unit->serial() },
+            { QStringLiteral("boardSerial"), unit->boardSerial() },
+            { QStringLiteral("status"), int(unit->status()) },
+            { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(unit->status()) } });
     }
     const QString name = family->codeName().isEmpty() ? family->sensorFamily() : family->codeName();
     session.console.out(QStringLiteral("family %1: %2 unit%3, status %4")
@@ -342,12 +430,19 @@ int runList(Session& session, const CommandLine&)
                             .arg(units.size())
                             .arg(units.size() == 1 ? QString() : QStringLiteral("s"))
                             .arg(statusText(family->status())));
+    session.console.json({ { QStringLiteral("family"), name }, { QStringLiteral("units"), units.size() },
+        { QStringLiteral("status"), int(family->status()) },
+        { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(family->status()) } });
     switch (family->status()) {
     case statusSensorFound:
         return kExitOk;
     case statusNoSensor:
+        session.console.error(QStringLiteral("korux: no sensor found"));
         return kExitNoSensor;
     default:
+        session.console.error(
+            QStringLiteral("korux: list: the enumeration ended in %1, not statusSensorFound (4)")
+                .arg(statusText(family->status())));
         return kExitFailure;
     }
 }
@@ -398,13 +493,24 @@ int runAbort(Session& session, const CommandLine&)
     return stopCommand(session, statusAborted, statusAborted);
 }
 
-int runGoto(Session& session, const CommandLine& line)
+bool checkGoto(const CommandLine& line, QString* error)
 {
     hardwareStatus command = statusUnknown;
-    if (!parseStatus(line.positional.first(), &command)) {
-        session.console.error(QStringLiteral("korux: \"%1\" is no hardwareStatus").arg(line.positional.first()));
+    if (parseStatus(line.positional.first(), &command))
+        return true;
+    *error = QStringLiteral("\"%1\" is no hardwareStatus the framework knows").arg(line.positional.first());
+    return false;
+}
+
+int runGoto(Session& session, const CommandLine& line)
+{
+    QString error;
+    if (!checkGoto(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
+    hardwareStatus command = statusUnknown;
+    parseStatus(line.positional.first(), &command);
     const int ready = ensureFamily(session);
     if (ready != kExitOk)
         return ready;
@@ -429,28 +535,13 @@ int runSerial(Session& session, const CommandLine&)
     return serviceCommand(session, commandReadSerialNumber, true);
 }
 
-int runFlashFiles(Session& session, const CommandLine& line)
-{
-    // 1003: the four files, 1004: with the production files, 1005 and 1006:
-    // the same, replacing the copies already on disk.
-    int command = commandReadFlashFiles;
-    if (line.has(QStringLiteral("--all")))
-        command += 1;
-    if (line.has(QStringLiteral("--overwrite")))
-        command += 2;
-    const int result = serviceCommand(session, hardwareStatus(command), false);
-    if (result == kExitOk)
-        session.console.out(
-            QStringLiteral("files in %1").arg(session.host->family()->directory().absolutePath()));
-    return result;
-}
-
 namespace {
 
 // Command 1009 for each unit asked for: a unit command, named by the unit's
 // board serial.
 int increaseCounters(Session& session)
 {
+    QuietOutput quiet(*session.host);
     if (session.serial.isEmpty())
         sendFamilyCommand(session, commandReadSerialNumber);
     const QVector<QVeltraHardwareUnit*> units = targetUnits(session);
@@ -460,8 +551,9 @@ int increaseCounters(Session& session)
     int result = kExitOk;
     for (QVeltraHardwareUnit* unit : units) {
         session.serial = unit->boardSerial();
-        if (sendUnitCommand(session, commandIncreaseShootCounter).failureLines > 0)
-            result = reportedFailure(session);
+        const Outcome outcome = sendUnitCommand(session, commandIncreaseShootCounter);
+        if (outcome.failureLines > 0)
+            result = reportedFailure(session, outcome);
     }
     session.serial = chosen;
     return result;
@@ -524,28 +616,101 @@ int checkCounters(Session& session, unsigned int value)
 
 } // namespace
 
-int runCounter(Session& session, const CommandLine& line)
+// Writes that cannot be undone (the counter never goes down again, a format
+// erases the calibration) go to one named sensor when there are several,
+// and a person confirms them on the terminal, or --yes does.
+int confirmIrreversible(
+    Session& session, const CommandLine& line, const QString& command, const QString& action)
 {
-    const bool increase = line.has(QStringLiteral("--increase"));
-    const bool set = line.has(QStringLiteral("--set"));
-    if (increase && set) {
-        session.console.error(QStringLiteral("korux: counter takes --increase or --set, not both"));
+    const int units = session.host->family()->hardwareUnitVector().size();
+    if (session.serial.isEmpty() && units > 1) {
+        session.console.error(
+            QStringLiteral("korux: %1 would write to all %2 sensors; name one with --serial "
+                           "(korux serial prints their serials)")
+                .arg(command)
+                .arg(units));
         return kExitUsage;
+    }
+    if (line.has(QStringLiteral("--yes")))
+        return kExitOk;
+    if (!isatty(STDIN_FILENO)) {
+        session.console.error(
+            QStringLiteral("korux: %1 cannot be undone; confirm it with --yes (standard input "
+                           "is no terminal to ask on)")
+                .arg(command));
+        return kExitUsage;
+    }
+    QVector<QVeltraHardwareUnit*> chosen;
+    {
+        QuietOutput quiet(*session.host);
+        if (session.serial.isEmpty())
+            sendFamilyCommand(session, commandReadSerialNumber);
+        chosen = targetUnits(session);
+    }
+    if (chosen.isEmpty())
+        return noUnitWithSerial(session);
+    const QString question = QStringLiteral("korux: %1 on unit %2? This cannot be undone. [y/N] ")
+                                 .arg(action, session.host->unitName(chosen.first()));
+    std::fputs(question.toLocal8Bit().constData(), stderr);
+    std::fflush(stderr);
+    char answer[64] = {};
+    const bool read = std::fgets(answer, sizeof answer, stdin) != nullptr;
+    if (stopRequested())
+        return interruptedExit();
+    const QString word = QString::fromLocal8Bit(answer).trimmed().toLower();
+    if (read && (word == QLatin1String("y") || word == QLatin1String("yes")))
+        return kExitOk;
+    if (!read)
+        session.console.error(QString());
+    session.console.error(QStringLiteral("korux: not confirmed; nothing written"));
+    return kExitFailure;
+}
+
+bool checkCounter(const CommandLine& line, QString* error)
+{
+    const bool set = line.has(QStringLiteral("--set"));
+    if (line.has(QStringLiteral("--increase")) && set) {
+        *error = QStringLiteral("counter takes --increase or --set, not both");
+        return false;
     }
     bool ok = true;
     const qlonglong number = set ? parseNumber(line.value(QStringLiteral("--set")), &ok) : 0;
     // All ones is the "last value plus one" request, not a value.
     if (!ok || number < 0 || number >= 0xFFFFFFFFLL) {
-        session.console.error(QStringLiteral("korux: counter --set takes a number from 0 to 4294967294, not \"%1\"")
-                                  .arg(line.value(QStringLiteral("--set"))));
+        *error = QStringLiteral("counter --set takes a number from 0 to 4294967294, not \"%1\"")
+                     .arg(line.value(QStringLiteral("--set")));
+        return false;
+    }
+    return true;
+}
+
+int runCounter(Session& session, const CommandLine& line)
+{
+    QString error;
+    if (!checkCounter(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
+    const bool increase = line.has(QStringLiteral("--increase"));
+    const bool set = line.has(QStringLiteral("--set"));
+    bool ok = true;
+    const qlonglong number = set ? parseNumber(line.value(QStringLiteral("--set")), &ok) : 0;
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
     if (set) {
         const unsigned int value = static_cast<unsigned int>(number);
-        const int result = setCounters(session, value);
+        const int confirmed = confirmIrreversible(session, line, QStringLiteral("counter --set"),
+            QStringLiteral("Set the shot counter to %1 (it can never be set lower again)").arg(value));
+        if (confirmed != kExitOk)
+            return confirmed;
+        int result = kExitOk;
+        {
+            // What the write reports on its way (the serial, the value before
+            // it) is no result; the read-back below is.
+            QuietOutput quiet(*session.host);
+            result = setCounters(session, value);
+        }
         return result == kExitOk ? checkCounters(session, value) : result;
     }
     if (increase) {
@@ -556,21 +721,40 @@ int runCounter(Session& session, const CommandLine& line)
     return flashServiceCommand(session, commandGetShootCounter, true);
 }
 
-int runFormatFlash(Session& session, const CommandLine&)
+int runFormatFlash(Session& session, const CommandLine& line)
 {
+    const int ready = requireUnits(session);
+    if (ready != kExitOk)
+        return ready;
+    const int confirmed = confirmIrreversible(session, line, QStringLiteral("format-flash"),
+        QStringLiteral("Erase the whole flash, calibration files and counter included,"));
+    if (confirmed != kExitOk)
+        return confirmed;
     return flashServiceCommand(session, commandFormatFlash, false);
+}
+
+bool checkFlashPage(const CommandLine& line, QString* error)
+{
+    bool ok = false;
+    const qlonglong address = parseNumber(line.positional.first(), &ok);
+    if (!ok || address < 0 || address > kLastFlashPage) {
+        *error
+            = QStringLiteral("flash-page takes an address from 0 to 0xFFFF00 (decimal or 0x...), not \"%1\"")
+                  .arg(line.positional.first());
+        return false;
+    }
+    return true;
 }
 
 int runFlashPage(Session& session, const CommandLine& line)
 {
-    bool ok = false;
-    const qlonglong address = parseNumber(line.positional.first(), &ok);
-    if (!ok || address < 0 || address > std::numeric_limits<int>::max()) {
-        session.console.error(
-            QStringLiteral("korux: flash-page takes an address (decimal or 0x...), not \"%1\"")
-                .arg(line.positional.first()));
+    QString error;
+    if (!checkFlashPage(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
+    bool ok = false;
+    const qlonglong address = parseNumber(line.positional.first(), &ok);
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
@@ -584,22 +768,89 @@ int runReport(Session& session, const CommandLine&)
     if (ready != kExitOk)
         return ready;
     const Outcome outcome = sendFamilyCommand(session, commandFamilyReport);
-    return outcome.reports.isEmpty() ? kExitFailure : kExitOk;
+    if (!outcome.reports.isEmpty())
+        return kExitOk;
+    session.console.error(QStringLiteral("korux: report: the family sent no report"));
+    return kExitFailure;
+}
+
+namespace {
+
+// The family parameters the plug-in reads, with the values it can use.
+struct ParameterRange {
+    const char* key;
+    qlonglong lowest;
+    qlonglong highest;
+    const char* why;
+};
+
+constexpr char kAceWhy[] = "times the ACE coefficient (up to 9) it must fit the 24 bits of the arm frame";
+constexpr char kCoefficientWhy[] = "the plug-in replaces any other value with 7";
+
+constexpr ParameterRange kParameterRanges[] = {
+    { "PhdTreshold", 0, 4095, "the arm frame carries 12 bits of it" },
+    { "ACEValue", 1, 0xFFFFFF / 9, kAceWhy },
+    { "ACEValueInside", 1, 0xFFFFFF / 9, kAceWhy },
+    { "ACECoeff", 1, 9, kCoefficientWhy },
+    { "ACECoeffCSI", 1, 9, kCoefficientWhy },
+    { "FlashAddress", 0, kLastFlashPage, "the flash has 24-bit addresses" },
+};
+
+const ParameterRange* rangeOf(const QString& key)
+{
+    for (const ParameterRange& range : kParameterRanges)
+        if (key == QLatin1String(range.key))
+            return &range;
+    return nullptr;
+}
+
+} // namespace
+
+bool checkSet(const CommandLine& line, QString* error)
+{
+    const QString key = line.positional.at(0);
+    const QString text = line.positional.at(1);
+    const ParameterRange* range = rangeOf(key);
+    if (!range || line.has(QStringLiteral("--force")) || line.has(QStringLiteral("--string")))
+        return true;
+    // A value that is no number at all is refused by its type when it is set.
+    bool number = false;
+    const qlonglong given = parseNumber(text, &number);
+    if (!number || (given >= range->lowest && given <= range->highest))
+        return true;
+    *error = QStringLiteral("%1 takes %2 to %3 (%4), not %5; set --force sends it anyway")
+                 .arg(key)
+                 .arg(range->lowest)
+                 .arg(range->highest)
+                 .arg(QString::fromLatin1(range->why), text);
+    return false;
 }
 
 int runSet(Session& session, const CommandLine& line)
 {
+    QString error;
+    if (!checkSet(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
+        return kExitUsage;
+    }
     const QString key = line.positional.at(0);
     const QString text = line.positional.at(1);
+    const bool force = line.has(QStringLiteral("--force"));
     QVeltraHardwareFamily* family = session.host->family();
     QVariant value;
     if (!typedValue(family->getParameter(key), text, line.has(QStringLiteral("--string")), &value)) {
-        session.console.error(QStringLiteral("korux: %1 is a %2; \"%3\" is not one")
-                                  .arg(key, QString::fromLatin1(family->getParameter(key).typeName()), text));
-        return kExitUsage;
+        if (!force) {
+            session.console.error(
+                QStringLiteral("korux: %1 is a %2; \"%3\" is not one (set --force sends it anyway)")
+                    .arg(key, QString::fromLatin1(family->getParameter(key).typeName()), text));
+            return kExitUsage;
+        }
+        typedValue(QVariant(), text, false, &value);
     }
     family->setParameter(key, value);
     session.console.out(QStringLiteral("%1 = %2 (%3)").arg(key, value.toString(), value.typeName()));
+    session.console.json({ { QStringLiteral("parameter"), key },
+        { QStringLiteral("value"), QJsonValue::fromVariant(value) } });
     return kExitOk;
 }
 

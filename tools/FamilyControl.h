@@ -16,6 +16,7 @@ namespace korux {
 struct Outcome {
     bool rejected = false;
     int failureLines = 0;
+    QStringList failureTexts; // as Observations keeps them
     QStringList reports;
     hardwareStatus status = statusUnknown; // the family's, afterwards
 };
@@ -40,15 +41,32 @@ int cycleExit(Session& session, const Outcome& outcome, std::initializer_list<ha
 // (with --serial) no unit of that serial.
 int serviceExit(Session& session, const Outcome& outcome, bool reports);
 
+// The units a --serial command goes to (none when no unit has the serial),
+// or every unit.
+QVector<QVeltraHardwareUnit*> targetUnits(Session& session);
+
 // The unit whose board serial is serial, reading the serial numbers first
 // when no unit knows it yet; null when none has it.
 QVeltraHardwareUnit* findUnit(Session& session, const QString& serial);
 
 // Waits, after a stop or abort command, until every unit has ended its
-// stopping; false on time-out.
-bool waitForUnitsToStop(Session& session, int timeoutMs);
+// stopping; false on time-out (or, when interruptible, a stop request).
+bool waitForUnitsToStop(Session& session, int timeoutMs, bool interruptible = true);
+
+// On the way out of an interrupted command: a family that is armed or in an
+// acquisition gets the stop command and its units are waited for, so that
+// no sensor is left armed.
+void stopArmedFamily(Session& session);
+
+// The exit status of a command cut short by a stop request.
+int interruptedExit();
 
 QString statusText(hardwareStatus status);
+
+// The first failure line the plug-in logged for a command, with how many
+// more there were: "unit 0 (1904001): Unable to ... (and 2 more failure
+// lines; -v shows the plug-in's log)".
+QString failureCause(Session& session, const Outcome& outcome);
 
 // A number as service engineers write it: decimal, or hexadecimal after 0x
 // (a leading zero is no octal prefix). ok says whether the text was one.

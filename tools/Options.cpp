@@ -84,8 +84,16 @@ bool parseOptions(const QStringList& arguments, Options* options, QString* error
             optionsEnded = true;
         } else if (word == QLatin1String("-v") || word == QLatin1String("--verbose")) {
             options->verbose = true;
+            options->quiet = false;
+        } else if (word == QLatin1String("-q") || word == QLatin1String("--quiet")) {
+            options->quiet = true;
+            options->verbose = false;
         } else if (word == QLatin1String("-h") || word == QLatin1String("--help")) {
             options->help = true;
+        } else if (word == QLatin1String("--json")) {
+            options->json = true;
+        } else if (word == QLatin1String("--version")) {
+            options->version = true;
         } else {
             const int equals = word.indexOf('=');
             const QString name = equals < 0 ? word : word.left(equals);

@@ -19,7 +19,10 @@ struct Options {
     QString transcript; // file that receives every signal as JSON lines
     ColorMode color = ColorMode::Auto;
     bool verbose = false;
+    bool quiet = false; // only results and errors
+    bool json = false; // results as JSON documents, one a line, nothing else
     bool help = false;
+    bool version = false;
     bool timeScaleSet = false;
     double timeScale = 1.0;
     QString command;

@@ -9,6 +9,7 @@
 #include <QTimer>
 
 #include "tools/ExitCodes.h"
+#include "tools/Interrupt.h"
 #include "tools/Transcript.h"
 
 namespace korux {
@@ -29,6 +30,24 @@ QString statusLine(hardwareStatus status)
 QString sizeText(const QImage& image)
 {
     return QStringLiteral("%1x%2").arg(image.width()).arg(image.height());
+}
+
+// The "ShootCounter" member of a report, wherever it sits. (Read by hand: a
+// regular expression would run PCRE's JIT on every report.)
+uint reportedCounter(const QString& json, bool* found)
+{
+    static const QString member = QStringLiteral("\"ShootCounter\"");
+    *found = false;
+    const int at = json.indexOf(member);
+    if (at < 0)
+        return 0;
+    int i = at + member.size();
+    while (i < json.size() && (json.at(i).isSpace() || json.at(i) == QLatin1Char(':')))
+        ++i;
+    int end = i;
+    while (end < json.size() && json.at(end).isDigit())
+        ++end;
+    return json.midRef(i, end - i).toUInt(found);
 }
 
 QJsonObject statusFields(hardwareStatus status)
@@ -83,14 +102,18 @@ void PluginHost::connectFamily()
 {
     QObject* context = context_.get();
     QObject::connect(family_, &QVeltraHardwareFamily::statusChanged, context, [this](hardwareStatus status) {
-        console_.out(statusLine(status));
+        // The plug-in repeats a status when more than one unit passes it.
+        if (echo_ && !quiet_ && (verbose_ || int(status) != printedStatus_))
+            console_.out(statusLine(status));
+        printedStatus_ = int(status);
         if (transcript_)
             transcript_->record(QStringLiteral("status"), statusFields(status));
         connectUnits();
     });
     QObject::connect(family_, &QVeltraHardwareFamily::gotoStatusRejected, context, [this] {
         ++observations_.rejected;
-        console_.out(QStringLiteral("rejected"));
+        if (echo_ && !quiet_)
+            console_.out(QStringLiteral("rejected"));
         if (transcript_)
             transcript_->record(QStringLiteral("rejected"));
     });
@@ -127,7 +150,7 @@ void PluginHost::connectUnit(QVeltraHardwareUnit* unit)
         [this, unit](const QString& json) { report(json, unit); });
     QObject::connect(unit, &QVeltraHardwareUnit::statusChanged, context, [this, unit](hardwareStatus status) {
         observations_.unitStatus.insert(unit, status);
-        if (verbose_)
+        if (verbose_ && echo_)
             console_.out(QStringLiteral("unit %1 %2").arg(unitName(unit), statusLine(status)));
         if (transcript_) {
             QJsonObject fields = statusFields(status);
@@ -147,9 +170,13 @@ void PluginHost::connectUnit(QVeltraHardwareUnit* unit)
 
 void PluginHost::logLine(const QString& text, bool detailed, const QVeltraHardwareUnit* unit)
 {
-    if (isFailureLine(text))
+    if (isFailureLine(text)) {
         ++observations_.failureLines;
-    if (!detailed || verbose_)
+        const QString plain = styleLogText(text, false).trimmed();
+        observations_.failureTexts << (unit ? QStringLiteral("unit %1: %2").arg(unitName(unit), plain)
+                                            : plain);
+    }
+    if (echo_ && verbose_)
         console_.log(text);
     if (transcript_) {
         QJsonObject fields { { QStringLiteral("channel"), detailed ? "detail" : "log" },
@@ -163,7 +190,33 @@ void PluginHost::logLine(const QString& text, bool detailed, const QVeltraHardwa
 void PluginHost::report(const QString& json, const QVeltraHardwareUnit* unit)
 {
     observations_.reports.append(json);
-    console_.out(json);
+    bool hasCounter = false;
+    const uint counter = reportedCounter(json, &hasCounter);
+    if (unit && hasCounter)
+        observations_.counters.insert(unit, counter);
+    const bool result = showReports_ && (reportMember_.isEmpty() || json.contains(reportMember_));
+    if (echo_ && (verbose_ || result)) {
+        // Which sensor said it: a report's own heading may not know yet.
+        console_.out(unit ? QStringLiteral("unit %1:").arg(unitName(unit)) : QStringLiteral("family:"));
+        console_.out(json);
+        if (result) {
+            QJsonObject document;
+            if (unit) {
+                document.insert(QStringLiteral("unit"), unitIndex(unit));
+                document.insert(QStringLiteral("boardSerial"), unit->boardSerial());
+            } else {
+                document.insert(QStringLiteral("family"), true);
+            }
+            const QJsonDocument parsed = QJsonDocument::fromJson(json.toUtf8());
+            if (parsed.isArray())
+                document.insert(QStringLiteral("report"), parsed.array());
+            else if (parsed.isObject())
+                document.insert(QStringLiteral("report"), parsed.object());
+            else
+                document.insert(QStringLiteral("text"), json);
+            console_.json(document);
+        }
+    }
     if (!transcript_)
         return;
     QJsonObject fields;
@@ -191,8 +244,9 @@ void PluginHost::printImage(
     QString line = QStringLiteral("image unit %1 %2").arg(unitName(unit), sizeText(image));
     if (!black.isNull())
         line += QStringLiteral(" black %1").arg(sizeText(black));
-    console_.out(line);
-    if (verbose_)
+    if (echo_ && !quiet_)
+        console_.out(line);
+    if (echo_ && verbose_)
         console_.out(description);
     if (transcript_) {
         QJsonObject fields { { QStringLiteral("unit"), unitIndex(unit) },
@@ -228,10 +282,10 @@ QString PluginHost::unitName(const QVeltraHardwareUnit* unit) const
 
 void PluginHost::settle(int milliseconds)
 {
-    waitUntil([] { return false; }, milliseconds);
+    waitUntil([] { return false; }, milliseconds, false);
 }
 
-bool PluginHost::waitUntil(const std::function<bool()>& done, int timeoutMs)
+bool PluginHost::waitUntil(const std::function<bool()>& done, int timeoutMs, bool interruptible)
 {
     QElapsedTimer timer;
     timer.start();
@@ -244,7 +298,7 @@ bool PluginHost::waitUntil(const std::function<bool()>& done, int timeoutMs)
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         if (done())
             return true;
-        if (timer.elapsed() >= timeoutMs)
+        if (timer.elapsed() >= timeoutMs || (interruptible && stopRequested()))
             return false;
     }
 }

@@ -28,10 +28,16 @@ class Transcript;
 struct Observations {
     int rejected = 0;
     int failureLines = 0; // log lines that tell of a failure, both channels
+    // Those lines, without their style tag, each after the unit that gave it
+    // ("unit 0 (1904001): Unable to read ...").
+    QStringList failureTexts;
     QStringList reports; // JSON reports (dataRead), family and units
     // Last status each unit reported, and the (non-null) images it delivered.
     QHash<const QVeltraHardwareUnit*, hardwareStatus> unitStatus;
     QHash<const QVeltraHardwareUnit*, int> images;
+    // The last shot counter each unit reported (an acquisition reports the
+    // value before its increase, just before it delivers the image).
+    QHash<const QVeltraHardwareUnit*, uint> counters;
 };
 
 class PluginHost {
@@ -60,8 +66,30 @@ public:
     // Lets queued calls, timers and deferred deletions run for a while.
     void settle(int milliseconds);
     // Runs the event loop until done() holds or the time is up; false on
-    // time-out.
-    bool waitUntil(const std::function<bool()>& done, int timeoutMs);
+    // time-out, and at once when korux is asked to stop (unless the wait is
+    // part of stopping).
+    bool waitUntil(const std::function<bool()>& done, int timeoutMs, bool interruptible = true);
+
+    // While off, nothing the plug-in says is printed (it is still counted
+    // and recorded): for the reads korux makes for its own checks.
+    void setEcho(bool echo) { echo_ = echo; }
+    bool echo() const { return echo_; }
+    // What is printed. Quiet: results only (reports when shown, nothing of
+    // the steps). Normal: the family's status changes, once each, and the
+    // images. Verbose: also every log line of both channels, the unit status
+    // changes and every report.
+    void setQuiet(bool quiet) { quiet_ = quiet; }
+    // Whether the reports the plug-in sends are the command's results (the
+    // service commands) or by-products (arming reads the serial, a shot the
+    // counter): only results are printed, unless verbose.
+    // member: only reports that have it are shown (empty: every report).
+    void setShownReports(bool show, const QString& member = QString())
+    {
+        showReports_ = show;
+        reportMember_ = member.isEmpty() ? QString() : QStringLiteral("\"%1\"").arg(member);
+    }
+    // Forget the last status printed, so the next command shows its first.
+    void resetPrintedStatus() { printedStatus_ = -1; }
 
     const Observations& observations() const { return observations_; }
     void clearObservations() { observations_ = Observations(); }
@@ -82,6 +110,11 @@ private:
 
     Console& console_;
     bool verbose_;
+    bool echo_ = true;
+    bool quiet_ = false;
+    bool showReports_ = true;
+    QString reportMember_;
+    int printedStatus_ = -1;
     Transcript* transcript_;
     QLibrary library_;
     QVeltraHardwareFamily* family_ = nullptr;
@@ -89,6 +122,24 @@ private:
     // Receiver of every connection: they all go when the host does.
     std::unique_ptr<QObject> context_;
     QVector<QPointer<QVeltraHardwareUnit>> connected_;
+};
+
+// The plug-in's output held back for a scope.
+class QuietOutput {
+public:
+    explicit QuietOutput(PluginHost& host)
+        : host_(host)
+        , echo_(host.echo())
+    {
+        host_.setEcho(false);
+    }
+    ~QuietOutput() { host_.setEcho(echo_); }
+    QuietOutput(const QuietOutput&) = delete;
+    QuietOutput& operator=(const QuietOutput&) = delete;
+
+private:
+    PluginHost& host_;
+    bool echo_;
 };
 
 } // namespace korux

@@ -8,7 +8,7 @@
 #include <cstdio>
 
 #include "tools/ExitCodes.h"
-#include "tools/KeepFile.h"
+#include "tools/AtomicFile.h"
 #include "tools/ShotDescription.h"
 
 namespace korux {
@@ -47,33 +47,62 @@ PictureOptions pictureOptions(const CommandLine& line)
     return options;
 }
 
-bool writeShotFile(Session& session, const ShotFile& file, bool replace)
+bool checkPictureOptions(const QString& command, const CommandLine& line, bool dicomAsked, QString* error)
 {
-    QString error;
-    if (!keepFile(file.path, file.bytes, replace, &error)) {
-        session.console.error(QStringLiteral("korux: ") + error);
+    for (const char* option : { "--patient-name", "--patient-id", "--study" }) {
+        const QString name = QString::fromLatin1(option);
+        if (!line.has(name))
+            continue;
+        if (!dicomAsked) {
+            *error = QStringLiteral("%1 %2 names the patient or study of DICOM files; add --dicom")
+                         .arg(command, name);
+            return false;
+        }
+        const QString value = line.value(name);
+        if (value.size() > kDicomLongValue) {
+            *error = QStringLiteral("%1 %2 takes %3 characters at most (DICOM), not %4")
+                         .arg(command, name)
+                         .arg(kDicomLongValue)
+                         .arg(value.size());
+            return false;
+        }
+        for (const QChar c : value) {
+            if (c == QLatin1Char('\\') || c.category() == QChar::Other_Control) {
+                *error = QStringLiteral("%1 %2 cannot hold a backslash or a control character")
+                             .arg(command, name);
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+bool checkDicom(const CommandLine& line, QString* error)
+{
+    const QString png = line.positional.value(0);
+    if (!png.endsWith(QLatin1String(".png"), Qt::CaseInsensitive) || png.size() <= 4) {
+        *error = QStringLiteral("dicom takes a shot's PNG (SHOT.png), not \"%1\"").arg(png);
         return false;
     }
-    session.console.out(QStringLiteral("wrote %1").arg(file.path));
-    return true;
+    return checkPictureOptions(QStringLiteral("dicom"), line, true, error);
 }
 
 // korux dicom SHOT.png: the DICOM files of a shot saved before, from its PNG
 // and the description beside it.
 int runDicom(Session& session, const CommandLine& line)
 {
-    const QString png = line.positional.first();
-    if (!png.endsWith(QLatin1String(".png"), Qt::CaseInsensitive)) {
-        session.console.error(QStringLiteral("korux: dicom takes a shot's PNG (SHOT.png), not %1").arg(png));
+    QString error;
+    if (!checkDicom(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
+    const QString png = line.positional.first();
     const QString stem = png.left(png.size() - 4);
     QFile pngFile(png);
     if (!pngFile.open(QIODevice::ReadOnly)) {
         session.console.error(QStringLiteral("korux: cannot read %1: %2").arg(png, pngFile.errorString()));
         return kExitFailure;
     }
-    QString error;
     PngText text;
     const QImage readout = decodeSensorPng(pngFile.readAll(), &text, &error);
     if (readout.isNull()) {
@@ -112,6 +141,20 @@ int runDicom(Session& session, const CommandLine& line)
     shot.acquired = acquired;
     shot.unit = unitFromDescription(description, text.value(kPngFirmwareKey));
     shot.patient = options.patient;
+    const bool replace = line.has(QStringLiteral("--overwrite"));
+    QStringList names { stem + QStringLiteral(".dcm") };
+    if (options.presentation)
+        names << stem + QStringLiteral("-presentation.dcm");
+    if (!replace) {
+        for (const QString& name : names) {
+            if (QFileInfo::exists(name)) {
+                session.console.error(QStringLiteral(
+                    "korux: %1 exists already; nothing written (dicom --overwrite replaces it)")
+                                          .arg(name));
+                return kExitFailure;
+            }
+        }
+    }
     QVector<ShotFile> files;
     files.append({ stem + QStringLiteral(".dcm"), encodeDicom(shot, DicomIntent::ForProcessing, &error) });
     if (!files.last().bytes.isEmpty() && options.presentation)
@@ -121,10 +164,21 @@ int runDicom(Session& session, const CommandLine& line)
         session.console.error(QStringLiteral("korux: %1: %2").arg(png, error));
         return kExitFailure;
     }
-    const bool replace = line.has(QStringLiteral("--overwrite"));
-    for (const ShotFile& file : files)
-        if (!writeShotFile(session, file, replace))
+    // The first file claims the name for the pair, as acquire's shots do.
+    const AtomicFile::Existing existing
+        = replace ? AtomicFile::Existing::Replace : AtomicFile::Existing::Keep;
+    for (const ShotFile& file : files) {
+        AtomicFile output(file.path, existing);
+        if (!(output.open() && output.write(file.bytes) && output.commit())) {
+            session.console.error(output.alreadyExists()
+                    ? QStringLiteral("korux: %1; nothing more written (dicom --overwrite replaces it)")
+                          .arg(output.errorString())
+                    : QStringLiteral("korux: ") + output.errorString());
             return kExitFailure;
+        }
+        session.console.out(QStringLiteral("wrote %1").arg(file.path));
+        session.console.json({ { QStringLiteral("wrote"), file.path } });
+    }
     return kExitOk;
 }
 

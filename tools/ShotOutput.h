@@ -11,9 +11,12 @@ namespace korux {
 // --patient-id, --study.
 PictureOptions pictureOptions(const CommandLine& line);
 
-// Writes the file (whole or not at all) and says so; false, having said
-// why, when it cannot.
-bool writeShotFile(Session& session, const ShotFile& file, bool replace);
+// The picture options of a command line checked: the patient and study
+// options need DICOM files (acquire: --dicom), and each value is one DICOM
+// value (64 characters at most, no backslash, no control character). False
+// with the reason in error.
+bool checkPictureOptions(const QString& command, const CommandLine& line, bool dicomAsked, QString* error);
+bool checkDicom(const CommandLine& line, QString* error);
 
 // Before the application is made: korux runs a GUI application (text in the
 // oscilloscope plot needs one) on Qt's minimal platform with its fonts (no

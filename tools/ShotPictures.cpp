@@ -61,6 +61,20 @@ PngText shotPngText(const DicomUnit& unit, const QDateTime& acquired)
     return text;
 }
 
+QStringList shotPictureNames(const QString& stem, const QString& description, const PictureOptions& options)
+{
+    QStringList names { stem + QStringLiteral("-preview.png") };
+    OscilloscopeFigures figures;
+    QString error;
+    if (oscilloscopeFromDescription(description, &figures, &error) && !figures.samples.isEmpty())
+        names << stem + QStringLiteral("-oscilloscope.png");
+    if (options.dicom)
+        names << stem + QStringLiteral(".dcm");
+    if (options.dicom && options.presentation)
+        names << stem + QStringLiteral("-presentation.dcm");
+    return names;
+}
+
 bool shotPictureFiles(const QString& stem, const QImage& image, const QString& description,
     const DicomUnit& unit, const QDateTime& acquired, const PictureOptions& options, QVector<ShotFile>* files,
     QString* error)

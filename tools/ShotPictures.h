@@ -8,6 +8,7 @@
 #include <QDateTime>
 #include <QImage>
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 #include "tools/DicomExport.h"
@@ -34,6 +35,10 @@ extern const QString kPngCreationTimeKey;
 
 // What a shot's 16-bit PNG says besides its pixels.
 PngText shotPngText(const DicomUnit& unit, const QDateTime& acquired);
+
+// The names shotPictureFiles gives the pictures of a shot, known before any
+// is made (so that taken names are found before the work).
+QStringList shotPictureNames(const QString& stem, const QString& description, const PictureOptions& options);
 
 // The shot's pictures: <stem>-preview.png, <stem>-oscilloscope.png when the
 // description has samples, and the DICOM files asked for. The shots of one

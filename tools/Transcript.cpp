@@ -12,9 +12,10 @@ Transcript::Transcript()
 
 bool Transcript::open(const QString& path, QString* error)
 {
-    file_.setFileName(path);
-    if (!file_.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
-        *error = QStringLiteral("cannot write the transcript %1: %2").arg(path, file_.errorString());
+    file_.reset(new AtomicFile(path));
+    if (!file_->open()) {
+        *error = QStringLiteral("the transcript: %1").arg(file_->errorString());
+        file_.reset();
         return false;
     }
     return true;
@@ -22,15 +23,17 @@ bool Transcript::open(const QString& path, QString* error)
 
 void Transcript::record(const QString& event, QJsonObject fields)
 {
-    if (!file_.isOpen())
+    if (!file_ || file_->failed())
         return;
-    fields.insert(QStringLiteral("time"),
-        QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs));
+    fields.insert(QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs));
     fields.insert(QStringLiteral("ms"), double(clock_.nsecsElapsed() / 1000) / 1000.0);
     fields.insert(QStringLiteral("event"), event);
-    file_.write(QJsonDocument(fields).toJson(QJsonDocument::Compact));
-    file_.write("\n");
-    file_.flush();
+    file_->write(QJsonDocument(fields).toJson(QJsonDocument::Compact) + '\n');
+}
+
+bool Transcript::close()
+{
+    return !file_ || file_->commit();
 }
 
 } // namespace korux

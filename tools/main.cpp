@@ -2,10 +2,14 @@
 // library first, then loads the plug-in the way a host application does and
 // runs one command against it, printing whatever the plug-in reports.
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QGuiApplication>
+#include <QFileInfo>
 #include <QStringList>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <unistd.h>
 
@@ -15,6 +19,8 @@
 #include "tools/Console.h"
 #include "tools/ExitCodes.h"
 #include "tools/InstallLayout.h"
+#include "tools/FamilyControl.h"
+#include "tools/Interrupt.h"
 #include "tools/Options.h"
 #include "tools/PluginHost.h"
 #include "tools/ShotOutput.h"
@@ -45,6 +51,41 @@ int usageError(Console& console, const QString& reason)
     return kExitUsage;
 }
 
+// The way out of every command that got as far as running: an interrupted
+// one leaves its family stopped and says so, the transcript is put in place,
+// and a failed write turns a success into a failure.
+int finish(Session& session, Transcript& transcript, int result, const BridgeInfo* bridge = nullptr)
+{
+    if (stopRequested()) {
+        const int signal = stopSignal();
+        if (session.host)
+            stopArmedFamily(session);
+        if (session.transcript)
+            session.transcript->record(
+                QStringLiteral("interrupted"), { { QStringLiteral("signal"), signal } });
+        session.console.error(QStringLiteral("korux: interrupted"));
+        result = stopExitStatus(signal);
+    }
+    // The virtual sensor's flash is kept in a file: one that fell behind is
+    // a write error like any other.
+    const QString image = bridge ? flashImageFailure(*bridge) : QString();
+    if (!image.isEmpty()) {
+        session.console.error(QStringLiteral("korux: the virtual bridge: %1").arg(image));
+        if (result == kExitOk)
+            result = kExitFailure;
+    }
+    if (transcript.isOpen() && !transcript.close()) {
+        session.console.error(QStringLiteral("korux: the transcript: %1").arg(transcript.errorString()));
+        if (result == kExitOk)
+            result = kExitFailure;
+    }
+    // A closed pipe ends in the status a writer killed by SIGPIPE has, once
+    // the command is done and its files are written.
+    if (session.console.outputFailed() && result == kExitOk)
+        result = session.console.outputError() == EPIPE ? stopExitStatus(SIGPIPE) : kExitFailure;
+    return result;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -56,6 +97,7 @@ int main(int argc, char** argv)
     int guiArgc = 1;
     QGuiApplication app(guiArgc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("korux"));
+    installSignalHandlers();
     Console console;
 
     Options options;
@@ -65,9 +107,30 @@ int main(int argc, char** argv)
         words << QString::fromLocal8Bit(argv[i]);
     if (!parseOptions(words, &options, &error))
         return usageError(console, error);
+    const QString executableDirectory = QCoreApplication::applicationDirPath();
+    const QString pluginPath
+        = options.plugin.isEmpty() ? pluginFileFrom(executableDirectory) : options.plugin;
+    if (options.version) {
+        console.out(QStringLiteral("korux %1").arg(QStringLiteral(KORUX_VERSION)));
+        const QFileInfo plugin(pluginPath);
+        console.out(plugin.exists()
+                ? QStringLiteral("plug-in %1 (built %2)")
+                      .arg(plugin.absoluteFilePath(), plugin.lastModified().toUTC().toString(Qt::ISODate))
+                : QStringLiteral("plug-in %1: not found").arg(pluginPath));
+        return console.outputFailed() ? kExitFailure : kExitOk;
+    }
     if (options.help) {
-        console.out(usageText());
-        return kExitOk;
+        // korux COMMAND --help: that command's page.
+        const Command* command = findCommand(options.command);
+        if (command) {
+            console.out(
+                QStringLiteral("korux [options] %1 %2").arg(command->name, command->arguments).trimmed());
+            console.out(QStringLiteral("  %1").arg(command->summary));
+            console.out(commandDetails(*command));
+        } else {
+            console.out(usageText());
+        }
+        return console.outputFailed() ? kExitFailure : kExitOk;
     }
     if (options.command.isEmpty())
         return usageError(console, QStringLiteral("no command given"));
@@ -77,8 +140,25 @@ int main(int argc, char** argv)
     CommandLine line;
     if (!parseCommandLine(*command, options.arguments, options.serial, &line, &error))
         return usageError(console, error);
+    // Every korux starts with a freshly enumerated family and ends it after
+    // its command: these change nothing that outlives that.
+    for (const char* name : { "arm", "stop", "abort", "set" }) {
+        if (options.command == QLatin1String(name)) {
+            console.error(
+                QStringLiteral("korux: %1 takes effect only in a family that lives on: use it in a script "
+                               "(korux run) or in korux shell")
+                    .arg(name));
+            return kExitUsage;
+        }
+    }
+    if (!checkArguments(*command, line, &error)) {
+        console.error(QStringLiteral("korux: ") + error);
+        return kExitUsage;
+    }
 
     console.setColour(wantColour(options.color));
+    console.setTerminal(isatty(STDOUT_FILENO));
+    console.setJsonMode(options.json);
     if (options.timeScaleSet)
         setSleepTimeScale(options.timeScale);
 
@@ -87,25 +167,24 @@ int main(int argc, char** argv)
         console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
-    Session session { options, console, nullptr, nullptr, QString(), false, 0, 0 };
+    Session session { options, console, nullptr, nullptr, QString(), false, 0, 0, QString() };
     if (transcript.isOpen())
         session.transcript = &transcript;
     if (!command->needsPlugin)
-        return runCommand(session, *command, line);
+        return finish(session, transcript, runCommand(session, *command, line));
 
     // The bridge goes first: the plug-in's "libft4222.so" is bound to
     // whichever library of that name is loaded when the plug-in is.
-    const QString executableDirectory = QCoreApplication::applicationDirPath();
     BridgeInfo bridge;
     const int bridgeResult = loadBridge(options, executableDirectory, console, &bridge);
-    if (bridgeResult != kExitOk)
-        return bridgeResult;
+    if (bridgeResult != kExitOk || stopRequested())
+        return finish(session, transcript, bridgeResult);
 
-    const QString pluginPath = options.plugin.isEmpty() ? pluginFileFrom(executableDirectory) : options.plugin;
     PluginHost host(console, options.verbose, session.transcript);
+    host.setQuiet(options.quiet || options.json);
     const int loadResult = host.load(pluginPath);
     if (loadResult != kExitOk)
-        return loadResult;
+        return finish(session, transcript, loadResult, &bridge);
     if (options.verbose) {
         console.out(
             QStringLiteral("bridge %1 (%2)").arg(bridge.file, bridge.virtualBridge ? "virtual" : "vendor"));
@@ -115,5 +194,6 @@ int main(int argc, char** argv)
         host.family()->setDirectory(QDir(options.directory));
 
     session.host = &host;
-    return runCommand(session, *command, line);
+    const int result = runCommand(session, *command, line);
+    return finish(session, transcript, result, &bridge);
 }

@@ -266,12 +266,13 @@ TEST_F(Korux, ListWithoutSensorsEndsInNoSensor)
     EXPECT_TRUE(run.out.contains(QStringLiteral("status statusNoSensor (3)\n"))) << run.out;
 }
 
-TEST_F(Korux, LogTagsAreKeptWhenNotColouring)
+TEST_F(Korux, LogTagsAreDroppedWhenNotColouring)
 {
     const KoruxRun run = korux({ QStringLiteral("--color"), QStringLiteral("never"), QStringLiteral("-v"),
         QStringLiteral("--dir"), familyDirectory(), QStringLiteral("list") });
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_TRUE(run.out.contains(QStringLiteral("\n[green]"))) << run.out;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("\nenumKORUXPlugIn OK.\n"))) << run.out;
+    EXPECT_FALSE(run.out.contains(QStringLiteral("[green"))) << run.out;
     EXPECT_FALSE(run.out.contains(QChar(0x1b))) << run.out;
 }
 

@@ -81,7 +81,9 @@ TEST_F(KoruxImaging, AcquireWritesThePreviewAndThePlotBesideThePng)
     EXPECT_TRUE(run.err.isEmpty()) << run.err;
     const QStringList files = writtenFiles(run.out);
     ASSERT_EQ(files.size(), 4) << run.out;
-    ASSERT_TRUE(files.at(0).endsWith(QStringLiteral("-001.png"))) << files.at(0);
+    // Named as every shot file is: board serial, then the shot counter after
+    // the shot.
+    ASSERT_TRUE(files.at(0).endsWith(QStringLiteral("shots/59881DA3846E4A89-001235.png"))) << files.at(0);
     const QString stem = files.at(0).left(files.at(0).size() - 4);
     EXPECT_EQ(files.mid(1),
         (QStringList { stem + QStringLiteral(".txt"), stem + QStringLiteral("-preview.png"),
@@ -125,6 +127,70 @@ TEST_F(KoruxImaging, AcquireWritesThePreviewAndThePlotBesideThePng)
         for (int x = 0; x < plot.width(); ++x)
             ink += qGray(plot.pixel(x, y)) < 100;
     EXPECT_GT(ink, 500);
+}
+
+// The pictures are files of the shot like its PNG: a taken name keeps the
+// whole shot from being written, unless --overwrite.
+TEST_F(KoruxImaging, ThePicturesFollowTheShotsNamingAndOverwriteRules)
+{
+    const QStringList acquire { QStringLiteral("acquire"), QStringLiteral("--out"), QStringLiteral("shots"),
+        QStringLiteral("--dicom-presentation") };
+    const KoruxRun first = koruxOn(acquire);
+    ASSERT_EQ(first.exitCode, 0) << first.err;
+    const QString stem = QStringLiteral("shots/59881DA3846E4A89-001235");
+    EXPECT_EQ(writtenFiles(first.out),
+        (QStringList { stem + QStringLiteral(".png"), stem + QStringLiteral(".txt"),
+            stem + QStringLiteral("-preview.png"), stem + QStringLiteral("-oscilloscope.png"),
+            stem + QStringLiteral(".dcm"), stem + QStringLiteral("-presentation.dcm") }));
+
+    // Only a picture is left of that shot: its name is still taken.
+    for (const char* suffix : { ".png", ".txt", "-preview.png", "-oscilloscope.png", ".dcm" })
+        ASSERT_TRUE(QFile::remove(path(stem + QLatin1String(suffix))));
+    const QByteArray kept = readAll(path(stem + QStringLiteral("-presentation.dcm")));
+    const KoruxRun second = koruxOn(acquire);
+    EXPECT_EQ(second.exitCode, 1);
+    EXPECT_TRUE(second.err.contains(stem + QStringLiteral("-presentation.dcm exists already"))) << second.err;
+    EXPECT_TRUE(writtenFiles(second.out).isEmpty()) << second.out;
+    EXPECT_FALSE(QFile::exists(path(stem + QStringLiteral(".png"))));
+    EXPECT_EQ(readAll(path(stem + QStringLiteral("-presentation.dcm"))), kept);
+
+    const KoruxRun third = koruxOn(acquire + QStringList { QStringLiteral("--overwrite") });
+    EXPECT_EQ(third.exitCode, 0) << third.err;
+    EXPECT_EQ(writtenFiles(third.out).size(), 6) << third.out;
+    EXPECT_NE(readAll(path(stem + QStringLiteral("-presentation.dcm"))), kept);
+    EXPECT_TRUE(QDir(path(QStringLiteral("shots")))
+                    .entryList({ QStringLiteral(".*.tmp-*") }, QDir::Files | QDir::Hidden)
+                    .isEmpty());
+}
+
+// Patient and study options go to DICOM files only, and each is one DICOM
+// value; a bad one is refused before anything runs.
+TEST_F(KoruxImaging, PatientOptionsAreCheckedBeforeAnythingRuns)
+{
+    const KoruxRun noDicom = koruxOn(
+        { QStringLiteral("acquire"), QStringLiteral("--patient-name"), QStringLiteral("Doe^Jane") });
+    EXPECT_EQ(noDicom.exitCode, 2);
+    EXPECT_EQ(noDicom.err,
+        QStringLiteral(
+            "korux: acquire --patient-name names the patient or study of DICOM files; add --dicom\n"));
+    EXPECT_FALSE(noDicom.out.contains(QStringLiteral("statusArming"))) << noDicom.out;
+
+    const KoruxRun tooLong = koruxOn({ QStringLiteral("acquire"), QStringLiteral("--dicom"),
+        QStringLiteral("--patient-id"), QString(65, QLatin1Char('7')) });
+    EXPECT_EQ(tooLong.exitCode, 2);
+    EXPECT_TRUE(tooLong.err.contains(QStringLiteral("--patient-id takes 64 characters at most")))
+        << tooLong.err;
+
+    const KoruxRun backslash = korux({ QStringLiteral("dicom"), QStringLiteral("--study"),
+        QStringLiteral("a\\b"), QStringLiteral("shot.png") });
+    EXPECT_EQ(backslash.exitCode, 2);
+    EXPECT_EQ(backslash.err.count(QLatin1Char('\n')), 1) << backslash.err;
+    EXPECT_TRUE(backslash.err.contains(QStringLiteral("dicom --study cannot hold a backslash")))
+        << backslash.err;
+
+    const KoruxRun noShot = korux({ QStringLiteral("dicom") });
+    EXPECT_EQ(noShot.exitCode, 2);
+    EXPECT_TRUE(noShot.err.startsWith(QStringLiteral("korux: wrong arguments for dicom"))) << noShot.err;
 }
 
 TEST_F(KoruxImaging, AcquireWithDicomWritesBothClassesThatValidate)

@@ -76,17 +76,24 @@ protected:
     // could put a bridge in front of the one the test chooses.
     KoruxRun korux(const QStringList& arguments) { return koruxAt(koruxPath(), arguments); }
 
-    // Runs the korux binary at program, in the test's directory.
-    KoruxRun koruxAt(const QString& program, const QStringList& arguments)
+    // Starts korux in process, in the clean environment and the test's
+    // directory, without waiting for it.
+    void startKorux(QProcess& process, const QStringList& arguments, const QString& program = koruxPath())
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.remove(QStringLiteral("KORUX_SCENARIO"));
         environment.remove(QStringLiteral("LD_LIBRARY_PATH"));
         environment.remove(QStringLiteral("LD_PRELOAD"));
-        QProcess process;
         process.setProcessEnvironment(environment);
         process.setWorkingDirectory(directory_.path());
         process.start(program, arguments);
+    }
+
+    // Runs the korux binary at program, in the test's directory.
+    KoruxRun koruxAt(const QString& program, const QStringList& arguments)
+    {
+        QProcess process;
+        startKorux(process, arguments, program);
         KoruxRun run;
         if (!process.waitForFinished(60000)) {
             process.kill();
@@ -113,11 +120,17 @@ protected:
     // waits, on the machine the scenario text describes (default: one sensor).
     KoruxRun koruxOn(const QStringList& arguments, const QString& scenario = QString())
     {
+        return korux(argumentsOn(arguments, scenario));
+    }
+
+    // korux's arguments for koruxOn (the scenario written to scenario.json).
+    QStringList argumentsOn(const QStringList& arguments, const QString& scenario = QString())
+    {
         QStringList words { QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--time-scale"),
             QStringLiteral("0") };
         if (!scenario.isEmpty())
             words << QStringLiteral("--scenario") << writeFile(QStringLiteral("scenario.json"), scenario.toUtf8());
-        return korux(words + arguments);
+        return words + arguments;
     }
 
     QString path(const QString& name) const { return directory_.filePath(name); }

@@ -1,0 +1,95 @@
+#include "tools/Interrupt.h"
+
+#include <csignal>
+#include <cstring>
+#include <unistd.h>
+
+namespace korux {
+
+namespace {
+
+constexpr int kTemporarySlots = 32;
+constexpr int kPathLength = 4096;
+
+volatile sig_atomic_t stopSignal_ = 0;
+
+// Written only outside the handler, with used set last on registration and
+// first on removal, so the handler never sees a half-written path.
+struct TemporarySlot {
+    volatile sig_atomic_t used = 0;
+    char path[kPathLength] = {};
+};
+TemporarySlot temporaries[kTemporarySlots];
+
+void onSignal(int signal)
+{
+    if (stopSignal_ == 0) {
+        stopSignal_ = signal;
+        return;
+    }
+    // Asked twice: leave now, taking only the temporary files along.
+    for (TemporarySlot& slot : temporaries)
+        if (slot.used)
+            unlink(slot.path);
+    static const char message[] = "korux: interrupted\n";
+    ssize_t ignored = write(STDERR_FILENO, message, sizeof message - 1);
+    (void)ignored;
+    _exit(128 + signal);
+}
+
+} // namespace
+
+void installSignalHandlers()
+{
+    struct sigaction action = {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    // No SA_RESTART: a blocking wait returns, and the loop around it looks.
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+int stopSignal()
+{
+    return stopSignal_;
+}
+
+void requestStop(int signal)
+{
+    if (stopSignal_ == 0)
+        stopSignal_ = signal;
+}
+
+void clearStopRequest()
+{
+    stopSignal_ = 0;
+}
+
+int stopExitStatus(int signal)
+{
+    return 128 + signal;
+}
+
+int registerTemporary(const char* path)
+{
+    if (std::strlen(path) >= static_cast<size_t>(kPathLength))
+        return -1;
+    for (int i = 0; i < kTemporarySlots; ++i) {
+        TemporarySlot& slot = temporaries[i];
+        if (slot.used)
+            continue;
+        std::strcpy(slot.path, path);
+        slot.used = 1;
+        return i;
+    }
+    return -1;
+}
+
+void unregisterTemporary(int slot)
+{
+    if (slot >= 0 && slot < kTemporarySlots)
+        temporaries[slot].used = 0;
+}
+
+} // namespace korux
