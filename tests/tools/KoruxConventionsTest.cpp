@@ -96,7 +96,8 @@ TEST_F(Korux, JsonGivesOneDocumentPerResultAndNothingElse)
         ASSERT_TRUE(document.isObject()) << line;
         documents << document.object();
     }
-    ASSERT_EQ(documents.size(), 6) << run.out;
+    // list (unit, family), counter, set, and the shot's four files.
+    ASSERT_EQ(documents.size(), 8) << run.out;
     EXPECT_EQ(
         documents.at(0).value(QStringLiteral("boardSerial")).toString(), QStringLiteral("59881DA3846E4A89"));
     EXPECT_EQ(documents.at(1).value(QStringLiteral("units")).toInt(), 1);
@@ -115,4 +116,6 @@ TEST_F(Korux, JsonGivesOneDocumentPerResultAndNothingElse)
     EXPECT_EQ(documents.at(3).value(QStringLiteral("value")).toInt(), 9);
     EXPECT_EQ(documents.at(4).value(QStringLiteral("wrote")).toString(),
         QStringLiteral("shots/59881DA3846E4A89-001235.png"));
+    EXPECT_EQ(documents.at(7).value(QStringLiteral("wrote")).toString(),
+        QStringLiteral("shots/59881DA3846E4A89-001235-oscilloscope.png"));
 }

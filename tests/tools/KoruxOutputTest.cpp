@@ -39,7 +39,9 @@ TEST_F(Korux, QuietPrintsOnlyResults)
         QStringLiteral("--out"), QStringLiteral("shots") });
     ASSERT_EQ(acquire.exitCode, 0) << acquire.err;
     EXPECT_EQ(acquire.out,
-        QStringLiteral("wrote shots/59881DA3846E4A89-001235.png\nwrote shots/59881DA3846E4A89-001235.txt\n"));
+        QStringLiteral("wrote shots/59881DA3846E4A89-001235.png\nwrote shots/59881DA3846E4A89-001235.txt\n"
+                       "wrote shots/59881DA3846E4A89-001235-preview.png\n"
+                       "wrote shots/59881DA3846E4A89-001235-oscilloscope.png\n"));
 }
 
 TEST_F(Korux, EveryReportIsHeadedByItsUnitAndBoardSerial)
