@@ -167,6 +167,14 @@ uint32_t Bridge::takeFault(uint64_t callNumber, const std::string& function)
     return status;
 }
 
+void Bridge::applyTiming(VirtualSensor& sensor) const
+{
+    const bool realistic = timing == Timing::Realistic;
+    sensor.flash.timing = realistic ? FlashTiming::realistic() : FlashTiming::instant();
+    sensor.logic.readyDelayMs = realistic ? kRealisticReadyDelayMs : 0;
+    sensor.logic.armDelayMs = realistic ? kRealisticArmDelayMs : 0;
+}
+
 void Bridge::record(TraceEntry&& entry)
 {
     if (traceEnabled)

@@ -94,6 +94,9 @@ public:
     std::map<uint64_t, int> unplugAtCall; // absolute call number -> sensor
     std::vector<int> failedDetails;
     bool linkTiming = false;
+    Timing timing = Timing::Instant;
+    // Gives a sensor the figures of the machine's timing.
+    void applyTiming(VirtualSensor& sensor) const;
 
     DriverProfile driver = kHostDriverProfile;
     uint32_t registeredIds = 0; // FT_SetVIDPID's pair, 0 when none

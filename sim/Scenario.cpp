@@ -268,10 +268,13 @@ bool readFlash(Reader& r, const QString& baseDirectory, ScenarioSensor& sensor)
 {
     return r.object("flash", [&](Reader& f) {
         QJsonArray counter;
-        if (!f.allowOnly({ "erased", "image", "counter", "timing", "PRD", "ASS", "FFC", "BLK", "DPL", "BTS",
-                "bitstream" })
+        if (!f.allowOnly({ "erased", "image", "counter", "timing", "quadEnable", "PRD", "ASS", "FFC", "BLK",
+                "DPL", "BTS", "bitstream" })
             || !f.boolean("erased", &sensor.eraseFlash) || !f.text("image", &sensor.flashImage)
             || !f.array("counter", &counter))
+            return false;
+        sensor.hasQuadEnable = f.has("quadEnable");
+        if (!f.boolean("quadEnable", &sensor.quadEnable))
             return false;
         if (f.has("BTS") && f.has("bitstream"))
             return f.fail(QStringLiteral("%1 has both \"BTS\" and \"bitstream\"; give one").arg(f.where()));
@@ -304,11 +307,13 @@ bool readFlash(Reader& r, const QString& baseDirectory, ScenarioSensor& sensor)
         }
         if (!f.object("timing", [&](Reader& t) {
                 sensor.hasTiming = true;
-                return t.allowOnly({ "busyPolls", "programUs", "eraseUs", "chipEraseUs" })
+                // No longer than the datasheet's largest figures.
+                return t.allowOnly({ "busyPolls", "programUs", "eraseUs", "chipEraseUs", "resetUs" })
                     && t.number("busyPolls", 0, 1000000, &sensor.timing.busyPolls)
-                    && t.number("programUs", 0, 10000000, &sensor.timing.programUs)
-                    && t.number("eraseUs", 0, 10000000, &sensor.timing.eraseUs)
-                    && t.number("chipEraseUs", 0, 100000000, &sensor.timing.chipEraseUs);
+                    && t.number("programUs", 0, FlashTiming::kProgramMaxUs, &sensor.timing.programUs)
+                    && t.number("eraseUs", 0, FlashTiming::kEraseMaxUs, &sensor.timing.eraseUs)
+                    && t.number("chipEraseUs", 0, FlashTiming::kChipEraseMaxUs, &sensor.timing.chipEraseUs)
+                    && t.number("resetUs", 0, FlashTiming::kResetUs, &sensor.timing.resetUs);
             }))
             return false;
         return readFile(f, "PRD", kPrdAddress, sensor) && readFile(f, "ASS", kAssAddress, sensor)
@@ -330,7 +335,7 @@ bool readSensor(
     SensorConfig& c = sensor.config;
     std::string uniqueId;
     if (!r.allowOnly({ "serial", "location", "inside", "size", "version", "uniqueId", "plugged", "status",
-            "statusQueue", "generator", "adc", "exposure", "fpga", "flash" })
+            "statusQueue", "generator", "adc", "exposure", "fpga", "flash", "delays" })
         || !r.text("serial", &c.serial, kMaxSerialLength) || !r.number("location", 0, 0xFFFFFFF0, &c.location)
         || !r.boolean("inside", &c.inside) || !r.number("size", 0, 3, &c.sizeCode)
         || !r.number("version", 0, 15, &c.version) || !r.text("uniqueId", &uniqueId)
@@ -393,6 +398,15 @@ bool readSensor(
                 && e.boolean("auto", &c.autoExposure) && e.number("delayMs", 0, 600000, &c.exposure.delayMs)
                 && e.number("durationMs", 1, 10000, &c.exposure.durationMs)
                 && e.number("doseRate", 0, 1023, &c.exposure.doseRate);
+        }))
+        return false;
+    if (!r.object("delays", [&](Reader& d) {
+            sensor.hasDelays = true;
+            return d.allowOnly({ "readyMs", "armMs", "imageLeadMs", "readoutMs" })
+                && d.number("readyMs", 0, 60000, &c.readyDelayMs)
+                && d.number("armMs", 0, 60000, &c.armDelayMs)
+                && d.number("imageLeadMs", 0, 60000, &c.imageLeadMs)
+                && d.number("readoutMs", 0, 60000, &c.readoutMs);
         }))
         return false;
     if (!r.object("fpga", [&](Reader& f) {
@@ -557,10 +571,11 @@ bool readScenario(const QJsonObject& root, const QString& baseDirectory, Scenari
     Reader r(root, "the top level", error);
     QJsonArray sensors, foreign, order, faults;
     std::string driver;
-    if (!r.allowOnly(
-            { "sensors", "foreign", "order", "faults", "linkTiming", "driver", "nonAsciiAsQuestionMark" })
+    std::string timing;
+    if (!r.allowOnly({ "sensors", "foreign", "order", "faults", "linkTiming", "driver", "nonAsciiAsQuestionMark",
+            "timing" })
         || !r.boolean("linkTiming", &scenario.linkTiming) || !r.text("driver", &driver)
-        || !r.boolean("nonAsciiAsQuestionMark", &scenario.nonAsciiAsQuestionMark)
+        || !r.boolean("nonAsciiAsQuestionMark", &scenario.nonAsciiAsQuestionMark) || !r.text("timing", &timing)
         || !r.array("sensors", &sensors) || !r.array("foreign", &foreign) || !r.array("order", &order)
         || !r.array("faults", &faults))
         return false;
@@ -571,6 +586,14 @@ bool readScenario(const QJsonObject& root, const QString& baseDirectory, Scenari
     else if (r.has("driver"))
         return r.fail(QStringLiteral("%1 must be \"linux\" or \"windows\", not \"%2\"")
                           .arg(r.path("driver"), QString::fromStdString(driver)));
+    if (r.has("timing")) {
+        scenario.hasTiming = true;
+        if (timing == "realistic")
+            scenario.timing = Timing::Realistic;
+        else if (timing != "instant")
+            return r.fail(QStringLiteral("timing must be \"realistic\" or \"instant\", not \"%1\"")
+                              .arg(QString::fromStdString(timing)));
+    }
     for (int i = 0; i < sensors.size(); ++i) {
         ScenarioSensor sensor;
         if (!readSensor(sensors[i], i, baseDirectory, sensor, error))
@@ -642,8 +665,14 @@ bool load(
     Bridge& bridge = Bridge::instance();
     std::lock_guard<std::recursive_mutex> lock(bridge.mutex);
     control.reset();
+    control.setTiming(scenario.timing);
     for (const ScenarioSensor& sensor : scenario.sensors) {
         const int index = control.addSensor(sensor.config);
+        if (sensor.hasDelays)
+            control.setSensorDelays(index, sensor.config.readyDelayMs, sensor.config.armDelayMs,
+                sensor.config.imageLeadMs, sensor.config.readoutMs);
+        if (sensor.hasQuadEnable)
+            control.setFlashQuadEnable(index, sensor.quadEnable);
         // An existing image file holds the flash as the last run left it; a
         // new one starts from the described contents.
         if (sensor.flashImageExists) {
@@ -688,7 +717,7 @@ bool load(
             break;
         }
     }
-    bridge.linkTiming = scenario.linkTiming;
+    bridge.linkTiming = scenario.linkTiming || scenario.timing == Timing::Realistic;
     bridge.driver = scenario.driver;
     bridge.nonAsciiAsQuestionMark = scenario.nonAsciiAsQuestionMark;
     return true;

@@ -28,6 +28,9 @@ struct ScenarioSensor {
     bool flashImageExists = false;
     bool hasTiming = false;
     FlashTiming timing;
+    bool hasQuadEnable = false;
+    bool quadEnable = true;
+    bool hasDelays = false;
 };
 
 struct ScenarioFault {
@@ -47,6 +50,8 @@ struct Scenario {
     bool linkTiming = false;
     DriverProfile driver = kHostDriverProfile;
     bool nonAsciiAsQuestionMark = false;
+    bool hasTiming = false;
+    Timing timing = Timing::Instant;
 };
 
 // Reads a scenario from JSON text. Relative file names in it are taken from

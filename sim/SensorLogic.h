@@ -44,6 +44,13 @@ public:
     bool autoExposure = true;
     Exposure exposure;
     uint32_t readoutMs = 300;
+    // Phases: the ready flag stays clear this long after power-on and after
+    // a configuration; the armed flag comes this long after the arm frame;
+    // the image-ready value comes this long before the image data are in.
+    uint32_t readyDelayMs = 0;
+    uint32_t armDelayMs = 0;
+    uint32_t imageLeadMs = 0;
+    void powerOn(Clock::time_point now);
     bool off = false;
     bool linkLost = false;
     int imageSizeCodeOverride = -1;
@@ -60,6 +67,8 @@ public:
     void trigger(const Exposure& exposure);
     // Size code written into images from now on, and into the one held.
     void setImageSizeCode(int code);
+    // Holds a dark image unless an image is there already.
+    void holdDarkImage() { ensureImage(); }
 
     ArmRecord arm;
     int exposures = 0;
@@ -77,7 +86,8 @@ private:
     void finishImage();
     void decodeLogicFrame();
     void decodeConfigFrame();
-    uint8_t flags() const;
+    uint8_t flags(Clock::time_point now) const;
+    Clock::time_point armedAt() const;
     std::vector<uint8_t> statusAnswer();
     std::vector<uint8_t> insideAnswer() const;
     std::vector<uint8_t> oscilloscopeAnswer(Clock::time_point now);
@@ -87,6 +97,7 @@ private:
     uint32_t seed_;
     Phase phase_ = Phase::Idle;
     Clock::time_point armTime_ {};
+    Clock::time_point readyAt_ {};
     Clock::time_point exposureStart_ {};
     Clock::time_point exposureEnd_ {};
     uint32_t exposureMs_ = 0;
@@ -111,7 +122,8 @@ private:
     Lines parameterLines_ = Lines::Single;
     const uint8_t* answer_ = nullptr;
     size_t answerSize_ = 0;
-    size_t answerPos_ = 0;
+    uint64_t answerClock_ = 0; // clocks of the answer so far
+    Lines answerLines_ = Lines::Quad;
     std::vector<uint8_t> answerStore_;
     uint8_t answerFill_ = 0;
 

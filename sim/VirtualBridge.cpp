@@ -76,6 +76,7 @@ void VirtualBridge::reset()
     // the machine: they stay.
     b.driver = kHostDriverProfile;
     b.nonAsciiAsQuestionMark = false;
+    b.timing = Timing::Instant;
 }
 
 void VirtualBridge::resetToDefault()
@@ -117,6 +118,15 @@ int VirtualBridge::addSensor(const SensorConfig& config)
     if (chosen.location == 0)
         chosen.location = kFirstLocation + kLocationStep * static_cast<uint32_t>(index);
     auto sensor = std::make_unique<VirtualSensor>(chosen);
+    if (b.timing == Timing::Realistic) {
+        // The configuration's own delays win over the machine's figures.
+        b.applyTiming(*sensor);
+        if (chosen.readyDelayMs)
+            sensor->logic.readyDelayMs = chosen.readyDelayMs;
+        if (chosen.armDelayMs)
+            sensor->logic.armDelayMs = chosen.armDelayMs;
+        sensor->logic.powerOn(SensorLogic::Clock::now());
+    }
     if (chosen.defaultFlash) {
         DefaultFlash content;
         content.serial = std::to_string(kFirstBoardSerial + index);
@@ -244,6 +254,12 @@ void VirtualBridge::loseLink(int sensor, bool lost)
     locked.bridge.sensor(sensor).logic.linkLost = lost;
 }
 
+void VirtualBridge::holdDarkImage(int sensor)
+{
+    Locked locked;
+    locked.bridge.sensor(sensor).logic.holdDarkImage();
+}
+
 void VirtualBridge::setImageSizeCode(int sensor, int code)
 {
     Locked locked;
@@ -338,6 +354,18 @@ void VirtualBridge::setFlashTiming(int sensor, const FlashTiming& timing)
 {
     Locked locked;
     locked.bridge.sensor(sensor).flash.timing = timing;
+}
+
+void VirtualBridge::setFlashQuadEnable(int sensor, bool enabled)
+{
+    Locked locked;
+    locked.bridge.sensor(sensor).flash.quadEnable = enabled;
+}
+
+uint8_t VirtualBridge::flashStatus(int sensor) const
+{
+    Locked locked;
+    return locked.bridge.sensor(sensor).flash.statusRegister1();
 }
 
 FlashStats VirtualBridge::flashStats(int sensor) const
@@ -502,6 +530,33 @@ void VirtualBridge::clearFaults()
     b.callNumberFaults.clear();
     b.unplugAtCall.clear();
     b.failedDetails.clear();
+}
+
+void VirtualBridge::setTiming(Timing timing)
+{
+    Locked locked;
+    Bridge& b = locked.bridge;
+    b.timing = timing;
+    b.linkTiming = timing == Timing::Realistic;
+    for (auto& sensor : b.sensors)
+        b.applyTiming(*sensor);
+}
+
+Timing VirtualBridge::timing() const
+{
+    Locked locked;
+    return locked.bridge.timing;
+}
+
+void VirtualBridge::setSensorDelays(
+    int sensor, uint32_t readyDelayMs, uint32_t armDelayMs, uint32_t imageLeadMs, uint32_t readoutMs)
+{
+    Locked locked;
+    SensorLogic& logic = locked.bridge.sensor(sensor).logic;
+    logic.readyDelayMs = readyDelayMs;
+    logic.armDelayMs = armDelayMs;
+    logic.imageLeadMs = imageLeadMs;
+    logic.readoutMs = readoutMs;
 }
 
 void VirtualBridge::setLinkTiming(bool on)

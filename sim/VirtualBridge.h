@@ -46,11 +46,30 @@ struct Exposure {
     uint16_t doseRate = 700; // photodiode level while exposed (dark is 428)
 };
 
+// How long the NOR flash is busy. Instant timing: no time passes, but the
+// first busyPolls status reads after a program or erase still see the busy
+// bit. Realistic timing: the datasheet's typical times.
 struct FlashTiming {
     uint32_t busyPolls = 2; // status reads that see the busy bit after a program or erase
     uint32_t programUs = 0; // and at least this long after a page program
     uint32_t eraseUs = 0; // after a sector erase
     uint32_t chipEraseUs = 0; // after a chip erase
+    uint32_t resetUs = 0; // after a software reset, before the chip takes a command
+
+    // Typical and largest figures of the datasheet (25Q128 class).
+    static constexpr uint32_t kProgramTypicalUs = 700;
+    static constexpr uint32_t kProgramMaxUs = 3000;
+    static constexpr uint32_t kEraseTypicalUs = 45000;
+    static constexpr uint32_t kEraseMaxUs = 400000;
+    static constexpr uint32_t kChipEraseTypicalUs = 25000000;
+    static constexpr uint32_t kChipEraseMaxUs = 200000000;
+    static constexpr uint32_t kResetUs = 30;
+
+    static FlashTiming instant() { return FlashTiming(); }
+    static FlashTiming realistic()
+    {
+        return FlashTiming { 0, kProgramTypicalUs, kEraseTypicalUs, kChipEraseTypicalUs, kResetUs };
+    }
 };
 
 struct FlashStats {
@@ -61,6 +80,8 @@ struct FlashStats {
     uint64_t zeroToOneAttempts = 0; // programs that asked a 0 bit to become 1
     uint64_t ignoredWhileBusy = 0;
     uint64_t ignoredWithoutWriteEnable = 0;
+    uint64_t ignoredInexactFrames = 0; // chip select not released right after the frame's last bit
+    uint64_t interrupted = 0; // programs and erases cut short by a reset or a power loss
 };
 
 struct SensorConfig {
@@ -82,6 +103,12 @@ struct SensorConfig {
     Exposure exposure;
     // From the end of an integration to the image being ready to read.
     uint32_t readoutMs = 300;
+    // The ready flag stays clear this long after power-on and after a
+    // configuration; the armed flag comes this long after the arm frame; the
+    // image-ready value comes this long before the image data are complete.
+    uint32_t readyDelayMs = 0;
+    uint32_t armDelayMs = 0;
+    uint32_t imageLeadMs = 0;
     bool fpgaConfigured = true;
     uint32_t fpgaDeviceId = 0x412B4043;
     // Flash holds a realistic set of files and a counter when true;
@@ -168,6 +195,16 @@ struct ArmRecord {
     uint32_t ace = 0; // 24 bits
 };
 
+// How fast the machine is. Instant: busy times and delays are 0 (the rules
+// still hold: a busy flash still ignores commands until a status read has
+// seen it busy). Realistic: the parts' typical figures, and transfers take as
+// long as on the wire (40 MHz, four lines, a USB transaction each).
+enum class Timing { Instant, Realistic };
+
+// Typical delays of the sensor logic in realistic timing.
+constexpr uint32_t kRealisticReadyDelayMs = 300; // start-up after power-on or configuration
+constexpr uint32_t kRealisticArmDelayMs = 50; // arm frame to armed flag
+
 class VirtualBridge {
 public:
     // The process-wide bridge that the exported C functions answer from.
@@ -215,6 +252,9 @@ public:
     // The sensor reports itself off (flag 0x10) or its link lost (0x20).
     void switchOff(int sensor, bool off = true);
     void loseLink(int sensor, bool lost = true);
+    // The sensor holds an image as after an exposure without X-rays (until
+    // then the image blocks read zeros), for read-out tests without arming.
+    void holdDarkImage(int sensor);
     // Size code put into the images (0 to 3), or -1 for the sensor's own.
     void setImageSizeCode(int sensor, int code);
     ArmRecord lastArm(int sensor) const;
@@ -237,6 +277,12 @@ public:
     void setUniqueId(int sensor, uint64_t id);
     uint64_t uniqueId(int sensor) const;
     void setFlashTiming(int sensor, const FlashTiming& timing);
+    // The quad-enable bit of the flash's status register 2 (set at the
+    // factory); clear, the chip refuses its quad commands (0x32, 0xEB).
+    void setFlashQuadEnable(int sensor, bool enabled);
+    // The status register 1 as a read would give it now (without counting as
+    // a read).
+    uint8_t flashStatus(int sensor) const;
     FlashStats flashStats(int sensor) const;
     void clearFlashStats(int sensor);
     // Power fails during the nth program or erase from now: the page or
@@ -289,6 +335,13 @@ public:
     // The driver hands each non-ASCII byte of its texts (descriptions and
     // serials) as '?', as the Linux driver is reported to do for serials.
     void setNonAsciiAsQuestionMark(bool on);
+    // The machine's speed, for every sensor now and for those added later.
+    void setTiming(Timing timing);
+    Timing timing() const;
+    // The sensor logic's delays (SensorConfig's readyDelayMs, armDelayMs,
+    // imageLeadMs and readoutMs).
+    void setSensorDelays(
+        int sensor, uint32_t readyDelayMs, uint32_t armDelayMs, uint32_t imageLeadMs, uint32_t readoutMs);
 
     // Wire time: quad SPI at 40 MHz over USB 2.0 (transfers take as long as
     // on the bus) when on; everything answers at once when off (default).

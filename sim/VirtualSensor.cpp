@@ -31,12 +31,17 @@ VirtualSensor::VirtualSensor(const SensorConfig& sensorConfig)
     logic.autoExposure = config.autoExposure;
     logic.exposure = config.exposure;
     logic.readoutMs = config.readoutMs;
+    logic.readyDelayMs = config.readyDelayMs;
+    logic.armDelayMs = config.armDelayMs;
+    logic.imageLeadMs = config.imageLeadMs;
+    logic.powerOn(SensorLogic::Clock::now());
     logic.configured = config.fpgaConfigured;
     logic.fpgaDeviceId = config.fpgaDeviceId;
     converter.raw = config.adcRaw;
     if (config.uniqueId == 0)
         config.uniqueId = serialHash(config.serial);
     flash.uniqueId = config.uniqueId;
+    flash.seed = static_cast<uint32_t>(serialHash(config.serial) >> 32);
     gpio.setInside(config.inside);
     // PROGRAMN low restarts the FPGA's configuration.
     gpio.onProgramPulse = [this] { logic.configurationReset(); };
@@ -53,6 +58,7 @@ void VirtualSensor::powerDown()
         interface.handle = 0;
         interface.port.dropPower();
     }
+    flash.powerDown();
 }
 
 void VirtualSensor::powerUp()

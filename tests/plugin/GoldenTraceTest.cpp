@@ -31,7 +31,8 @@ void compareWithGolden(const QString& name, const QStringList& lines)
         QTextStream(&file) << lines.join('\n') << '\n';
         return;
     }
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly | QIODevice::Text)) << "missing " << goldenPath(name).toStdString();
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly | QIODevice::Text))
+        << "missing " << goldenPath(name).toStdString();
     QStringList golden = QString::fromUtf8(file.readAll()).split('\n');
     if (!golden.isEmpty() && golden.last().isEmpty())
         golden.removeLast();
@@ -53,7 +54,7 @@ protected:
     }
 };
 
-}  // namespace
+} // namespace
 
 TEST_F(GoldenTrace, Enumeration)
 {
@@ -88,6 +89,7 @@ TEST_F(GoldenTrace, ArmingAndImageReadOut)
     // Arming, then the read-out the polling makes once the image is there.
     ASSERT_TRUE(host.unit()->armSensor(true, false));
     QVeltraXRayKORUXPlugInUnit* unit = host.unit();
+    host.bridge().holdDarkImage(0);
     ASSERT_TRUE(unit->readImage(false));
     compareWithGolden("arm-and-read-out", traceLines());
 }
