@@ -242,7 +242,8 @@ bool readFile(Reader& r, const QString& name, uint32_t address, ScenarioSensor& 
 bool readBitstream(Reader& r, ScenarioSensor& sensor)
 {
     return r.object("bitstream", [&](Reader& b) {
-        if (!b.allowOnly({ "date", "lattice", "size", "seed", "truncate", "corrupt", "firstByte" }))
+        if (!b.allowOnly(
+                { "date", "lattice", "size", "seed", "truncate", "corrupt", "firstByte", "deviceId" }))
             return false;
         BitstreamHeader header;
         int64_t size = 30000, seed = 15, truncate = 0, firstByte = 0xFF;
@@ -250,7 +251,8 @@ bool readBitstream(Reader& r, ScenarioSensor& sensor)
         if (!b.text("date", &header.date) || !b.text("lattice", &header.lattice)
             || !b.integer("size", 256, 0x3FFFF0, &size) || !b.integer("seed", 0, 0xFFFFFFFF, &seed)
             || !b.integer("truncate", 0, 0x3FFFF0, &truncate) || !b.boolean("corrupt", &corrupt)
-            || !b.integer("firstByte", 0, 255, &firstByte))
+            || !b.integer("firstByte", 0, 255, &firstByte)
+            || !b.number("deviceId", 0, 0xFFFFFFFF, &header.deviceId))
             return false;
         std::vector<uint8_t> bytes
             = makeBitstream(header, static_cast<uint32_t>(size), static_cast<uint32_t>(seed));

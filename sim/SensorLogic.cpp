@@ -28,8 +28,12 @@ constexpr uint8_t kLatticeEnable = 0xC6;
 constexpr uint8_t kLatticeBurst = 0x7A;
 constexpr uint8_t kLatticeReadStatus = 0x3C;
 constexpr uint8_t kLatticeDisable = 0x26;
+// Status register (0x3C): DONE, ISC enabled, Fail, and the error code in
+// bits 25-23.
 constexpr uint32_t kLatticeDone = 0x100;
 constexpr uint32_t kLatticeEnabled = 0x200;
+constexpr uint32_t kLatticeFail = 0x2000;
+constexpr int kLatticeErrorShift = 23;
 
 // What an FPGA without configuration puts on the bus: read as a status
 // word it is flags 0x22, size 2, version 8, diode 0x88.
@@ -81,6 +85,7 @@ void SensorLogic::configurationReset()
     configured = false;
     configMode_ = false;
     done_ = false;
+    error_ = ConfigError::None;
     burst_ = false;
     phase_ = Phase::Idle;
 }
@@ -371,7 +376,9 @@ void SensorLogic::decodeConfigFrame()
             static_cast<uint8_t>(fpgaDeviceId >> 8), static_cast<uint8_t>(fpgaDeviceId) };
         break;
     case kLatticeReadStatus: {
-        const uint32_t status = (done_ ? kLatticeDone : 0) | (configMode_ ? kLatticeEnabled : 0);
+        const uint32_t status = (done_ ? kLatticeDone : 0) | (configMode_ ? kLatticeEnabled : 0)
+            | (error_ != ConfigError::None ? kLatticeFail : 0)
+            | (static_cast<uint32_t>(error_) << kLatticeErrorShift);
         answerStore_ = { static_cast<uint8_t>(status >> 24), static_cast<uint8_t>(status >> 16),
             static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status) };
         break;
@@ -386,6 +393,7 @@ void SensorLogic::decodeConfigFrame()
         if (configMode_) {
             burst_ = true;
             done_ = false;
+            error_ = ConfigError::None;
             burstData_.clear();
             burstTotal_ = 0;
         }
@@ -435,7 +443,13 @@ size_t SensorLogic::feedBurst(const uint8_t* data, size_t count)
     used += take;
     if (burstData_.size() >= burstTotal_) {
         burst_ = false;
-        done_ = bitstreamIntact(burstData_);
+        // A bitstream for another device, or one that fails its check, is
+        // refused: DONE stays clear and the status says why.
+        if (!bitstreamIntact(burstData_))
+            error_ = ConfigError::Crc;
+        else if (bitstreamDeviceId(burstData_) != fpgaDeviceId)
+            error_ = ConfigError::Id;
+        done_ = error_ == ConfigError::None;
         loadedBitstream = burstData_;
     }
     return used;
@@ -534,6 +548,7 @@ void SensorLogic::deselect()
         // The chip select rose in the middle of the bitstream.
         burst_ = false;
         done_ = false;
+        error_ = ConfigError::Abort;
         loadedBitstream = burstData_;
     }
     frame_.clear();

@@ -128,8 +128,11 @@ private:
     uint8_t answerFill_ = 0;
 
     // Configuration port.
+    // Error codes of the status register.
+    enum class ConfigError : uint32_t { None = 0, Id = 1, Crc = 3, Abort = 5 };
     bool configMode_ = false;
     bool done_ = false;
+    ConfigError error_ = ConfigError::None;
     bool burst_ = false;
     std::vector<uint8_t> burstData_;
     size_t burstTotal_ = 0;

@@ -86,17 +86,15 @@ RunResult runSequence(Fault fault, uint64_t call)
         bool same = sent.size() == static_cast<size_t>(image.width()) * image.height();
         for (int y = 0; same && y < image.height(); ++y) {
             const auto* row = reinterpret_cast<const uint16_t*>(image.constScanLine(y));
-            same
-                = std::equal(row, row + image.width(), sent.begin() + static_cast<size_t>(y) * image.width());
+            same = std::equal(row, row + image.width(), sent.begin() + static_cast<size_t>(y) * image.width());
         }
         result.imageIntact = same;
     }
-    result.failureLogged = std::any_of(host.seen().all.begin(), host.seen().all.end(),
-        [](const QString& line) { return korux::isFailureLine(line); });
+    result.failureLogged = std::any_of(
+        host.seen().all.begin(), host.seen().all.end(), [](const QString& line) { return korux::isFailureLine(line); });
     result.openHandles = host.bridge().openHandleCount();
     result.unitStatus = host.unitCount() > 0 ? host.unit(0)->status() : -1;
-    result.lastLines
-        = host.seen().all.mid(std::max(0, host.seen().all.size() - 6)).join(QStringLiteral(" | "));
+    result.lastLines = host.seen().all.mid(std::max(0, host.seen().all.size() - 6)).join(QStringLiteral(" | "));
 
     result.counterCut = host.bridge().flashStats(0).interrupted > 0;
     host.bridge().clearFaults();
@@ -125,9 +123,8 @@ std::string describe(Fault fault, uint64_t call, const RunResult& result)
 {
     std::ostringstream text;
     text << (fault == Fault::Unplug ? "unplug before" : "failing") << " call " << call << ": status "
-         << result.status << " (unit " << result.unitStatus << "), images " << result.images << ", counter +"
-         << result.counterAdvance << ", handles " << result.openHandles
-         << ", last log: " << result.lastLines.toStdString();
+         << result.status << " (unit " << result.unitStatus << "), images " << result.images << ", counter +" << result.counterAdvance
+         << ", handles " << result.openHandles << ", last log: " << result.lastLines.toStdString();
     return text.str();
 }
 
@@ -149,8 +146,7 @@ void checkRun(Fault fault, uint64_t call)
     // on from and keeps reading the status every 250 ms. The host sees the
     // unit's statusError and the failure in the log.
     const bool armedWithUnitError = result.status == statusArmed && result.unitStatus == statusError;
-    EXPECT_TRUE(
-        armedWithUnitError || std::find(defined.begin(), defined.end(), result.status) != defined.end())
+    EXPECT_TRUE(armedWithUnitError || std::find(defined.begin(), defined.end(), result.status) != defined.end())
         << what;
     // Unplugged while the flash still programs the counter slot (or erases
     // the area at a wrap), the update is left half done, and the plug-in
@@ -174,7 +170,7 @@ void checkRun(Fault fault, uint64_t call)
     EXPECT_TRUE(result.foundAgain) << "not found again: " << what;
 }
 
-class FaultSweep : public ::testing::TestWithParam<int> { };
+class FaultSweep : public ::testing::TestWithParam<int> {};
 
 } // namespace
 

@@ -42,15 +42,14 @@ protected:
     }
 };
 
-} // namespace
+}  // namespace
 
 TEST_F(AcquisitionTest, ShortExposureGoesFromArmedToDeliveredImage)
 {
     start();
     const uint32_t before = host.storedCounter();
     ASSERT_TRUE(acquire());
-    EXPECT_EQ(host.seen().statuses,
-        (std::vector<int> { statusArming, statusArmed, statusAcquiring, statusAcquired }));
+    EXPECT_EQ(host.seen().statuses, (std::vector<int>{statusArming, statusArmed, statusAcquiring, statusAcquired}));
     ASSERT_EQ(host.seen().images.size(), 1u);
     const SignalLog::Image& delivered = host.seen().images[0];
     EXPECT_FALSE(delivered.withBlack);
@@ -91,8 +90,8 @@ TEST_F(AcquisitionTest, ArmFrameCarriesThresholdAndAceOnFourLines)
             arms.push_back(entry);
     ASSERT_EQ(arms.size(), 1u);
     // Firmware version 2 scales its own energy: coefficient 1, so ACE = 25000.
-    EXPECT_EQ(hex(arms[0].written), hex(bytes({ 0xA1, 0x00, 0xCA, 0xFE, 0x41, 0xB8, 0x00, 0x61, 0xA8 })));
-    EXPECT_EQ(arms[0].args, (std::vector<int64_t> { 4, 5, 0 }));
+    EXPECT_EQ(hex(arms[0].written), hex(bytes({0xA1, 0x00, 0xCA, 0xFE, 0x41, 0xB8, 0x00, 0x61, 0xA8})));
+    EXPECT_EQ(arms[0].args, (std::vector<int64_t>{4, 5, 0}));
     EXPECT_EQ(host.bridge().lastArm(0).threshold, 440);
     EXPECT_EQ(host.bridge().lastArm(0).ace, 25000u);
     EXPECT_TRUE(host.seen().hasLog("arm ACE coeff=1 - value=25000"));
@@ -128,8 +127,7 @@ TEST_F(AcquisitionTest, LargeSensorDeliversTheLargeImage)
     // 67 full blocks and the rounded last read.
     int blocks = 0;
     for (const auto& entry : host.calls("FT4222_SPIMaster_MultiReadWrite"))
-        if (entry.written.size() == 4 && entry.written[0] == 0xA0 && entry.written[1] >= 0x80
-            && entry.written[1] != 0xE4)
+        if (entry.written.size() == 4 && entry.written[0] == 0xA0 && entry.written[1] >= 0x80 && entry.written[1] != 0xE4)
             ++blocks;
     EXPECT_EQ(blocks, 68);
 }
@@ -292,7 +290,7 @@ TEST_F(AcquisitionTest, FailedBlockInTheMiddleDeliversNoStaleImage)
         if (status == statusAcquiring)
             host.bridge().failCall("FT4222_SPIMaster_MultiReadWrite", 3, FT4222_IO_ERROR);
     });
-    host.family().gotoStatus(statusEnumerating); // 27 -> 9
+    host.family().gotoStatus(statusEnumerating);  // 27 -> 9
     ASSERT_EQ(host.family().status(), statusReady);
     ASSERT_TRUE(acquire());
     ASSERT_EQ(host.seen().images.size(), 2u);
@@ -305,19 +303,19 @@ TEST_F(AcquisitionTest, FailedBlockInTheMiddleDeliversNoStaleImage)
 TEST_F(AcquisitionTest, NotReadySensorIsRetriedOnceThenFails)
 {
     start();
-    host.bridge().setStatusWord(0, { 0x00, 428, 2, 1 });
+    host.bridge().setStatusWord(0, {0x00, 428, 2, 1});
     host.family().gotoStatus(statusArming);
     EXPECT_EQ(host.seen().count("[yellow]Retry arming"), 1);
     EXPECT_TRUE(host.seen().hasAdvanced("[red]The sensor is not OK"));
     EXPECT_EQ(host.family().status(), statusError);
     EXPECT_EQ(host.unit()->status(), statusError);
-    EXPECT_EQ(host.seen().statuses, (std::vector<int> { statusArming, statusError }));
+    EXPECT_EQ(host.seen().statuses, (std::vector<int>{statusArming, statusError}));
 }
 
 TEST_F(AcquisitionTest, SlowNotReadySensorIsNotRetried)
 {
     start();
-    host.bridge().setStatusWord(0, { 0x00, 428, 2, 1 });
+    host.bridge().setStatusWord(0, {0x00, 428, 2, 1});
     // Twenty waits of 250 ms stretched to over two seconds in all.
     setSleepTimeScale(0.45);
     host.family().gotoStatus(statusArming);
@@ -391,9 +389,9 @@ TEST_F(AcquisitionTest, LastReadOfTheSmallImageAsksFor3328Bytes)
     ASSERT_TRUE(unit->readImage(false));
     const auto transfers = host.calls("FT4222_SPIMaster_MultiReadWrite");
     ASSERT_EQ(transfers.size(), 47u);
-    EXPECT_EQ(hex(transfers.back().written), hex(bytes({ 0xA0, 0x80 + 46, 0xCA, 0xFE })));
-    EXPECT_EQ(transfers.back().args, (std::vector<int64_t> { 4, 0, 3328 }));
-    EXPECT_EQ(transfers[1].args, (std::vector<int64_t> { 4, 0, 65408 }));
+    EXPECT_EQ(hex(transfers.back().written), hex(bytes({0xA0, 0x80 + 46, 0xCA, 0xFE})));
+    EXPECT_EQ(transfers.back().args, (std::vector<int64_t>{4, 0, 3328}));
+    EXPECT_EQ(transfers[1].args, (std::vector<int64_t>{4, 0, 65408}));
 }
 
 TEST_F(AcquisitionTest, FailedFirstBlockClearsTheImage)
@@ -437,7 +435,7 @@ TEST_F(AcquisitionTest, HasImageWithAnotherSizeIsAFamilyError)
 TEST_F(AcquisitionTest, VoltageReportScalesTheConverterValues)
 {
     vbridge::SensorConfig config;
-    config.adcRaw = { { 1023, 0, 1023, 512 } };
+    config.adcRaw = {{1023, 0, 1023, 512}};
     start(config);
     long fpgaHigh = 0, fpgaLow = -1, usb = 0, sensor = 0;
     ASSERT_TRUE(host.unit()->getVoltages(&fpgaHigh, &fpgaLow, &usb, &sensor));
@@ -449,13 +447,12 @@ TEST_F(AcquisitionTest, VoltageReportScalesTheConverterValues)
     const QJsonObject values = reportValues(host.seen().data[0]);
     EXPECT_EQ(values.value("FPGA High").toVariant().toLongLong(), 3296);
     EXPECT_EQ(values.value("USB").toVariant().toLongLong(), 6592);
-    EXPECT_TRUE(
-        host.seen().data[0].contains(QString("KORUX-KORUX2 Series %1").arg(host.unit()->boardSerial())));
+    EXPECT_TRUE(host.seen().data[0].contains(QString("KORUX-KORUX2 Series %1").arg(host.unit()->boardSerial())));
     std::vector<std::string> frames;
     for (const auto& entry : host.calls("FT4222_SPIMaster_SingleReadWrite"))
         if (entry.port == 'B')
             frames.push_back(hex(entry.written));
-    EXPECT_EQ(frames, (std::vector<std::string> { "01 80 00", "01 90 00", "01 a0 00", "01 b0 00" }));
+    EXPECT_EQ(frames, (std::vector<std::string>{"01 80 00", "01 90 00", "01 a0 00", "01 b0 00"}));
 }
 
 TEST_F(AcquisitionTest, VoltagesWithoutOutputsAreStillMeasuredAndReported)
@@ -463,8 +460,7 @@ TEST_F(AcquisitionTest, VoltagesWithoutOutputsAreStillMeasuredAndReported)
     start();
     host.family().gotoStatus(commandGetVoltages);
     ASSERT_EQ(host.seen().data.size(), 1);
-    EXPECT_EQ(
-        reportValues(host.seen().data[0]).value("FPGA High").toVariant().toLongLong(), 620 * 3300 / 1024);
+    EXPECT_EQ(reportValues(host.seen().data[0]).value("FPGA High").toVariant().toLongLong(), 620 * 3300 / 1024);
 }
 
 TEST_F(AcquisitionTest, ConverterFailureOnChannelTwoKeepsTheFirstTwo)
@@ -474,7 +470,7 @@ TEST_F(AcquisitionTest, ConverterFailureOnChannelTwoKeepsTheFirstTwo)
     ASSERT_TRUE(unit->openPorts());
     // Port B's transfers are the only single-line exchanges after its set-up.
     host.bridge().failCall("FT4222_SPIMaster_SingleReadWrite", 3, FT4222_IO_ERROR);
-    long values[4] = { 0, 0, 0, 0 };
+    long values[4] = {0, 0, 0, 0};
     EXPECT_FALSE(unit->getVoltages(&values[0], &values[1], &values[2], &values[3]));
     EXPECT_EQ(values[0], 620 * 3300 / 1024);
     EXPECT_EQ(values[1], 310 * 3300 / 1024);
@@ -489,9 +485,9 @@ TEST_F(AcquisitionTest, ParameterReportGathersEverything)
     host.family().gotoStatus(commandGetParameters);
     ASSERT_FALSE(host.seen().data.isEmpty());
     const QJsonObject values = reportValues(host.seen().data.last());
-    for (const char* key : { "FPGA High", "FPGA Low", "USB", "Sensor", "SensorSerial", "HardwareSerial",
-             "Firmware", "Serial", "Model", "Protocol", "Technology", "Size", "ShootCounter", "CodeName",
-             "Manufacturer", "Generator" })
+    for (const char* key : {"FPGA High", "FPGA Low", "USB", "Sensor", "SensorSerial", "HardwareSerial", "Firmware",
+                            "Serial", "Model", "Protocol", "Technology", "Size", "ShootCounter", "CodeName",
+                            "Manufacturer", "Generator"})
         EXPECT_TRUE(values.contains(key)) << key;
     EXPECT_EQ(values.value("ShootCounter").toInt(), 1234);
     EXPECT_EQ(values.value("Protocol").toString(), "USB");

@@ -114,7 +114,7 @@ protected:
     }
 };
 
-} // namespace
+}  // namespace
 
 TEST_F(FlashTest, SerialNumberIsTheFlashUniqueIdentifier)
 {
@@ -125,7 +125,7 @@ TEST_F(FlashTest, SerialNumberIsTheFlashUniqueIdentifier)
     const auto exchanges = portCWrites("FT4222_SPIMaster_SingleReadWrite");
     bool sent = false;
     for (const auto& entry : exchanges)
-        if (hex(entry.written) == hex(bytes({ 0x4B, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0 })))
+        if (hex(entry.written) == hex(bytes({0x4B, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0})))
             sent = true;
     EXPECT_TRUE(sent);
     ASSERT_EQ(host.seen().data.size(), 1);
@@ -140,8 +140,8 @@ TEST_F(FlashTest, ReadAboveTwentyFourBitsSendsOnlyTheLowAddressBytes)
     ASSERT_TRUE(KoruxUnitAccess::readFlash(*unit, page, 256, 0x1234567));
     const auto reads = portCWrites("FT4222_SPIMaster_MultiReadWrite");
     ASSERT_EQ(reads.size(), 1u);
-    EXPECT_EQ(hex(reads[0].written), hex(bytes({ 0xEB, 0x23, 0x45, 0x67, 0xF0, 0x00, 0x00 })));
-    EXPECT_EQ(reads[0].args, (std::vector<int64_t> { 1, 6, 256 }));
+    EXPECT_EQ(hex(reads[0].written), hex(bytes({0xEB, 0x23, 0x45, 0x67, 0xF0, 0x00, 0x00})));
+    EXPECT_EQ(reads[0].args, (std::vector<int64_t>{1, 6, 256}));
     EXPECT_TRUE(host.seen().hasLog("readFlash @0x01234567"));
 }
 
@@ -168,7 +168,7 @@ TEST_F(FlashTest, EraseOfOneSectorSendsSixteenCommandsForIt)
     ASSERT_TRUE(KoruxUnitAccess::eraseFlash(*unit, 0x123000, 4096));
     std::vector<std::string> expected;
     for (int k = 0; k < 16; ++k)
-        expected.push_back(hex(bytes({ 0x20, 0x12, 0x30 + k, 0x00 })));
+        expected.push_back(hex(bytes({0x20, 0x12, 0x30 + k, 0x00})));
     EXPECT_EQ(eraseCommands(), expected);
     EXPECT_EQ(host.bridge().flashContents(0, 0x123000, 4096), std::vector<uint8_t>(4096, 0xFF));
     // Write enable goes out once, before the loop, and each erase clears it:
@@ -200,7 +200,7 @@ TEST_F(FlashTest, WriteOfTenBytesErasesOnceAndProgramsAWholeSector)
     std::vector<uint8_t> data = pattern(4096, 7);
     host.bridge().setFlashContents(0, 0x300000, pattern(4096, 9));
     ASSERT_TRUE(KoruxUnitAccess::writeFlash(*unit, data.data(), 10, 0x300000, true, false));
-    EXPECT_EQ(eraseCommands(), (std::vector<std::string> { hex(bytes({ 0x20, 0x30, 0x00, 0x00 })) }));
+    EXPECT_EQ(eraseCommands(), (std::vector<std::string>{hex(bytes({0x20, 0x30, 0x00, 0x00}))}));
     EXPECT_EQ(host.bridge().flashContents(0, 0x300000, 4096), quadProgramOfSingleLineData(data));
     EXPECT_EQ(host.bridge().flashStats(0).pagePrograms, 16u);
     EXPECT_EQ(host.bridge().flashStats(0).zeroToOneAttempts, 0u);
@@ -235,7 +235,7 @@ TEST_F(FlashTest, ResetSendsResetEnableThenReset)
     std::vector<std::string> frames;
     for (const auto& entry : portCWrites("FT4222_SPIMaster_SingleReadWrite"))
         frames.push_back(hex(entry.written));
-    EXPECT_EQ(frames, (std::vector<std::string> { "66", "99" }));
+    EXPECT_EQ(frames, (std::vector<std::string>{"66", "99"}));
     EXPECT_TRUE(host.seen().hasAdvanced("resetFlash success."));
 }
 
@@ -249,11 +249,10 @@ TEST_F(FlashTest, BusyFlagFollowsTheChip)
 TEST_F(FlashTest, FiveByteFileIsCopiedFromOffsetSixteen)
 {
     giveBoardSerial();
-    putFile(0x010000, { 1, 2, 3, 4, 5 });
+    putFile(0x010000, {1, 2, 3, 4, 5});
     ASSERT_TRUE(unit->readFFCFile(false));
     EXPECT_EQ(fileBytes(kBoardSerial + ".FFC"), QByteArray("\x01\x02\x03\x04\x05", 5));
-    EXPECT_TRUE(host.seen().hasAdvanced(
-        "file created successfully " + QDir(host.directory()).filePath(kBoardSerial + ".FFC")));
+    EXPECT_TRUE(host.seen().hasAdvanced("file created successfully " + QDir(host.directory()).filePath(kBoardSerial + ".FFC")));
     EXPECT_EQ(host.bridge().openHandleCount(), 0);
 }
 
@@ -264,8 +263,7 @@ TEST_F(FlashTest, FileOfExactly4080BytesNeedsNoSecondRead)
     putFile(0x500000, content);
     ASSERT_TRUE(unit->readBLKFile(false));
     EXPECT_EQ(portCWrites("FT4222_SPIMaster_MultiReadWrite").size(), 1u);
-    EXPECT_EQ(
-        fileBytes(kBoardSerial + ".BLK"), QByteArray(reinterpret_cast<const char*>(content.data()), 4080));
+    EXPECT_EQ(fileBytes(kBoardSerial + ".BLK"), QByteArray(reinterpret_cast<const char*>(content.data()), 4080));
 }
 
 TEST_F(FlashTest, FileOf4081BytesReadsOneMoreChunkForOneByte)
@@ -276,8 +274,8 @@ TEST_F(FlashTest, FileOf4081BytesReadsOneMoreChunkForOneByte)
     ASSERT_TRUE(unit->readBLKFile(false));
     const auto reads = portCWrites("FT4222_SPIMaster_MultiReadWrite");
     ASSERT_EQ(reads.size(), 2u);
-    EXPECT_EQ(reads[1].args, (std::vector<int64_t> { 1, 6, 61440 }));
-    EXPECT_EQ(hex(reads[1].written), hex(bytes({ 0xEB, 0x50, 0x10, 0x00, 0xF0, 0x00, 0x00 })));
+    EXPECT_EQ(reads[1].args, (std::vector<int64_t>{1, 6, 61440}));
+    EXPECT_EQ(hex(reads[1].written), hex(bytes({0xEB, 0x50, 0x10, 0x00, 0xF0, 0x00, 0x00})));
     EXPECT_EQ(fileBytes(kBoardSerial + ".BLK").size(), 4081);
 }
 
@@ -296,7 +294,7 @@ TEST_F(FlashTest, LargestFileIsCopiedByteExactIn70Reads)
 TEST_F(FlashTest, FourMebibyteSizeIsInvalid)
 {
     giveBoardSerial();
-    host.bridge().setFlashContents(0, 0x010000, { 0x00, 0x40, 0x00, 0x00, '<' });
+    host.bridge().setFlashContents(0, 0x010000, {0x00, 0x40, 0x00, 0x00, '<'});
     EXPECT_FALSE(unit->readFFCFile(false));
     EXPECT_TRUE(host.seen().hasLog("Invalid file size at @0x00010000 (4194304 Bytes)!"));
 }
@@ -312,7 +310,7 @@ TEST_F(FlashTest, ErasedAreaHasNoData)
 TEST_F(FlashTest, FourZeroBytesAreNoDataToo)
 {
     giveBoardSerial();
-    host.bridge().setFlashContents(0, 0x001000, { 0, 0, 0, 0 });
+    host.bridge().setFlashContents(0, 0x001000, {0, 0, 0, 0});
     EXPECT_FALSE(unit->readASSFile(false));
     EXPECT_TRUE(host.seen().hasLog("no data to be read!"));
     EXPECT_FALSE(host.seen().hasLog("No file present at @0x00001000!"));
@@ -321,7 +319,7 @@ TEST_F(FlashTest, FourZeroBytesAreNoDataToo)
 TEST_F(FlashTest, ExistingFileOfTheSameSizeIsKeptWithoutOverwrite)
 {
     giveBoardSerial();
-    putFile(0x010000, { 1, 2, 3 });
+    putFile(0x010000, {1, 2, 3});
     const QString path = writeLocalFile(kBoardSerial + ".FFC", "abc");
     ASSERT_TRUE(unit->readFFCFile(false));
     EXPECT_EQ(fileBytes(kBoardSerial + ".FFC"), QByteArray("abc"));
@@ -331,7 +329,7 @@ TEST_F(FlashTest, ExistingFileOfTheSameSizeIsKeptWithoutOverwrite)
 TEST_F(FlashTest, ExistingFileOfTheSameSizeIsReplacedWithOverwrite)
 {
     giveBoardSerial();
-    putFile(0x010000, { 1, 2, 3 });
+    putFile(0x010000, {1, 2, 3});
     const QString path = writeLocalFile(kBoardSerial + ".FFC", "abc");
     ASSERT_TRUE(unit->readFFCFile(true));
     EXPECT_EQ(fileBytes(kBoardSerial + ".FFC"), QByteArray("\x01\x02\x03", 3));
@@ -341,7 +339,7 @@ TEST_F(FlashTest, ExistingFileOfTheSameSizeIsReplacedWithOverwrite)
 TEST_F(FlashTest, ExistingFileOfAnotherSizeIsReplacedSilently)
 {
     giveBoardSerial();
-    putFile(0x010000, { 1, 2, 3 });
+    putFile(0x010000, {1, 2, 3});
     const QString path = writeLocalFile(kBoardSerial + ".FFC", "abcdef");
     ASSERT_TRUE(unit->readFFCFile(false));
     EXPECT_EQ(fileBytes(kBoardSerial + ".FFC"), QByteArray("\x01\x02\x03", 3));
@@ -352,9 +350,9 @@ TEST_F(FlashTest, ExistingFileOfAnotherSizeIsReplacedSilently)
 TEST_F(FlashTest, CheckOnlyLooksAtTheHeaderMarks)
 {
     giveBoardSerial();
-    putFile(0x010000, { 1, 2, 3 });
+    putFile(0x010000, {1, 2, 3});
     EXPECT_TRUE(unit->readFlashFile("unused", 0x010000, true, false));
-    host.bridge().setFlashContents(0, 0x010000, { 0, 0, 0, 3, 'x' });
+    host.bridge().setFlashContents(0, 0x010000, {0, 0, 0, 3, 'x'});
     EXPECT_FALSE(unit->readFlashFile("unused", 0x010000, true, false));
     EXPECT_FALSE(QFileInfo::exists("unused"));
 }
@@ -395,14 +393,14 @@ TEST_F(FlashTest, ErasedCounterIsZeroAndTheFirstIncreaseWritesSlotZero)
     const QJsonObject first = reportValues(host.seen().data.last());
     EXPECT_EQ(first.value("index").toInt(), -1);
     ASSERT_TRUE(unit->setShootCounter(0xFFFFFFFF));
-    EXPECT_EQ(host.bridge().flashContents(0, 0xFA0000, 4), bytes({ 0, 0, 0, 1 }));
+    EXPECT_EQ(host.bridge().flashContents(0, 0xFA0000, 4), bytes({0, 0, 0, 1}));
     EXPECT_TRUE(host.seen().hasAdvanced("Set shoot counter to 4294967295."));
     EXPECT_TRUE(host.seen().hasAdvanced("[yellow]Auto counter: last value plus one: 1."));
 }
 
 TEST_F(FlashTest, CounterWriteIsOneQuadProgramOfTheNextSlot)
 {
-    putCounter({ 5, 9, 10 });
+    putCounter({5, 9, 10});
     host.bridge().clearTrace();
     ASSERT_TRUE(unit->setShootCounter(11));
     std::vector<vbridge::TraceEntry> programs;
@@ -410,21 +408,21 @@ TEST_F(FlashTest, CounterWriteIsOneQuadProgramOfTheNextSlot)
         if (!entry.written.empty() && entry.written[0] == 0x32)
             programs.push_back(entry);
     ASSERT_EQ(programs.size(), 1u);
-    EXPECT_EQ(hex(programs[0].written), hex(bytes({ 0x32, 0xFA, 0x00, 0x0C, 0, 0, 0, 11 })));
-    EXPECT_EQ(programs[0].args, (std::vector<int64_t> { 4, 4, 0 }));
+    EXPECT_EQ(hex(programs[0].written), hex(bytes({0x32, 0xFA, 0x00, 0x0C, 0, 0, 0, 11})));
+    EXPECT_EQ(programs[0].args, (std::vector<int64_t>{4, 4, 0}));
     EXPECT_EQ(counter(), 11u);
 }
 
 TEST_F(FlashTest, LowerValueLandsOnTheSameSlotAsTheAndOfBoth)
 {
-    putCounter({ 5, 9, 9 });
+    putCounter({5, 9, 9});
     unsigned int value = 0;
     int index = 0;
     ASSERT_TRUE(unit->getShootCounter(&value, &index));
     EXPECT_EQ(value, 9u);
     EXPECT_EQ(index, 1);
     ASSERT_TRUE(unit->setShootCounter(6));
-    EXPECT_EQ(host.bridge().flashContents(0, 0xFA0008, 4), bytes({ 0, 0, 0, 9 & 6 }));
+    EXPECT_EQ(host.bridge().flashContents(0, 0xFA0008, 4), bytes({0, 0, 0, 9 & 6}));
     // The chip cannot turn the zeros of 9 back into the ones of 6.
     EXPECT_EQ(host.bridge().flashStats(0).zeroToOneAttempts, 1u);
     EXPECT_EQ(counter(), 9u);
@@ -438,19 +436,16 @@ TEST_F(FlashTest, FullAreaWrapsToSlotZeroAfterErasingTheFourSectors)
     putCounter(values);
     host.bridge().clearTrace();
     ASSERT_TRUE(unit->setShootCounter(0xFFFFFFFF));
-    EXPECT_TRUE(host.seen().hasAdvanced(
-        "[yellow]The sector has been fully used. Erase it and restart at first index."));
-    EXPECT_EQ(eraseCommands(),
-        (std::vector<std::string> { hex(bytes({ 0x20, 0xFA, 0x00, 0 })), hex(bytes({ 0x20, 0xFA, 0x10, 0 })),
-            hex(bytes({ 0x20, 0xFA, 0x20, 0 })), hex(bytes({ 0x20, 0xFA, 0x30, 0 })) }));
-    EXPECT_EQ(
-        host.bridge().flashContents(0, 0xFA0000, 8), bytes({ 0, 0, 0x13, 0xE8, 0xFF, 0xFF, 0xFF, 0xFF }));
+    EXPECT_TRUE(host.seen().hasAdvanced("[yellow]The sector has been fully used. Erase it and restart at first index."));
+    EXPECT_EQ(eraseCommands(), (std::vector<std::string>{hex(bytes({0x20, 0xFA, 0x00, 0})), hex(bytes({0x20, 0xFA, 0x10, 0})),
+                                                         hex(bytes({0x20, 0xFA, 0x20, 0})), hex(bytes({0x20, 0xFA, 0x30, 0}))}));
+    EXPECT_EQ(host.bridge().flashContents(0, 0xFA0000, 8), bytes({0, 0, 0x13, 0xE8, 0xFF, 0xFF, 0xFF, 0xFF}));
     EXPECT_EQ(counter(), 5096u);
 }
 
 TEST_F(FlashTest, AllOnesSlotIsNeverAValue)
 {
-    putCounter({ 0xFFFFFFFE, 0xFFFFFFFF });
+    putCounter({0xFFFFFFFE, 0xFFFFFFFF});
     unsigned int value = 0;
     int index = 0;
     ASSERT_TRUE(unit->getShootCounter(&value, &index));
@@ -469,7 +464,7 @@ TEST_F(FlashTest, FailedCounterReadWritesNothing)
 
 TEST_F(FlashTest, FiveThousandIncreasesWrapOnceAndEraseEachSectorOnce)
 {
-    putCounter({ 7 });
+    putCounter({7});
     host.bridge().clearFlashStats(0);
     for (int i = 0; i < 5000; ++i)
         ASSERT_TRUE(unit->setShootCounter(0xFFFFFFFF)) << i;
@@ -478,13 +473,12 @@ TEST_F(FlashTest, FiveThousandIncreasesWrapOnceAndEraseEachSectorOnce)
     for (int sector = 0xFA0; sector < 0xFA4; ++sector)
         EXPECT_EQ(stats.sectorErases[sector], 1u) << sector;
     EXPECT_EQ(stats.zeroToOneAttempts, 0u);
-    EXPECT_EQ(
-        host.seen().count("[yellow]The sector has been fully used. Erase it and restart at first index."), 1);
+    EXPECT_EQ(host.seen().count("[yellow]The sector has been fully used. Erase it and restart at first index."), 1);
 }
 
 TEST_F(FlashTest, InformationReadFillsTheIdentity)
 {
-    host.bridge().setStatusWord(0, { 0x40, 428, 0x1A & 0x0F, 2 });
+    host.bridge().setStatusWord(0, {0x40, 428, 0x1A & 0x0F, 2});
     QFile prd(QDir(host.directory()).filePath(kBoardSerial + ".PRD"));
     ASSERT_TRUE(prd.open(QIODevice::WriteOnly));
     prd.write("SN=1\r\n[KORUX3]\r\nSNCapteur=C77\r\nTechnology=gadox\r\n");
@@ -512,11 +506,11 @@ TEST_F(FlashTest, MissingInformationFileStillSucceedsWithTechnologyThree)
 
 TEST_F(FlashTest, SensorNeverReadyGivesElevenStatusReads)
 {
-    host.bridge().setStatusWord(0, { 0x00, 428, 2, 1 });
+    host.bridge().setStatusWord(0, {0x00, 428, 2, 1});
     EXPECT_FALSE(unit->readInformation(true));
     int statusReads = 0;
     for (const auto& entry : host.calls("FT4222_SPIMaster_MultiReadWrite"))
-        if (hex(entry.written) == hex(bytes({ 0xA1, 0x80, 0xCA, 0xFE })))
+        if (hex(entry.written) == hex(bytes({0xA1, 0x80, 0xCA, 0xFE})))
             ++statusReads;
     EXPECT_EQ(statusReads, 11);
     EXPECT_TRUE(host.seen().hasLog("Sensor is not ready"));
@@ -524,7 +518,7 @@ TEST_F(FlashTest, SensorNeverReadyGivesElevenStatusReads)
 
 TEST_F(FlashTest, UnknownSizeCodeFailsTheInformationRead)
 {
-    host.bridge().setStatusWord(0, { 0x40, 428, 2, 3 });
+    host.bridge().setStatusWord(0, {0x40, 428, 2, 3});
     EXPECT_FALSE(unit->readInformation(true));
     EXPECT_TRUE(host.seen().hasLog("Sensor size not readable"));
     EXPECT_EQ(unit->size(), sizeUnknown);

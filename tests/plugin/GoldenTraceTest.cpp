@@ -31,8 +31,7 @@ void compareWithGolden(const QString& name, const QStringList& lines)
         QTextStream(&file) << lines.join('\n') << '\n';
         return;
     }
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly | QIODevice::Text))
-        << "missing " << goldenPath(name).toStdString();
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly | QIODevice::Text)) << "missing " << goldenPath(name).toStdString();
     QStringList golden = QString::fromUtf8(file.readAll()).split('\n');
     if (!golden.isEmpty() && golden.last().isEmpty())
         golden.removeLast();
@@ -54,7 +53,7 @@ protected:
     }
 };
 
-} // namespace
+}  // namespace
 
 TEST_F(GoldenTrace, Enumeration)
 {

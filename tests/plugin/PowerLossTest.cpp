@@ -45,11 +45,11 @@ Outcome cutDuringIncrease(const std::vector<uint32_t>& values, int nth)
     return outcome;
 }
 
-} // namespace
+}  // namespace
 
 TEST(PowerLoss, CutDuringTheSlotProgramNeverTakesTheCounterBack)
 {
-    const Outcome outcome = cutDuringIncrease({ 1230, 1231, 1232, 1233, 1234 }, 1);
+    const Outcome outcome = cutDuringIncrease({1230, 1231, 1232, 1233, 1234}, 1);
     EXPECT_TRUE(outcome.updateFailed);
     EXPECT_TRUE(outcome.unplugged);
     // A half-programmed slot keeps some of its ones: it reads at least the
