@@ -175,6 +175,22 @@ void Bridge::applyTiming(VirtualSensor& sensor) const
     sensor.logic.armDelayMs = realistic ? kRealisticArmDelayMs : 0;
 }
 
+bool Bridge::takeTransferFault(const std::string& function, TransferFault* fault)
+{
+    bool found = false;
+    for (auto it = transferFaults.begin(); it != transferFaults.end();) {
+        if (it->function == function && --it->remaining <= 0) {
+            if (!found)
+                *fault = *it;
+            found = true;
+            it = transferFaults.erase(it);
+            continue;
+        }
+        ++it;
+    }
+    return found;
+}
+
 void Bridge::record(TraceEntry&& entry)
 {
     if (traceEnabled)

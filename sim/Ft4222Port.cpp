@@ -1,6 +1,7 @@
 #include "sim/Ft4222Port.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace vbridge {
 
@@ -292,13 +293,23 @@ double Ft4222Port::wireMicroseconds(size_t singleBytes, size_t multiBytes) const
     return bits / clockMHz + kUsbTransactionUs;
 }
 
+double Ft4222Port::spiClockMHz() const
+{
+    return kSystemClockMHz[chip_.clock & 3] / (1 << std::max<int>(1, spi_.divider));
+}
+
+SpiDevice* Ft4222Port::selectedDevice() const
+{
+    return device_ && (spi_.ssoMap & device_->profile.chipSelect) ? device_ : nullptr;
+}
+
 void Ft4222Port::select()
 {
     if (selected_)
         return; // an earlier transfer left the chip select asserted
     selected_ = true;
-    if (device_)
-        device_->select();
+    if (SpiDevice* device = selectedDevice())
+        device->select();
 }
 
 void Ft4222Port::release()
@@ -306,16 +317,43 @@ void Ft4222Port::release()
     if (!selected_)
         return;
     selected_ = false;
-    if (device_)
-        device_->deselect();
+    if (SpiDevice* device = selectedDevice())
+        device->deselect();
 }
 
+// Bits through a device clocked in another SPI mode: it takes each bit one
+// edge late and drives its own one edge early, so both streams are shifted
+// by one bit; the line idles high at the ends.
 void Ft4222Port::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines lines)
 {
-    if (device_)
-        device_->exchange(out, in, count, lines);
-    else if (in)
-        std::fill(in, in + count, kFloatingBus);
+    SpiDevice* device = selectedDevice();
+    if (!device) {
+        if (in)
+            std::fill(in, in + count, kFloatingBus);
+        return;
+    }
+    // Modes 0 and 3 both take data on the rising edge, modes 1 and 2 on the
+    // falling one: only the edge matters to the device.
+    const bool otherMode = (device->profile.cpol ^ device->profile.cpha) != (spi_.cpol ^ spi_.cpha);
+    std::vector<uint8_t> shifted;
+    if (otherMode && out) {
+        shifted.resize(count);
+        for (size_t i = 0; i < count; ++i)
+            shifted[i] = static_cast<uint8_t>((out[i] << 1) | (i + 1 < count ? out[i + 1] >> 7 : 1));
+        out = shifted.data();
+    }
+    device->exchange(out, in, count, lines);
+    if (!in)
+        return;
+    if (otherMode)
+        for (size_t i = count; i-- > 0;)
+            in[i] = static_cast<uint8_t>((in[i] >> 1) | (i > 0 ? (in[i - 1] & 1) << 7 : 0x80));
+    // Faster than the device follows: its answers come out garbled.
+    if (spiClockMHz() > device->profile.maxClockMHz)
+        for (size_t i = 0; i < count; ++i) {
+            garble_ = garble_ * 1103515245u + 12345u;
+            in[i] = static_cast<uint8_t>(in[i] ^ (0x01 | (garble_ >> 16)));
+        }
 }
 
 Lines Ft4222Port::multiLines() const

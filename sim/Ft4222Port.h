@@ -96,6 +96,9 @@ public:
     // How long a transfer of these sizes holds the wire at the current clock
     // and line mode, USB overhead included.
     double wireMicroseconds(size_t singleBytes, size_t multiBytes) const;
+    // The SPI clock the master drives now, and the bridge's rated maximum.
+    double spiClockMHz() const;
+    static constexpr double kRatedSpiClockMHz = 30;
 
 private:
     FT4222_STATUS spiReady(bool single) const;
@@ -105,8 +108,13 @@ private:
     void exchange(const uint8_t* out, uint8_t* in, size_t count, Lines lines);
     Lines multiLines() const;
 
+    // The device behind the port, if its chip select is the one the master
+    // drives.
+    SpiDevice* selectedDevice() const;
+
     Ft4222Chip& chip_;
     SpiDevice* device_;
+    uint32_t garble_ = 0; // noise of answers clocked too fast
     GpioBlock* gpio_;
 
     uint32_t readTimeoutMs_ = 0;

@@ -480,8 +480,11 @@ bool readFault(
         return false;
     }
     Reader f(value.toObject(), where, error);
-    int64_t status = fault.status, detail = 0, unplug = 0;
-    if (!f.allowOnly({ "call", "nth", "callNumber", "status", "detail", "unplug", "atCall" })
+    int64_t status = fault.status, detail = 0, unplug = 0, shortBytes = 0;
+    bool stuck = false;
+    if (!f.allowOnly(
+            { "call", "nth", "callNumber", "status", "detail", "unplug", "atCall", "short", "stuck" })
+        || !f.integer("short", 0, 65535, &shortBytes) || !f.boolean("stuck", &stuck)
         || !f.text("call", &fault.function) || !f.integer("nth", 1, 1000000000, &fault.nth)
         || !f.integer("callNumber", 1, 1000000000000, &fault.nth)
         || !f.integer("status", 1, 0xFFFFFFFF, &status) || !f.integer("detail", 0, 1000000, &detail)
@@ -507,6 +510,24 @@ bool readFault(
             return f.fail(QStringLiteral("%1 \"%2\" is not a bridge function")
                               .arg(f.path("call"), QString::fromStdString(fault.function)));
         fault.kind = ScenarioFault::Kind::Call;
+        if (f.has("short") || f.has("stuck")) {
+            static const std::vector<std::string> transfers { "FT4222_SPIMaster_SingleRead",
+                "FT4222_SPIMaster_SingleWrite", "FT4222_SPIMaster_SingleReadWrite",
+                "FT4222_SPIMaster_MultiReadWrite" };
+            if (std::find(transfers.begin(), transfers.end(), fault.function) == transfers.end())
+                return f.fail(
+                    QStringLiteral("%1: \"short\" and \"stuck\" go with an SPI transfer function only")
+                        .arg(where));
+            if (f.has("status") || (f.has("short") && f.has("stuck")))
+                return f.fail(
+                    QStringLiteral("%1: give one of \"status\", \"short\" and \"stuck\"").arg(where));
+            if (f.has("short")) {
+                fault.kind = ScenarioFault::Kind::Short;
+                fault.bytes = static_cast<uint16_t>(shortBytes);
+            } else if (stuck) {
+                fault.kind = ScenarioFault::Kind::Stuck;
+            }
+        }
     } else if (f.has("callNumber")) {
         fault.kind = ScenarioFault::Kind::CallNumber;
     } else if (f.has("detail")) {
@@ -716,6 +737,12 @@ bool load(
             break;
         case ScenarioFault::Kind::Unplug:
             control.unplugAtCall(fault.index, static_cast<uint64_t>(fault.nth));
+            break;
+        case ScenarioFault::Kind::Short:
+            control.shortTransfer(fault.function, static_cast<int>(fault.nth), fault.bytes);
+            break;
+        case ScenarioFault::Kind::Stuck:
+            control.stickTransfer(fault.function, static_cast<int>(fault.nth));
             break;
         }
     }

@@ -34,11 +34,12 @@ struct ScenarioSensor {
 };
 
 struct ScenarioFault {
-    enum class Kind { Call, CallNumber, Detail, Unplug } kind = Kind::Call;
+    enum class Kind { Call, CallNumber, Detail, Unplug, Short, Stuck } kind = Kind::Call;
     std::string function;
     int64_t nth = 1;
     uint32_t status = 4;
     int index = 0; // list index (Detail) or sensor (Unplug)
+    uint16_t bytes = 0; // Short: bytes moved
 };
 
 struct Scenario {

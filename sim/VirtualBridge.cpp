@@ -68,6 +68,7 @@ void VirtualBridge::reset()
     b.traceDataLimit = static_cast<size_t>(-1);
     b.calls = 0;
     b.callFaults.clear();
+    b.transferFaults.clear();
     b.callNumberFaults.clear();
     b.unplugAtCall.clear();
     b.failedDetails.clear();
@@ -504,6 +505,18 @@ void VirtualBridge::failCall(const std::string& function, int nth, uint32_t stat
     locked.bridge.callFaults.push_back(CallFault { function, nth, status });
 }
 
+void VirtualBridge::shortTransfer(const std::string& function, int nth, uint16_t bytes)
+{
+    Locked locked;
+    locked.bridge.transferFaults.push_back(TransferFault { function, nth, false, bytes });
+}
+
+void VirtualBridge::stickTransfer(const std::string& function, int nth)
+{
+    Locked locked;
+    locked.bridge.transferFaults.push_back(TransferFault { function, nth, true, 0 });
+}
+
 void VirtualBridge::failCallNumber(uint64_t nth, uint32_t status)
 {
     Locked locked;
@@ -527,6 +540,7 @@ void VirtualBridge::clearFaults()
     Locked locked;
     Bridge& b = locked.bridge;
     b.callFaults.clear();
+    b.transferFaults.clear();
     b.callNumberFaults.clear();
     b.unplugAtCall.clear();
     b.failedDetails.clear();

@@ -136,6 +136,8 @@ struct TraceEntry {
     std::vector<uint8_t> written;
     std::vector<uint8_t> read;
     uint32_t status = 0;
+    // A transfer clocked faster than the bridge's rated 30 MHz.
+    bool aboveRatedClock = false;
 
     // One line: "seq function device args "text" [written] -> [read] = status",
     // bytes in lower-case hex; parts that are empty are left out; a failure
@@ -315,6 +317,13 @@ public:
 
     // The nth call (1 = the next) of the named C function fails with status.
     void failCall(const std::string& function, int nth, uint32_t status);
+    // The nth call (1 = the next) of the named SPI transfer function moves
+    // only `bytes` bytes and reports that count, without an error.
+    void shortTransfer(const std::string& function, int nth, uint16_t bytes);
+    // The nth call of the named SPI transfer function hangs until the port's
+    // time-out (FT_SetTimeouts; 10 s when none is set) and then fails
+    // (FAILED_TO_READ_DEVICE, or FAILED_TO_WRITE_DEVICE for a write only).
+    void stickTransfer(const std::string& function, int nth);
     // The nth bridge call of any function (1 = the next) fails with status.
     void failCallNumber(uint64_t nth, uint32_t status);
     // The sensor is unplugged just before the nth bridge call (1 = the next).

@@ -38,6 +38,15 @@ VirtualSensor::VirtualSensor(const SensorConfig& sensorConfig)
     logic.configured = config.fpgaConfigured;
     logic.fpgaDeviceId = config.fpgaDeviceId;
     converter.raw = config.adcRaw;
+    // The sensor logic sits on SS0 and follows the 40 MHz the system runs it
+    // at; the flash on SS1 (up to 104 MHz); the converter on SS2, specified
+    // up to 3.6 MHz at 5 V. All take SPI mode 0.
+    logic.profile.maxClockMHz = 40;
+    logic.profile.chipSelect = 0x01;
+    flash.profile.maxClockMHz = 104;
+    flash.profile.chipSelect = 0x02;
+    converter.profile.maxClockMHz = 3.6;
+    converter.profile.chipSelect = 0x04;
     if (config.uniqueId == 0)
         config.uniqueId = serialHash(config.serial);
     flash.uniqueId = config.uniqueId;
