@@ -173,6 +173,7 @@ void Bridge::applyTiming(VirtualSensor& sensor) const
     sensor.flash.timing = realistic ? FlashTiming::realistic() : FlashTiming::instant();
     sensor.logic.readyDelayMs = realistic ? kRealisticReadyDelayMs : 0;
     sensor.logic.armDelayMs = realistic ? kRealisticArmDelayMs : 0;
+    sensor.logic.exposureFloorMs = realistic ? kRealisticExposureFloorMs : 0;
 }
 
 bool Bridge::takeTransferFault(const std::string& function, TransferFault* fault)

@@ -180,7 +180,8 @@ void SensorLogic::update(Clock::time_point now)
         } else if (arm.threshold < kDarkLevel) {
             startExposure(armed, kDummyIntegrationMs, kDarkLevel);
         } else if (autoExposure) {
-            const auto beam = std::max(armed, armTime_ + std::chrono::milliseconds(exposure.delayMs));
+            const auto beam = std::max(
+                armed, armTime_ + std::chrono::milliseconds(std::max(exposure.delayMs, exposureFloorMs)));
             if (now >= beam && exposure.doseRate > arm.threshold)
                 startExposure(beam, exposure.durationMs, exposure.doseRate);
         }

@@ -50,6 +50,8 @@ public:
     uint32_t readyDelayMs = 0;
     uint32_t armDelayMs = 0;
     uint32_t imageLeadMs = 0;
+    // No automatic exposure starts sooner than this after the arm frame.
+    uint32_t exposureFloorMs = 0;
     void powerOn(Clock::time_point now);
     bool off = false;
     bool linkLost = false;

@@ -206,6 +206,8 @@ enum class Timing { Instant, Realistic };
 // Typical delays of the sensor logic in realistic timing.
 constexpr uint32_t kRealisticReadyDelayMs = 300; // start-up after power-on or configuration
 constexpr uint32_t kRealisticArmDelayMs = 50; // arm frame to armed flag
+// An operator (or a generator) does not fire sooner than this after arming.
+constexpr uint32_t kRealisticExposureFloorMs = 500;
 
 class VirtualBridge {
 public:
