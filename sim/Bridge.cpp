@@ -174,6 +174,8 @@ void Bridge::applyTiming(VirtualSensor& sensor) const
     sensor.logic.readyDelayMs = realistic ? kRealisticReadyDelayMs : 0;
     sensor.logic.armDelayMs = realistic ? kRealisticArmDelayMs : 0;
     sensor.logic.exposureFloorMs = realistic ? kRealisticExposureFloorMs : 0;
+    sensor.logic.configSettleUs = realistic ? kRealisticConfigSettleUs : 0;
+    sensor.logic.programLowMinUs = realistic ? kRealisticProgramLowUs : 0;
 }
 
 bool Bridge::takeTransferFault(const std::string& function, TransferFault* fault)

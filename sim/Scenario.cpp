@@ -412,8 +412,12 @@ bool readSensor(
         }))
         return false;
     if (!r.object("fpga", [&](Reader& f) {
-            return f.allowOnly({ "configured", "deviceId" }) && f.boolean("configured", &c.fpgaConfigured)
-                && f.number("deviceId", 0, 0xFFFFFFFF, &c.fpgaDeviceId);
+            sensor.hasFpgaDelays = f.has("settleUs") || f.has("programLowUs");
+            return f.allowOnly({ "configured", "deviceId", "settleUs", "programLowUs" })
+                && f.boolean("configured", &c.fpgaConfigured)
+                && f.number("deviceId", 0, 0xFFFFFFFF, &c.fpgaDeviceId)
+                && f.number("settleUs", 0, 1000000, &sensor.fpgaSettleUs)
+                && f.number("programLowUs", 0, 1000000, &sensor.programLowUs);
         }))
         return false;
     return readFlash(r, baseDirectory, sensor);
@@ -696,6 +700,8 @@ bool load(
                 sensor.config.imageLeadMs, sensor.config.readoutMs);
         if (sensor.hasQuadEnable)
             control.setFlashQuadEnable(index, sensor.quadEnable);
+        if (sensor.hasFpgaDelays)
+            control.setFpgaDelays(index, sensor.fpgaSettleUs, sensor.programLowUs);
         // An existing image file holds the flash as the last run left it; a
         // new one starts from the described contents.
         if (sensor.flashImageExists) {

@@ -31,6 +31,9 @@ struct ScenarioSensor {
     bool hasQuadEnable = false;
     bool quadEnable = true;
     bool hasDelays = false;
+    bool hasFpgaDelays = false;
+    uint32_t fpgaSettleUs = 0;
+    uint32_t programLowUs = 0;
 };
 
 struct ScenarioFault {

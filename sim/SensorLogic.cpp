@@ -369,6 +369,13 @@ void SensorLogic::decodeConfigFrame()
 {
     target_ = Target::Config;
     answerFill_ = 0xFF;
+    const Clock::time_point now = Clock::now();
+    // Still settling after entering or leaving configuration: the port
+    // ignores the frame.
+    if (now < configBusyUntil_) {
+        answerLines_ = Lines::Single;
+        return;
+    }
     // The configuration port is a plain SPI slave: it answers on one line.
     answerLines_ = Lines::Single;
     switch (frame_[0]) {
@@ -389,6 +396,7 @@ void SensorLogic::decodeConfigFrame()
         configMode_ = true;
         configured = false;
         phase_ = Phase::Idle;
+        configBusyUntil_ = now + std::chrono::microseconds(configSettleUs);
         return;
     case kLatticeBurst:
         if (configMode_) {
@@ -402,6 +410,7 @@ void SensorLogic::decodeConfigFrame()
     case kLatticeDisable:
         if (configMode_) {
             configMode_ = false;
+            configBusyUntil_ = now + std::chrono::microseconds(configSettleUs);
             if (done_) {
                 configured = true;
                 phase_ = Phase::Idle;

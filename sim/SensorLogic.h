@@ -52,6 +52,11 @@ public:
     uint32_t imageLeadMs = 0;
     // No automatic exposure starts sooner than this after the arm frame.
     uint32_t exposureFloorMs = 0;
+    // The configuration port takes no command this long after 0xC6 (enter
+    // configuration) and 0x26 (leave it); PROGRAMN must stay low this long
+    // to restart the configuration.
+    uint32_t configSettleUs = 0;
+    uint32_t programLowMinUs = 0;
     void powerOn(Clock::time_point now);
     bool off = false;
     bool linkLost = false;
@@ -132,6 +137,7 @@ private:
     // Configuration port.
     // Error codes of the status register.
     enum class ConfigError : uint32_t { None = 0, Id = 1, Crc = 3, Abort = 5 };
+    Clock::time_point configBusyUntil_ {};
     bool configMode_ = false;
     bool done_ = false;
     ConfigError error_ = ConfigError::None;

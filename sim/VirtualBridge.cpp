@@ -573,6 +573,14 @@ void VirtualBridge::setSensorDelays(
     logic.readoutMs = readoutMs;
 }
 
+void VirtualBridge::setFpgaDelays(int sensor, uint32_t settleUs, uint32_t programLowMinUs)
+{
+    Locked locked;
+    SensorLogic& logic = locked.bridge.sensor(sensor).logic;
+    logic.configSettleUs = settleUs;
+    logic.programLowMinUs = programLowMinUs;
+}
+
 void VirtualBridge::setLinkTiming(bool on)
 {
     Locked locked;

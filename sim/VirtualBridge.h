@@ -208,6 +208,10 @@ constexpr uint32_t kRealisticReadyDelayMs = 300; // start-up after power-on or c
 constexpr uint32_t kRealisticArmDelayMs = 50; // arm frame to armed flag
 // An operator (or a generator) does not fire sooner than this after arming.
 constexpr uint32_t kRealisticExposureFloorMs = 500;
+// The FPGA's configuration port settles this long after entering or leaving
+// configuration; PROGRAMN must be low at least this long.
+constexpr uint32_t kRealisticConfigSettleUs = 200;
+constexpr uint32_t kRealisticProgramLowUs = 1;
 
 class VirtualBridge {
 public:
@@ -353,6 +357,9 @@ public:
     // imageLeadMs and readoutMs).
     void setSensorDelays(
         int sensor, uint32_t readyDelayMs, uint32_t armDelayMs, uint32_t imageLeadMs, uint32_t readoutMs);
+    // The FPGA's settling time after 0xC6 and 0x26, and the shortest
+    // PROGRAMN pulse that restarts its configuration.
+    void setFpgaDelays(int sensor, uint32_t settleUs, uint32_t programLowMinUs);
 
     // Wire time: quad SPI at 40 MHz over USB 2.0 (transfers take as long as
     // on the bus) when on; everything answers at once when off (default).

@@ -53,7 +53,16 @@ VirtualSensor::VirtualSensor(const SensorConfig& sensorConfig)
     flash.seed = static_cast<uint32_t>(serialHash(config.serial) >> 32);
     gpio.setInside(config.inside);
     // PROGRAMN low restarts the FPGA's configuration.
-    gpio.onProgramPulse = [this] { logic.configurationReset(); };
+    // PROGRAMN low restarts the FPGA's configuration, if held low long
+    // enough (at once when no minimum is set).
+    gpio.onProgramPulse = [this] {
+        if (logic.programLowMinUs == 0)
+            logic.configurationReset();
+    };
+    gpio.onProgramRelease = [this](std::chrono::steady_clock::duration low) {
+        if (logic.programLowMinUs > 0 && low >= std::chrono::microseconds(logic.programLowMinUs))
+            logic.configurationReset();
+    };
     // Power lost in the middle of a program or erase.
     flash.onPowerCut = [this] { powerFailed = true; };
 }

@@ -47,8 +47,14 @@ protected:
         return value;
     }
 
-    std::vector<uint8_t> area() const { return host.bridge().flashContents(0, vbridge::kCounterAddress, kAreaSize); }
-    void restore(const std::vector<uint8_t>& bytes) { host.bridge().setFlashContents(0, vbridge::kCounterAddress, bytes); }
+    std::vector<uint8_t> area() const
+    {
+        return host.bridge().flashContents(0, vbridge::kCounterAddress, kAreaSize);
+    }
+    void restore(const std::vector<uint8_t>& bytes)
+    {
+        host.bridge().setFlashContents(0, vbridge::kCounterAddress, bytes);
+    }
 
     PluginHarness host;
     QVeltraXRayKORUXPlugInUnit* unit = nullptr;
