@@ -90,6 +90,7 @@ FT4222_STATUS Ft4222Port::spiMasterInit(int ioLine, int clock, int cpol, int cph
     spi_.cpol = static_cast<FT4222_SPICPOL>(cpol);
     spi_.cpha = static_cast<FT4222_SPICPHA>(cpha);
     spi_.ssoMap = ssoMap;
+    setEngine(SpiEngine { spi_.lines, spi_.divider, spi_.cpol, spi_.cpha });
     gpioMode_ = false;
     return FT4222_OK;
 }
@@ -101,6 +102,9 @@ FT4222_STATUS Ft4222Port::setLines(int mode)
     if (!validLineMode(mode))
         return FT4222_INVALID_PARAMETER;
     spi_.lines = static_cast<FT4222_SPIMode>(mode);
+    SpiEngine engine = this->engine();
+    engine.lines = spi_.lines;
+    setEngine(engine);
     return FT4222_OK;
 }
 
@@ -108,9 +112,10 @@ FT4222_STATUS Ft4222Port::spiReady(bool single) const
 {
     if (!spi_.master)
         return FT4222_IS_NOT_SPI_MODE;
-    if (single && spi_.lines != SPI_IO_SINGLE)
+    const FT4222_SPIMode lines = engine().lines;
+    if (single && lines != SPI_IO_SINGLE)
         return FT4222_IS_NOT_SPI_SINGLE_MODE;
-    if (!single && spi_.lines != SPI_IO_DUAL && spi_.lines != SPI_IO_QUAD)
+    if (!single && lines != SPI_IO_DUAL && lines != SPI_IO_QUAD)
         return FT4222_IS_NOT_SPI_MULTI_MODE;
     return FT4222_OK;
 }
@@ -288,14 +293,27 @@ void Ft4222Port::dropPower()
 
 double Ft4222Port::wireMicroseconds(size_t singleBytes, size_t multiBytes) const
 {
-    const double clockMHz = kSystemClockMHz[chip_.clock & 3] / (1 << std::max<int>(1, spi_.divider));
+    const double clockMHz = spiClockMHz();
     const double bits = singleBytes * 8.0 + multiBytes * 8.0 / static_cast<int>(multiLines());
     return bits / clockMHz + kUsbTransactionUs;
 }
 
+SpiEngine Ft4222Port::engine() const
+{
+    if (chip_.sharedSpi)
+        return chip_.spi;
+    return SpiEngine { spi_.lines, spi_.divider, spi_.cpol, spi_.cpha };
+}
+
+void Ft4222Port::setEngine(const SpiEngine& engine)
+{
+    if (chip_.sharedSpi)
+        chip_.spi = engine;
+}
+
 double Ft4222Port::spiClockMHz() const
 {
-    return kSystemClockMHz[chip_.clock & 3] / (1 << std::max<int>(1, spi_.divider));
+    return kSystemClockMHz[chip_.clock & 3] / (1 << std::max<int>(1, engine().divider));
 }
 
 SpiDevice* Ft4222Port::selectedDevice() const
@@ -334,7 +352,8 @@ void Ft4222Port::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines l
     }
     // Modes 0 and 3 both take data on the rising edge, modes 1 and 2 on the
     // falling one: only the edge matters to the device.
-    const bool otherMode = (device->profile.cpol ^ device->profile.cpha) != (spi_.cpol ^ spi_.cpha);
+    const SpiEngine clocking = engine();
+    const bool otherMode = (device->profile.cpol ^ device->profile.cpha) != (clocking.cpol ^ clocking.cpha);
     std::vector<uint8_t> shifted;
     if (otherMode && out) {
         shifted.resize(count);
@@ -358,7 +377,7 @@ void Ft4222Port::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines l
 
 Lines Ft4222Port::multiLines() const
 {
-    return spi_.lines == SPI_IO_DUAL ? Lines::Dual : Lines::Quad;
+    return engine().lines == SPI_IO_DUAL ? Lines::Dual : Lines::Quad;
 }
 
 } // namespace vbridge

@@ -14,8 +14,21 @@
 
 namespace vbridge {
 
+// The clocking of the chip's one SPI master: in the modes with several SPI
+// interfaces, they are that one master with a chip select each, so a clock,
+// line or mode setting made through one interface is the others' too.
+struct SpiEngine {
+    FT4222_SPIMode lines = SPI_IO_NONE;
+    FT4222_SPIClock divider = CLK_NONE;
+    FT4222_SPICPOL cpol = CLK_IDLE_LOW;
+    FT4222_SPICPHA cpha = CLK_LEADING;
+};
+
 // Settings of the whole chip, shared by its four interfaces.
 struct Ft4222Chip {
+    // One SPI engine for all interfaces (true), or one each.
+    bool sharedSpi = true;
+    SpiEngine spi;
     FT4222_ClockRate clock = SYS_CLK_60;
     // GPIO 2 doubles as the suspend output and GPIO 3 as the wake-up input;
     // both are on after power-up.
@@ -88,7 +101,11 @@ public:
     // select rise.
     void dropPower();
 
+    // The settings made through this interface.
     const SpiSettings& spi() const { return spi_; }
+    // The clocking this interface's transfers get: the shared engine's, or
+    // its own.
+    SpiEngine engine() const;
     bool gpioMode() const { return gpioMode_; }
     const std::array<GPIO_Dir, 4>& gpioDirections() const { return directions_; }
     bool inTransaction() const { return selected_; }
@@ -102,6 +119,7 @@ public:
 
 private:
     FT4222_STATUS spiReady(bool single) const;
+    void setEngine(const SpiEngine& engine);
     FT4222_STATUS gpioReady(int line) const;
     void select();
     void release();

@@ -337,12 +337,20 @@ bool readSensor(
     SensorConfig& c = sensor.config;
     std::string uniqueId;
     if (!r.allowOnly({ "serial", "location", "inside", "size", "version", "uniqueId", "plugged", "status",
-            "statusQueue", "generator", "adc", "exposure", "fpga", "flash", "delays" })
+            "statusQueue", "generator", "adc", "exposure", "fpga", "flash", "delays", "spiEngine" })
         || !r.text("serial", &c.serial, kMaxSerialLength) || !r.number("location", 0, 0xFFFFFFF0, &c.location)
         || !r.boolean("inside", &c.inside) || !r.number("size", 0, 3, &c.sizeCode)
         || !r.number("version", 0, 15, &c.version) || !r.text("uniqueId", &uniqueId)
         || !r.boolean("plugged", &sensor.plugged))
         return false;
+    std::string engine;
+    if (!r.text("spiEngine", &engine))
+        return false;
+    if (engine == "separate")
+        c.sharedSpiEngine = false;
+    else if (r.has("spiEngine") && engine != "shared")
+        return r.fail(QStringLiteral("%1 must be \"shared\" or \"separate\", not \"%2\"")
+                          .arg(r.path("spiEngine"), QString::fromStdString(engine)));
     if (r.has("serial") && c.serial.empty())
         return r.fail(r.path("serial") + " is empty");
     if (!uniqueId.empty()) {
@@ -599,12 +607,12 @@ bool readScenario(const QJsonObject& root, const QString& baseDirectory, Scenari
     QJsonArray sensors, foreign, order, faults;
     std::string driver;
     std::string timing;
-    if (!r.allowOnly({ "sensors", "foreign", "order", "faults", "linkTiming", "driver", "nonAsciiAsQuestionMark",
-            "timing" })
+    if (!r.allowOnly({ "sensors", "foreign", "order", "faults", "linkTiming", "driver",
+            "nonAsciiAsQuestionMark", "timing" })
         || !r.boolean("linkTiming", &scenario.linkTiming) || !r.text("driver", &driver)
-        || !r.boolean("nonAsciiAsQuestionMark", &scenario.nonAsciiAsQuestionMark) || !r.text("timing", &timing)
-        || !r.array("sensors", &sensors) || !r.array("foreign", &foreign) || !r.array("order", &order)
-        || !r.array("faults", &faults))
+        || !r.boolean("nonAsciiAsQuestionMark", &scenario.nonAsciiAsQuestionMark)
+        || !r.text("timing", &timing) || !r.array("sensors", &sensors) || !r.array("foreign", &foreign)
+        || !r.array("order", &order) || !r.array("faults", &faults))
         return false;
     if (driver == "linux")
         scenario.driver = DriverProfile::Linux;

@@ -470,6 +470,8 @@ PortSettings VirtualBridge::portSettings(int sensor, int port) const
     for (size_t i = 0; i < 3; ++i)
         settings.drivingStrength[i] = p.spi().strength[i];
     settings.chipSelectAsserted = p.inTransaction();
+    settings.engineLines = p.engine().lines;
+    settings.engineClockDivider = p.engine().divider;
     settings.gpio = p.gpioMode();
     for (size_t i = 0; i < 4; ++i)
         settings.gpioDirections[i] = p.gpioDirections()[i];

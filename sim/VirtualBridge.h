@@ -111,6 +111,10 @@ struct SensorConfig {
     uint32_t imageLeadMs = 0;
     bool fpgaConfigured = true;
     uint32_t fpgaDeviceId = 0x412B4043;
+    // The bridge's SPI interfaces are one SPI master with a chip select each
+    // (settings made through one are the others' too) when true; false
+    // gives each interface a master of its own.
+    bool sharedSpiEngine = true;
     // Flash holds a realistic set of files and a counter when true;
     // otherwise it starts erased.
     bool defaultFlash = true;
@@ -159,6 +163,10 @@ struct PortSettings {
     int ssoMap = 0;
     std::array<int, 3> drivingStrength { { 0, 0, 0 } }; // clock, data, chip select
     bool chipSelectAsserted = false; // a transaction is held open
+    // What this interface's transfers get from the SPI engine (the shared
+    // one's settings, whichever interface made them).
+    int engineLines = 0;
+    int engineClockDivider = 0;
     bool gpio = false; // GPIO_Init done
     std::array<int, 4> gpioDirections { { 1, 1, 1, 1 } };
     // Settings of the whole chip, shared by the sensor's four interfaces.

@@ -38,6 +38,7 @@ VirtualSensor::VirtualSensor(const SensorConfig& sensorConfig)
     logic.configured = config.fpgaConfigured;
     logic.fpgaDeviceId = config.fpgaDeviceId;
     converter.raw = config.adcRaw;
+    chip.sharedSpi = config.sharedSpiEngine;
     // The sensor logic sits on SS0 and follows the 40 MHz the system runs it
     // at; the flash on SS1 (up to 104 MHz); the converter on SS2, specified
     // up to 3.6 MHz at 5 V. All take SPI mode 0.
@@ -84,6 +85,7 @@ void VirtualSensor::powerUp()
     plugged = true;
     powerFailed = false;
     chip = Ft4222Chip();
+    chip.sharedSpi = config.sharedSpiEngine;
     gpio.powerUp();
     logic.configurationReset();
     flash.powerUp();
