@@ -104,3 +104,17 @@ TEST_F(VbFpgaPort, ProgramPulseShorterThanTheMinimumIsIgnored)
     ASSERT_EQ(FT4222_GPIO_Write(gpio, GPIO_PORT2, 1), FT4222_OK);
     EXPECT_FALSE(bridge().fpgaConfigured(0));
 }
+
+// The configuration port drives its answer on one line: read on four, the
+// master samples nibbles of which only IO1 carries the answer's bits.
+TEST_F(VbFpgaPort, AnswerReadOnFourLinesIsNotTheIdentifier)
+{
+    ASSERT_EQ(FT4222_SPIMaster_SetLines(handle, SPI_IO_QUAD), FT4222_OK);
+    std::vector<uint8_t> frame = bytes({ 0xE0, 0, 0, 0 });
+    uint8_t answer[4] = {};
+    uint32_t read = 0;
+    ASSERT_EQ(FT4222_SPIMaster_MultiReadWrite(handle, answer, frame.data(), 4, 0, 4, &read), FT4222_OK);
+    // 0x41 = 0100 0001: its first bits on IO1 give nibbles 1101 and 1111.
+    EXPECT_EQ(hex(answer, 4).substr(0, 2), "df");
+    EXPECT_NE(hex(answer, 4), "41 2b 40 43");
+}
