@@ -533,6 +533,8 @@ bool readFault(
             if (f.has("status") || (f.has("short") && f.has("stuck")))
                 return f.fail(
                     QStringLiteral("%1: give one of \"status\", \"short\" and \"stuck\"").arg(where));
+            if (f.has("stuck") && !stuck)
+                return f.fail(QStringLiteral("%1 can only be true").arg(f.path("stuck")));
             if (f.has("short")) {
                 fault.kind = ScenarioFault::Kind::Short;
                 fault.bytes = static_cast<uint16_t>(shortBytes);

@@ -197,4 +197,8 @@ TEST_F(VbFaults, ScenarioPlansShortAndStuckTransfers)
     EXPECT_FALSE(bridge().loadScenarioText(
         R"({"sensors": [{}], "faults": [{"call": "FT_Purge", "stuck": true}]})", "purge.json", &error));
     EXPECT_NE(error.find("SPI transfer function only"), std::string::npos) << error;
+    EXPECT_FALSE(bridge().loadScenarioText(
+        R"({"sensors": [{}], "faults": [{"call": "FT4222_SPIMaster_SingleRead", "stuck": false}]})", "f.json",
+        &error));
+    EXPECT_NE(error.find("stuck can only be true"), std::string::npos) << error;
 }
