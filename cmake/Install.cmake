@@ -28,9 +28,12 @@ foreach(rule ${CMAKE_SOURCE_DIR}/packaging/udev/60-korux.rules)
     install(FILES ${rule} DESTINATION lib/udev/rules.d COMPONENT tool)
   endif()
 endforeach()
-if(EXISTS ${CMAKE_SOURCE_DIR}/docs/korux.1)
-  install(FILES ${CMAKE_SOURCE_DIR}/docs/korux.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-endif()
+# Manual pages are installed compressed, without a time stamp inside.
+add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/packaging/korux.1.gz
+  COMMAND gzip -9 -n -c ${CMAKE_SOURCE_DIR}/docs/korux.1 > ${CMAKE_BINARY_DIR}/packaging/korux.1.gz
+  DEPENDS ${CMAKE_SOURCE_DIR}/docs/korux.1 VERBATIM)
+add_custom_target(korux_manual ALL DEPENDS ${CMAKE_BINARY_DIR}/packaging/korux.1.gz)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/korux.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 if(EXISTS ${CMAKE_SOURCE_DIR}/packaging/bash-completion/korux)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/bash-completion/korux
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tool)

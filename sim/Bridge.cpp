@@ -166,6 +166,33 @@ uint32_t Bridge::takeFault(uint64_t callNumber, const std::string& function)
     return status;
 }
 
+void Bridge::applyTiming(VirtualSensor& sensor) const
+{
+    const bool realistic = timing == Timing::Realistic;
+    sensor.flash.timing = realistic ? FlashTiming::realistic() : FlashTiming::instant();
+    sensor.logic.readyDelayMs = realistic ? kRealisticReadyDelayMs : 0;
+    sensor.logic.armDelayMs = realistic ? kRealisticArmDelayMs : 0;
+    sensor.logic.exposureFloorMs = realistic ? kRealisticExposureFloorMs : 0;
+    sensor.logic.configSettleUs = realistic ? kRealisticConfigSettleUs : 0;
+    sensor.logic.programLowMinUs = realistic ? kRealisticProgramLowUs : 0;
+}
+
+bool Bridge::takeTransferFault(const std::string& function, TransferFault* fault)
+{
+    bool found = false;
+    for (auto it = transferFaults.begin(); it != transferFaults.end();) {
+        if (it->function == function && --it->remaining <= 0) {
+            if (!found)
+                *fault = *it;
+            found = true;
+            it = transferFaults.erase(it);
+            continue;
+        }
+        ++it;
+    }
+    return found;
+}
+
 void Bridge::record(TraceEntry&& entry)
 {
     if (traceEnabled)

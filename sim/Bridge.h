@@ -45,6 +45,14 @@ struct CallFault {
     uint32_t status = 0;
 };
 
+// A transfer that moves fewer bytes than asked, or hangs until its time-out.
+struct TransferFault {
+    std::string function;
+    int remaining = 0;
+    bool stuck = false;
+    uint16_t bytes = 0; // bytes moved by a short transfer
+};
+
 class Bridge {
 public:
     static Bridge& instance();
@@ -90,10 +98,16 @@ public:
     uint64_t calls = 0;
 
     std::vector<CallFault> callFaults;
+    std::vector<TransferFault> transferFaults;
+    // The transfer fault planned for this call of function, if any.
+    bool takeTransferFault(const std::string& function, TransferFault* fault);
     std::map<uint64_t, uint32_t> callNumberFaults; // absolute call number -> status
     std::map<uint64_t, int> unplugAtCall; // absolute call number -> sensor
     std::vector<int> failedDetails;
     bool linkTiming = false;
+    Timing timing = Timing::Instant;
+    // Gives a sensor the figures of the machine's timing.
+    void applyTiming(VirtualSensor& sensor) const;
 
     DriverProfile driver = kHostDriverProfile;
     uint32_t registeredIds = 0; // FT_SetVIDPID's pair, 0 when none

@@ -109,6 +109,10 @@ public:
     // power-cut injection), which unplugs the sensor.
     uint32_t afterTransfer(uint32_t status)
     {
+        // The bridge is rated for 30 MHz of SPI clock; faster works for the
+        // devices that follow it, and the trace says so.
+        if (sensor_)
+            entry_.aboveRatedClock = port().spiClockMHz() > Ft4222Port::kRatedSpiClockMHz;
         if (sensor_ && sensor_->powerFailed) {
             bridge_.unplug(bridge_.sensorIndexOf(*sensor_));
             return FT4222_DEVICE_NOT_FOUND;
@@ -119,6 +123,20 @@ public:
     VirtualSensor* sensor() { return sensor_; }
     Ft4222Port& port() { return sensor_->interfaces[static_cast<size_t>(record_->port)].port; }
     HandleRecord* record() { return record_; }
+
+    // A planned short or stuck transfer of this call. A stuck one holds the
+    // caller (not the bridge) for the port's time-out; 0 means none was set,
+    // which would be for ever: the bridge gives up after 10 s.
+    bool transferFault(TransferFault* fault, bool reads)
+    {
+        if (!bridge_.takeTransferFault(entry_.function, fault))
+            return false;
+        if (fault->stuck) {
+            const uint32_t timeoutMs = reads ? port().readTimeout() : port().writeTimeout();
+            wireUs_ += 1000.0 * (timeoutMs ? timeoutMs : 10000);
+        }
+        return true;
+    }
 
     void addWireTime(size_t singleBytes, size_t multiBytes)
     {
@@ -500,6 +518,12 @@ FT4222_STATUS FT4222_SPIMaster_SingleRead(
     call.args({ bufferSize, isEndTransaction });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
+    TransferFault fault;
+    if (call.transferFault(&fault, true)) {
+        if (fault.stuck)
+            return call.finish4222(FT4222_FAILED_TO_READ_DEVICE);
+        bufferSize = std::min(bufferSize, fault.bytes);
+    }
     uint32_t status = call.port().singleRead(buffer, bufferSize, sizeOfRead, isEndTransaction != 0);
     status = call.afterTransfer(status);
     if (status == FT4222_OK) {
@@ -517,6 +541,12 @@ FT4222_STATUS FT4222_SPIMaster_SingleWrite(
     call.written(buffer, bufferSize);
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
+    TransferFault fault;
+    if (call.transferFault(&fault, false)) {
+        if (fault.stuck)
+            return call.finish4222(FT_FAILED_TO_WRITE_DEVICE);
+        bufferSize = std::min(bufferSize, fault.bytes);
+    }
     uint32_t status = call.port().singleWrite(buffer, bufferSize, sizeTransferred, isEndTransaction != 0);
     status = call.afterTransfer(status);
     if (status == FT4222_OK)
@@ -532,6 +562,12 @@ FT4222_STATUS FT4222_SPIMaster_SingleReadWrite(FT_HANDLE handle, uint8* readBuff
     call.written(writeBuffer, bufferSize);
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
+    TransferFault fault;
+    if (call.transferFault(&fault, true)) {
+        if (fault.stuck)
+            return call.finish4222(FT4222_FAILED_TO_READ_DEVICE);
+        bufferSize = std::min(bufferSize, fault.bytes);
+    }
     uint32_t status = call.port().singleReadWrite(
         readBuffer, writeBuffer, bufferSize, sizeTransferred, isEndTransaction != 0);
     status = call.afterTransfer(status);
@@ -550,6 +586,14 @@ FT4222_STATUS FT4222_SPIMaster_MultiReadWrite(FT_HANDLE handle, uint8* readBuffe
     call.written(writeBuffer, static_cast<size_t>(singleWriteBytes) + multiWriteBytes);
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
+    TransferFault fault;
+    if (call.transferFault(&fault, multiReadBytes > 0)) {
+        if (fault.stuck)
+            return call.finish4222(multiReadBytes > 0 ? FT4222_FAILED_TO_READ_DEVICE
+                                                      : static_cast<FT4222_STATUS>(FT_FAILED_TO_WRITE_DEVICE));
+        // A short read: the device's answer stops early.
+        multiReadBytes = std::min(multiReadBytes, fault.bytes);
+    }
     uint32_t status = call.port().multiReadWrite(
         readBuffer, writeBuffer, singleWriteBytes, multiWriteBytes, multiReadBytes, sizeOfRead);
     status = call.afterTransfer(status);

@@ -86,10 +86,11 @@ std::vector<uint8_t> makeBitstream(const BitstreamHeader& header, uint32_t total
         bytes.push_back(0);
     }
     bytes.push_back(0xFF);
-    const size_t frame = bytes.size() + sizeof(kPayloadMagic) + 4 + 4;
+    const size_t frame = bytes.size() + sizeof(kPayloadMagic) + 4 + 4 + 4;
     const uint32_t payloadSize = totalSize > frame + 16 ? static_cast<uint32_t>(totalSize - frame) : 16;
     const std::vector<uint8_t> payload = dataFileContent(payloadSize, seed);
     bytes.insert(bytes.end(), kPayloadMagic, kPayloadMagic + sizeof(kPayloadMagic));
+    putBigEndian32(bytes, header.deviceId);
     putBigEndian32(bytes, payloadSize);
     bytes.insert(bytes.end(), payload.begin(), payload.end());
     putBigEndian32(bytes, crc32(payload.data(), payload.size()));
@@ -107,9 +108,9 @@ size_t bitstreamTotalSize(const uint8_t* bytes, size_t size)
             return 0;
         offset = static_cast<size_t>(end - bytes) + 1;
     }
-    if (size < offset + 9 || bytes[offset] != 0xFF || std::memcmp(bytes + offset + 1, kPayloadMagic, 4) != 0)
+    if (size < offset + 13 || bytes[offset] != 0xFF || std::memcmp(bytes + offset + 1, kPayloadMagic, 4) != 0)
         return 0;
-    offset += 5;
+    offset += 9;
     const uint32_t length = (uint32_t(bytes[offset]) << 24) | (uint32_t(bytes[offset + 1]) << 16)
         | (uint32_t(bytes[offset + 2]) << 8) | bytes[offset + 3];
     return offset + 4 + length + 4;
@@ -130,9 +131,9 @@ bool bitstreamIntact(const std::vector<uint8_t>& bytes)
     if (offset >= bytes.size() || bytes[offset] != 0xFF)
         return false;
     ++offset;
-    if (bytes.size() < offset + 8 || std::memcmp(bytes.data() + offset, kPayloadMagic, 4) != 0)
+    if (bytes.size() < offset + 12 || std::memcmp(bytes.data() + offset, kPayloadMagic, 4) != 0)
         return false;
-    offset += 4;
+    offset += 8;
     const uint32_t size = (uint32_t(bytes[offset]) << 24) | (uint32_t(bytes[offset + 1]) << 16)
         | (uint32_t(bytes[offset + 2]) << 8) | bytes[offset + 3];
     offset += 4;
@@ -142,6 +143,20 @@ bool bitstreamIntact(const std::vector<uint8_t>& bytes)
     const uint32_t expected
         = (uint32_t(crc[0]) << 24) | (uint32_t(crc[1]) << 16) | (uint32_t(crc[2]) << 8) | crc[3];
     return crc32(bytes.data() + offset, size) == expected;
+}
+
+uint32_t bitstreamDeviceId(const std::vector<uint8_t>& bytes)
+{
+    const size_t total = bitstreamTotalSize(bytes.data(), bytes.size());
+    if (total == 0)
+        return 0;
+    // The id sits right before the payload length, which ends the frame header.
+    size_t offset = 2;
+    for (int text = 0; text < 7; ++text)
+        offset = static_cast<size_t>(std::find(bytes.begin() + offset, bytes.end(), 0) - bytes.begin()) + 1;
+    offset += 5;
+    return (uint32_t(bytes[offset]) << 24) | (uint32_t(bytes[offset + 1]) << 16)
+        | (uint32_t(bytes[offset + 2]) << 8) | bytes[offset + 3];
 }
 
 void writeDefaultFlash(std::vector<uint8_t>& flash, const DefaultFlash& content)

@@ -38,16 +38,21 @@ struct BitstreamHeader {
     std::string parts = "Part: LCMXO2-4000HC-4TG144";
     // RFC 2822 after six leading characters, as the tools write it.
     std::string date = "Date: Mon, 02 Mar 2020 10:00:00 +0000";
+    // The FPGA the bitstream was built for (what the FPGA answers to 0xE0).
+    uint32_t deviceId = 0x412B4043;
 };
 
 // A bitstream the virtual FPGA accepts: 0xFF 0x00, the seven zero-terminated
-// header texts, then the payload frame: "KXBS", payload length (32 bits,
-// big-endian), payload, CRC-32 of the payload (big-endian). totalSize pads
+// header texts, 0xFF, then the payload frame: "KXBS", the device id it is
+// built for, the payload length, the payload and the CRC-32 of the payload
+// (the numbers 32 bits, big-endian). totalSize pads
 // the payload so that the file has exactly that size (when large enough).
 std::vector<uint8_t> makeBitstream(
     const BitstreamHeader& header, uint32_t totalSize = 20000, uint32_t seed = 1);
 // True when bytes hold a complete bitstream whose payload checks.
 bool bitstreamIntact(const std::vector<uint8_t>& bytes);
+// The device id a bitstream was built for; 0 when its frame is not all there.
+uint32_t bitstreamDeviceId(const std::vector<uint8_t>& bytes);
 // The whole size of the bitstream that starts with these bytes, once its
 // header and payload length are in; 0 before (or when they never will be).
 size_t bitstreamTotalSize(const uint8_t* bytes, size_t size);

@@ -1,6 +1,7 @@
 #include "sim/Ft4222Port.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace vbridge {
 
@@ -89,6 +90,7 @@ FT4222_STATUS Ft4222Port::spiMasterInit(int ioLine, int clock, int cpol, int cph
     spi_.cpol = static_cast<FT4222_SPICPOL>(cpol);
     spi_.cpha = static_cast<FT4222_SPICPHA>(cpha);
     spi_.ssoMap = ssoMap;
+    setEngine(SpiEngine { spi_.lines, spi_.divider, spi_.cpol, spi_.cpha });
     gpioMode_ = false;
     return FT4222_OK;
 }
@@ -100,6 +102,9 @@ FT4222_STATUS Ft4222Port::setLines(int mode)
     if (!validLineMode(mode))
         return FT4222_INVALID_PARAMETER;
     spi_.lines = static_cast<FT4222_SPIMode>(mode);
+    SpiEngine engine = this->engine();
+    engine.lines = spi_.lines;
+    setEngine(engine);
     return FT4222_OK;
 }
 
@@ -107,9 +112,10 @@ FT4222_STATUS Ft4222Port::spiReady(bool single) const
 {
     if (!spi_.master)
         return FT4222_IS_NOT_SPI_MODE;
-    if (single && spi_.lines != SPI_IO_SINGLE)
+    const FT4222_SPIMode lines = engine().lines;
+    if (single && lines != SPI_IO_SINGLE)
         return FT4222_IS_NOT_SPI_SINGLE_MODE;
-    if (!single && spi_.lines != SPI_IO_DUAL && spi_.lines != SPI_IO_QUAD)
+    if (!single && lines != SPI_IO_DUAL && lines != SPI_IO_QUAD)
         return FT4222_IS_NOT_SPI_MULTI_MODE;
     return FT4222_OK;
 }
@@ -287,9 +293,32 @@ void Ft4222Port::dropPower()
 
 double Ft4222Port::wireMicroseconds(size_t singleBytes, size_t multiBytes) const
 {
-    const double clockMHz = kSystemClockMHz[chip_.clock & 3] / (1 << std::max<int>(1, spi_.divider));
+    const double clockMHz = spiClockMHz();
     const double bits = singleBytes * 8.0 + multiBytes * 8.0 / static_cast<int>(multiLines());
     return bits / clockMHz + kUsbTransactionUs;
+}
+
+SpiEngine Ft4222Port::engine() const
+{
+    if (chip_.sharedSpi)
+        return chip_.spi;
+    return SpiEngine { spi_.lines, spi_.divider, spi_.cpol, spi_.cpha };
+}
+
+void Ft4222Port::setEngine(const SpiEngine& engine)
+{
+    if (chip_.sharedSpi)
+        chip_.spi = engine;
+}
+
+double Ft4222Port::spiClockMHz() const
+{
+    return kSystemClockMHz[chip_.clock & 3] / (1 << std::max<int>(1, engine().divider));
+}
+
+SpiDevice* Ft4222Port::selectedDevice() const
+{
+    return device_ && (spi_.ssoMap & device_->profile.chipSelect) ? device_ : nullptr;
 }
 
 void Ft4222Port::select()
@@ -297,8 +326,8 @@ void Ft4222Port::select()
     if (selected_)
         return; // an earlier transfer left the chip select asserted
     selected_ = true;
-    if (device_)
-        device_->select();
+    if (SpiDevice* device = selectedDevice())
+        device->select();
 }
 
 void Ft4222Port::release()
@@ -306,21 +335,49 @@ void Ft4222Port::release()
     if (!selected_)
         return;
     selected_ = false;
-    if (device_)
-        device_->deselect();
+    if (SpiDevice* device = selectedDevice())
+        device->deselect();
 }
 
+// Bits through a device clocked in another SPI mode: it takes each bit one
+// edge late and drives its own one edge early, so both streams are shifted
+// by one bit; the line idles high at the ends.
 void Ft4222Port::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines lines)
 {
-    if (device_)
-        device_->exchange(out, in, count, lines);
-    else if (in)
-        std::fill(in, in + count, kFloatingBus);
+    SpiDevice* device = selectedDevice();
+    if (!device) {
+        if (in)
+            std::fill(in, in + count, kFloatingBus);
+        return;
+    }
+    // Modes 0 and 3 both take data on the rising edge, modes 1 and 2 on the
+    // falling one: only the edge matters to the device.
+    const SpiEngine clocking = engine();
+    const bool otherMode = (device->profile.cpol ^ device->profile.cpha) != (clocking.cpol ^ clocking.cpha);
+    std::vector<uint8_t> shifted;
+    if (otherMode && out) {
+        shifted.resize(count);
+        for (size_t i = 0; i < count; ++i)
+            shifted[i] = static_cast<uint8_t>((out[i] << 1) | (i + 1 < count ? out[i + 1] >> 7 : 1));
+        out = shifted.data();
+    }
+    device->exchange(out, in, count, lines);
+    if (!in)
+        return;
+    if (otherMode)
+        for (size_t i = count; i-- > 0;)
+            in[i] = static_cast<uint8_t>((in[i] >> 1) | (i > 0 ? (in[i - 1] & 1) << 7 : 0x80));
+    // Faster than the device follows: its answers come out garbled.
+    if (spiClockMHz() > device->profile.maxClockMHz)
+        for (size_t i = 0; i < count; ++i) {
+            garble_ = garble_ * 1103515245u + 12345u;
+            in[i] = static_cast<uint8_t>(in[i] ^ (0x01 | (garble_ >> 16)));
+        }
 }
 
 Lines Ft4222Port::multiLines() const
 {
-    return spi_.lines == SPI_IO_DUAL ? Lines::Dual : Lines::Quad;
+    return engine().lines == SPI_IO_DUAL ? Lines::Dual : Lines::Quad;
 }
 
 } // namespace vbridge

@@ -14,8 +14,21 @@
 
 namespace vbridge {
 
+// The clocking of the chip's one SPI master: in the modes with several SPI
+// interfaces, they are that one master with a chip select each, so a clock,
+// line or mode setting made through one interface is the others' too.
+struct SpiEngine {
+    FT4222_SPIMode lines = SPI_IO_NONE;
+    FT4222_SPIClock divider = CLK_NONE;
+    FT4222_SPICPOL cpol = CLK_IDLE_LOW;
+    FT4222_SPICPHA cpha = CLK_LEADING;
+};
+
 // Settings of the whole chip, shared by its four interfaces.
 struct Ft4222Chip {
+    // One SPI engine for all interfaces (true), or one each.
+    bool sharedSpi = true;
+    SpiEngine spi;
     FT4222_ClockRate clock = SYS_CLK_60;
     // GPIO 2 doubles as the suspend output and GPIO 3 as the wake-up input;
     // both are on after power-up.
@@ -88,7 +101,11 @@ public:
     // select rise.
     void dropPower();
 
+    // The settings made through this interface.
     const SpiSettings& spi() const { return spi_; }
+    // The clocking this interface's transfers get: the shared engine's, or
+    // its own.
+    SpiEngine engine() const;
     bool gpioMode() const { return gpioMode_; }
     const std::array<GPIO_Dir, 4>& gpioDirections() const { return directions_; }
     bool inTransaction() const { return selected_; }
@@ -96,17 +113,26 @@ public:
     // How long a transfer of these sizes holds the wire at the current clock
     // and line mode, USB overhead included.
     double wireMicroseconds(size_t singleBytes, size_t multiBytes) const;
+    // The SPI clock the master drives now, and the bridge's rated maximum.
+    double spiClockMHz() const;
+    static constexpr double kRatedSpiClockMHz = 30;
 
 private:
     FT4222_STATUS spiReady(bool single) const;
+    void setEngine(const SpiEngine& engine);
     FT4222_STATUS gpioReady(int line) const;
     void select();
     void release();
     void exchange(const uint8_t* out, uint8_t* in, size_t count, Lines lines);
     Lines multiLines() const;
 
+    // The device behind the port, if its chip select is the one the master
+    // drives.
+    SpiDevice* selectedDevice() const;
+
     Ft4222Chip& chip_;
     SpiDevice* device_;
+    uint32_t garble_ = 0; // noise of answers clocked too fast
     GpioBlock* gpio_;
 
     uint32_t readTimeoutMs_ = 0;

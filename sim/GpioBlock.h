@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <functional>
 
 namespace vbridge {
@@ -32,14 +33,17 @@ public:
     // Power cycle: every line back to its power-on level.
     void powerUp();
 
-    // Called on a falling edge of PROGRAMN.
+    // Called on a falling edge of PROGRAMN, and on its rising edge with how
+    // long it was low.
     std::function<void()> onProgramPulse;
+    std::function<void(std::chrono::steady_clock::duration)> onProgramRelease;
 
 private:
     // PROGRAMN idles high (pulled up on the board).
     static constexpr std::array<bool, 4> kPowerOnLevels { { false, false, true, true } };
 
     std::array<bool, 4> driven_ = kPowerOnLevels;
+    std::chrono::steady_clock::time_point programLowSince_ {};
     bool inside_ = false;
 };
 

@@ -2,12 +2,18 @@
 
 #include <algorithm>
 
+#include "sim/SpiWire.h"
+
 namespace vbridge {
 
 namespace {
 
-constexpr uint8_t kReadStatus = 0x05;
+using wire::Direction;
+
+constexpr uint8_t kReadStatus1 = 0x05;
+constexpr uint8_t kReadStatus2 = 0x35;
 constexpr uint8_t kWriteEnable = 0x06;
+constexpr uint8_t kWriteDisable = 0x04;
 constexpr uint8_t kSectorErase = 0x20;
 constexpr uint8_t kQuadPageProgram = 0x32;
 constexpr uint8_t kPageProgram = 0x02;
@@ -22,14 +28,37 @@ constexpr uint8_t kQuadIoFastRead = 0xEB;
 
 constexpr uint8_t kStatusBusy = 0x01;
 constexpr uint8_t kStatusWriteEnable = 0x02;
+constexpr uint8_t kStatus2QuadEnable = 0x02;
 
-// What a master reads while the chip does not drive the line.
-constexpr uint8_t kIdleBus = 0xFF;
+// Mode bits M5-4 = 10 after the address of 0xEB keep the chip in
+// continuous-read mode: the next frame starts with the address.
+constexpr uint8_t kContinuousMask = 0x30;
+constexpr uint8_t kContinuousBits = 0x20;
+// 0xEB: four dummy clocks after the mode byte.
+constexpr int kQuadReadDummyClocks = 4;
+// 0x4B: four dummy bytes, then the 64-bit identifier.
+constexpr uint64_t kUniqueIdDummyBytes = 4;
+constexpr uint8_t kJedecId[3] = { 0xEF, 0x40, 0x18 };
+
+// Clocks of a frame that is the instruction alone, and of a sector erase.
+constexpr uint64_t kInstructionClocks = 8;
+constexpr uint64_t kSectorEraseClocks = 32;
+
+uint32_t mix(uint32_t x)
+{
+    x ^= x >> 16;
+    x *= 0x7feb352du;
+    x ^= x >> 15;
+    x *= 0x846ca68bu;
+    x ^= x >> 16;
+    return x;
+}
 
 } // namespace
 
 NorFlash::NorFlash()
     : memory_(kSize, 0xFF)
+    , pageBuffer_(kPageSize, -1)
 {
     stats.sectorErases.assign(kSize / kSectorSize, 0);
 }
@@ -42,34 +71,51 @@ void NorFlash::resetStats()
 
 bool NorFlash::busy() const
 {
-    return busyPollsLeft_ > 0 || std::chrono::steady_clock::now() < busyUntil_;
+    return busyPollsLeft_ > 0 || Clock::now() < busyUntil_;
+}
+
+uint8_t NorFlash::statusRegister1() const
+{
+    return static_cast<uint8_t>((busy() ? kStatusBusy : 0) | (writeEnable_ ? kStatusWriteEnable : 0));
+}
+
+uint8_t NorFlash::statusRegister2() const
+{
+    return quadEnable ? kStatus2QuadEnable : 0;
+}
+
+void NorFlash::powerDown()
+{
+    if (busy())
+        interrupt();
+    selected_ = false;
 }
 
 void NorFlash::powerUp()
 {
     writeEnable_ = false;
     resetEnabled_ = false;
+    continuous_ = false;
     selected_ = false;
-    haveCommand_ = false;
     busyPollsLeft_ = 0;
     busyUntil_ = {};
+    recoveringUntil_ = {};
+    operation_ = Operation();
 }
 
-void NorFlash::startBusy(uint32_t microseconds)
+// The array holds what a program or erase left: the keeper of the image file
+// follows at once.
+void NorFlash::memoryChanged()
 {
-    busyPollsLeft_ = timing.busyPolls;
-    busyUntil_ = std::chrono::steady_clock::now() + std::chrono::microseconds(microseconds);
+    dirty = true;
+    if (onMemoryChanged)
+        onMemoryChanged();
 }
 
-void NorFlash::select()
+void NorFlash::startBusy(uint32_t microseconds, uint32_t polls)
 {
-    selected_ = true;
-    haveCommand_ = false;
-    commandIgnored_ = false;
-    header_.clear();
-    data_.clear();
-    uniqueIdOffset_ = 0;
-    readValid_ = true;
+    busyPollsLeft_ = polls;
+    busyUntil_ = Clock::now() + std::chrono::microseconds(microseconds);
 }
 
 bool NorFlash::powerFailsNow()
@@ -79,161 +125,402 @@ bool NorFlash::powerFailsNow()
     return --powerCutCountdown == 0;
 }
 
-void NorFlash::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines lines)
+uint32_t NorFlash::address() const
 {
-    size_t i = 0;
-    if (!haveCommand_ && count > 0) {
-        command_ = out ? out[0] : kIdleBus;
-        commandLines_ = lines;
-        haveCommand_ = true;
-        // Only a status read gets through while a program or erase runs.
-        if (busy() && command_ != kReadStatus) {
-            commandIgnored_ = true;
-            ++stats.ignoredWhileBusy;
-        }
-        // Commands are taken on one line; on more the opcode is garbled.
-        if (lines != Lines::Single)
-            commandIgnored_ = true;
-        if (in)
-            in[0] = kIdleBus;
-        i = 1;
-    }
+    return (uint32_t(header_[0]) << 16) | (uint32_t(header_[1]) << 8) | header_[2];
+}
 
-    if (commandIgnored_) {
-        if (in)
-            std::fill(in + i, in + count, kIdleBus);
+void NorFlash::enterPhase(Phase phase, Lines lines)
+{
+    phase_ = phase;
+    phaseLines_ = lines;
+    phaseBytes_ = 0;
+    shift_ = 0;
+    bitsIn_ = 0;
+    if (phase == Phase::Dummy)
+        dummyClocksLeft_ = kQuadReadDummyClocks;
+    if (phase == Phase::DataOut) {
+        readAddress_ = address();
+        outIndex_ = 0;
+        outClock_ = 0;
+        outPending_ = true;
+    }
+}
+
+void NorFlash::select()
+{
+    selected_ = true;
+    clocks_ = 0;
+    dataBytes_ = 0;
+    std::fill(pageBuffer_.begin(), pageBuffer_.end(), int16_t(-1));
+    if (continuous_) {
+        // The instruction is implied: the frame starts with the address.
+        instruction_ = kQuadIoFastRead;
+        enterPhase(Phase::Address, Lines::Quad);
+    } else {
+        instruction_ = 0;
+        enterPhase(Phase::Instruction, Lines::Single);
+    }
+}
+
+bool NorFlash::acceptsWhileBusy(uint8_t instruction) const
+{
+    return instruction == kReadStatus1 || instruction == kReadStatus2 || instruction == kResetEnable
+        || instruction == kReset;
+}
+
+void NorFlash::instructionDone()
+{
+    if (Clock::now() < recoveringUntil_) {
+        phase_ = Phase::Ignored;
         return;
     }
-
-    switch (command_) {
-    case kReadStatus:
-        for (; i < count; ++i) {
-            const bool isBusy = busy();
-            if (in)
-                in[i] = static_cast<uint8_t>(
-                    (isBusy ? kStatusBusy : 0) | (writeEnable_ ? kStatusWriteEnable : 0));
-            if (isBusy && busyPollsLeft_ > 0)
-                --busyPollsLeft_;
-        }
+    if (busy() && !acceptsWhileBusy(instruction_)) {
+        ++stats.ignoredWhileBusy;
+        phase_ = Phase::Ignored;
         return;
-
+    }
+    switch (instruction_) {
+    case kReadStatus1:
+    case kReadStatus2:
     case kReadUniqueId:
-        // Four dummy bytes, then the eight identifier bytes, most significant first.
-        for (; i < count; ++i, ++uniqueIdOffset_) {
-            uint8_t value = kIdleBus;
-            if (uniqueIdOffset_ >= 4 && uniqueIdOffset_ < 12)
-                value = static_cast<uint8_t>(uniqueId >> (8 * (11 - uniqueIdOffset_)));
-            if (in)
-                in[i] = value;
-        }
+    case kReadJedecId:
+        enterPhase(Phase::DataOut, Lines::Single);
         return;
-
-    case kReadJedecId: {
-        const uint8_t id[3] = { 0xEF, 0x40, 0x18 };
-        for (; i < count; ++i, ++uniqueIdOffset_)
-            if (in)
-                in[i] = uniqueIdOffset_ < 3 ? id[uniqueIdOffset_] : kIdleBus;
+    case kWriteEnable:
+    case kWriteDisable:
+    case kChipErase:
+    case kChipEraseAlt:
+    case kResetEnable:
+    case kReset:
+        enterPhase(Phase::Trailing, Lines::Single);
         return;
-    }
-
-    case kRead:
-    case kQuadIoFastRead: {
-        // 0x03: three address bytes, data on one line. 0xEB: address, mode
-        // byte and two dummy bytes on four lines, data on four lines; sent on
-        // fewer lines the chip takes other bits than the master meant.
-        const size_t headerSize = command_ == kRead ? 3 : 6;
-        const Lines dataLines = command_ == kRead ? Lines::Single : Lines::Quad;
-        for (; i < count && header_.size() < headerSize; ++i) {
-            header_.push_back(out ? out[i] : kIdleBus);
-            if (lines != dataLines)
-                readValid_ = false;
-            if (in)
-                in[i] = kIdleBus;
-            if (header_.size() == 3)
-                readAddress_ = (uint32_t(header_[0]) << 16) | (uint32_t(header_[1]) << 8) | header_[2];
-        }
-        if (i >= count || !in)
-            return;
-        if (!readValid_ || lines != dataLines) {
-            std::fill(in + i, in + count, kIdleBus);
-            return;
-        }
-        // Reads run on across the end of the chip back to address 0.
-        while (i < count) {
-            const size_t chunk = std::min<size_t>(count - i, kSize - (readAddress_ % kSize));
-            std::copy_n(memory_.begin() + (readAddress_ % kSize), chunk, in + i);
-            i += chunk;
-            readAddress_ = static_cast<uint32_t>((readAddress_ + chunk) % kSize);
-        }
-        return;
-    }
-
     case kSectorErase:
     case kPageProgram:
-    case kQuadPageProgram:
-        for (; i < count; ++i) {
-            const uint8_t byte = out ? out[i] : kIdleBus;
-            if (header_.size() < 3)
-                header_.push_back(byte);
-            else
-                data_.push_back(byte);
-            if (in)
-                in[i] = kIdleBus;
-        }
+    case kRead:
+        enterPhase(Phase::Address, Lines::Single);
         return;
-
+    case kQuadPageProgram:
+        enterPhase(quadEnable ? Phase::Address : Phase::Ignored, Lines::Single);
+        return;
+    case kQuadIoFastRead:
+        enterPhase(quadEnable ? Phase::Address : Phase::Ignored, Lines::Quad);
+        return;
     default:
-        if (in)
-            std::fill(in + i, in + count, kIdleBus);
+        phase_ = Phase::Ignored;
         return;
     }
 }
 
-void NorFlash::program(uint32_t address, const std::vector<uint8_t>& data)
+void NorFlash::phaseByteDone(uint8_t byte)
 {
-    // Bytes past the end of the page wrap to its start; a page takes at most
-    // its last 256 bytes.
-    const uint32_t page = (address % kSize) & ~(kPageSize - 1);
-    uint32_t offset = address & (kPageSize - 1);
-    size_t first = data.size() > kPageSize ? data.size() - kPageSize : 0;
-    offset = static_cast<uint32_t>((offset + first) & (kPageSize - 1));
-    size_t end = data.size();
-    const bool failing = powerFailsNow();
-    if (failing)
-        end = first + (end - first) / 2;
+    switch (phase_) {
+    case Phase::Instruction:
+        instruction_ = byte;
+        instructionDone();
+        return;
+    case Phase::Address:
+        header_[phaseBytes_++] = byte;
+        if (phaseBytes_ < 3)
+            return;
+        switch (instruction_) {
+        case kSectorErase:
+            enterPhase(Phase::Trailing, Lines::Single);
+            return;
+        case kPageProgram:
+            enterPhase(Phase::DataIn, Lines::Single);
+            return;
+        case kQuadPageProgram:
+            enterPhase(Phase::DataIn, Lines::Quad);
+            return;
+        case kRead:
+            enterPhase(Phase::DataOut, Lines::Single);
+            return;
+        default:
+            enterPhase(Phase::Mode, Lines::Quad);
+            return;
+        }
+    case Phase::Mode:
+        modeBits_ = byte;
+        enterPhase(Phase::Dummy, Lines::Quad);
+        return;
+    case Phase::DataIn:
+        // Past the end of the page the address wraps to the page's start.
+        pageBuffer_[(header_[2] + dataBytes_) % kPageSize] = byte;
+        ++dataBytes_;
+        return;
+    default:
+        return;
+    }
+}
 
+uint8_t NorFlash::outputByte(uint64_t index)
+{
+    switch (instruction_) {
+    case kReadStatus1: {
+        const uint8_t value = statusRegister1();
+        if ((value & kStatusBusy) && busyPollsLeft_ > 0)
+            --busyPollsLeft_;
+        return value;
+    }
+    case kReadStatus2:
+        return statusRegister2();
+    case kReadUniqueId:
+        if (index < kUniqueIdDummyBytes || index >= kUniqueIdDummyBytes + 8)
+            return 0xFF;
+        return static_cast<uint8_t>(uniqueId >> (8 * (kUniqueIdDummyBytes + 7 - index)));
+    case kReadJedecId:
+        return index < 3 ? kJedecId[index] : 0xFF;
+    case kRead:
+    case kQuadIoFastRead:
+        // Reads run on across the end of the chip back to address 0.
+        return memory_[(readAddress_ + index) % kSize];
+    default:
+        return 0xFF;
+    }
+}
+
+// The chip's side of one clock: the levels it drives (only while it answers).
+uint8_t NorFlash::driveBits()
+{
+    loadOutput();
+    return wire::toLevels(
+        wire::bitsOfClock(outByte_, outClock_, phaseLines_), phaseLines_, Direction::ToMaster);
+}
+
+// The chip's side of one clock edge: it takes its input bits from the line
+// levels, or moves on in its answer.
+void NorFlash::clockIn(uint8_t levels)
+{
+    ++clocks_;
+    switch (phase_) {
+    case Phase::Instruction:
+    case Phase::Address:
+    case Phase::Mode:
+    case Phase::DataIn:
+        shift_ = static_cast<uint8_t>((shift_ << wire::width(phaseLines_))
+            | wire::fromLevels(levels, phaseLines_, Direction::ToDevice));
+        bitsIn_ += wire::width(phaseLines_);
+        if (bitsIn_ == 8) {
+            const uint8_t byte = shift_;
+            shift_ = 0;
+            bitsIn_ = 0;
+            phaseByteDone(byte);
+        }
+        return;
+    case Phase::Dummy:
+        if (--dummyClocksLeft_ == 0)
+            enterPhase(Phase::DataOut, Lines::Quad);
+        return;
+    case Phase::DataOut:
+        clockOut();
+        return;
+    default:
+        return;
+    }
+}
+
+// A byte of the answer is made when its first bit goes out (a status byte
+// shows the chip as it is at that moment).
+void NorFlash::loadOutput()
+{
+    if (!outPending_)
+        return;
+    outByte_ = outputByte(outIndex_);
+    outPending_ = false;
+}
+
+void NorFlash::clockOut()
+{
+    if (++outClock_ < wire::clocksPerByte(phaseLines_))
+        return;
+    outClock_ = 0;
+    ++outIndex_;
+    outPending_ = true;
+}
+
+void NorFlash::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines lines)
+{
+    if (!selected_)
+        return;
+    const int clocksPerByte = wire::clocksPerByte(lines);
+    // The master drives IO0 in single mode all the time (high while it only
+    // reads); on more lines it drives them only while it writes.
+    const uint8_t masterMask = out || lines == Lines::Single ? wire::lineMask(lines, Direction::ToDevice) : 0;
+    size_t i = 0;
+    while (i < count) {
+        const size_t left = count - i;
+        // Whole bytes on the lines the chip expects: no need to go clock by clock.
+        if (phase_ == Phase::DataOut && phaseLines_ == lines && outClock_ == 0
+            && (lines == Lines::Single || !out)) {
+            if (instruction_ == kRead || instruction_ == kQuadIoFastRead) {
+                for (size_t done = 0; done < left;) {
+                    const uint32_t at = static_cast<uint32_t>((readAddress_ + outIndex_) % kSize);
+                    const size_t chunk = std::min<size_t>(left - done, kSize - at);
+                    if (in)
+                        std::copy_n(memory_.begin() + at, chunk, in + i + done);
+                    done += chunk;
+                    outIndex_ += chunk;
+                }
+            } else {
+                for (size_t k = 0; k < left; ++k) {
+                    loadOutput();
+                    if (in)
+                        in[i + k] = outByte_;
+                    ++outIndex_;
+                    outPending_ = true;
+                }
+            }
+            outPending_ = true;
+            clocks_ += left * static_cast<uint64_t>(clocksPerByte);
+            return;
+        }
+        if (phase_ == Phase::DataIn && phaseLines_ == lines && bitsIn_ == 0 && out) {
+            for (size_t k = 0; k < left; ++k)
+                phaseByteDone(out[i + k]);
+            if (in)
+                std::fill(in + i, in + count, lines == Lines::Single ? 0xFF : 0);
+            clocks_ += left * static_cast<uint64_t>(clocksPerByte);
+            return;
+        }
+        if (phase_ == Phase::Ignored || phase_ == Phase::Trailing) {
+            // Nothing drives the lines the master reads.
+            if (in)
+                for (size_t k = 0; k < left; ++k)
+                    in[i + k] = lines == Lines::Single || !out ? 0xFF : out[i + k];
+            clocks_ += left * static_cast<uint64_t>(clocksPerByte);
+            return;
+        }
+
+        // One byte, clock by clock.
+        const uint8_t sent = out ? out[i] : 0xFF;
+        uint8_t value = 0;
+        for (int k = 0; k < clocksPerByte; ++k) {
+            uint8_t levels = wire::kPulledUp;
+            if (phase_ == Phase::DataOut) {
+                const uint8_t chipMask = wire::lineMask(phaseLines_, Direction::ToMaster);
+                levels = static_cast<uint8_t>((levels & ~chipMask) | (driveBits() & chipMask));
+            }
+            const uint8_t masterLevels
+                = wire::toLevels(wire::bitsOfClock(sent, k, lines), lines, Direction::ToDevice);
+            levels = static_cast<uint8_t>((levels & ~masterMask) | (masterLevels & masterMask));
+            value = static_cast<uint8_t>(
+                (value << wire::width(lines)) | wire::fromLevels(levels, lines, Direction::ToMaster));
+            clockIn(levels);
+        }
+        if (in)
+            in[i] = value;
+        ++i;
+    }
+}
+
+void NorFlash::program()
+{
+    const uint32_t page = (address() % kSize) & ~(kPageSize - 1);
+    operation_ = Operation();
+    operation_.active = true;
+    operation_.start = page;
+    operation_.before.assign(memory_.begin() + page, memory_.begin() + page + kPageSize);
     bool raises = false;
-    for (size_t i = first; i < end; ++i) {
-        uint8_t& cell = memory_[page + ((offset + (i - first)) & (kPageSize - 1))];
-        if (data[i] & ~cell)
+    for (uint32_t offset = 0; offset < kPageSize; ++offset) {
+        if (pageBuffer_[offset] < 0)
+            continue;
+        const uint8_t data = static_cast<uint8_t>(pageBuffer_[offset]);
+        uint8_t& cell = memory_[page + offset];
+        if (data & ~cell)
             raises = true;
-        cell &= data[i];
+        cell &= data;
     }
     if (raises)
         ++stats.zeroToOneAttempts;
     ++stats.pagePrograms;
-    dirty = true;
-    if (onMemoryChanged)
-        onMemoryChanged();
-    startBusy(timing.programUs);
-    if (failing && onPowerCut)
-        onPowerCut();
+    startBusy(timing.programUs, timing.busyPolls);
+    if (powerFailsNow()) {
+        interrupt();
+        if (onPowerCut)
+            onPowerCut();
+    }
+    memoryChanged();
 }
 
 void NorFlash::eraseSector(uint32_t address)
 {
     const uint32_t sector = (address % kSize) / kSectorSize;
-    const bool failing = powerFailsNow();
-    const uint32_t length = failing ? kSectorSize / 2 : kSectorSize;
-    std::fill_n(memory_.begin() + sector * kSectorSize, length, 0xFF);
+    operation_ = Operation();
+    operation_.active = true;
+    operation_.erase = true;
+    operation_.start = sector * kSectorSize;
+    operation_.before.assign(
+        memory_.begin() + operation_.start, memory_.begin() + operation_.start + kSectorSize);
+    std::fill_n(memory_.begin() + operation_.start, kSectorSize, 0xFF);
     ++stats.sectorErases[sector];
     ++stats.sectorEraseCommands;
-    dirty = true;
-    if (onMemoryChanged)
-        onMemoryChanged();
-    startBusy(timing.eraseUs);
-    if (failing && onPowerCut)
-        onPowerCut();
+    startBusy(timing.eraseUs, timing.busyPolls);
+    if (powerFailsNow()) {
+        interrupt();
+        if (onPowerCut)
+            onPowerCut();
+    }
+    memoryChanged();
+}
+
+void NorFlash::eraseChip()
+{
+    operation_ = Operation();
+    operation_.active = true;
+    operation_.erase = true;
+    operation_.start = 0;
+    operation_.before = memory_;
+    std::fill(memory_.begin(), memory_.end(), 0xFF);
+    for (uint32_t& count : stats.sectorErases)
+        ++count;
+    ++stats.chipErases;
+    startBusy(timing.chipEraseUs, timing.busyPolls);
+    if (powerFailsNow()) {
+        interrupt();
+        if (onPowerCut)
+            onPowerCut();
+    }
+    memoryChanged();
+}
+
+// A program or erase stopped before its time: a program has cleared only some
+// of the bits it was to clear; an erase has set some bytes to 0xFF, left
+// others as they were and left the rest neither (bits partly set). Which
+// ones follows the seed, so a run can be repeated.
+void NorFlash::interrupt()
+{
+    busyPollsLeft_ = 0;
+    busyUntil_ = {};
+    if (!operation_.active)
+        return;
+    operation_.active = false;
+    ++stats.interrupted;
+    const uint32_t run = mix(seed
+        ^ static_cast<uint32_t>(
+            stats.pagePrograms * 7919 + stats.sectorEraseCommands * 104729 + stats.interrupted));
+    for (size_t i = 0; i < operation_.before.size(); ++i) {
+        const uint8_t before = operation_.before[i];
+        uint8_t& cell = memory_[operation_.start + i];
+        const uint32_t noise = mix(run + static_cast<uint32_t>(i) * 0x9E3779B9u);
+        if (operation_.erase) {
+            switch (noise % 3) {
+            case 0:
+                cell = 0xFF;
+                break;
+            case 1:
+                cell = before;
+                break;
+            default:
+                cell = static_cast<uint8_t>(before | (noise >> 8));
+                break;
+            }
+        } else {
+            const uint8_t toClear = static_cast<uint8_t>(before & ~cell);
+            cell = static_cast<uint8_t>(before & ~(toClear & (noise >> 8)));
+        }
+    }
+    memoryChanged();
 }
 
 void NorFlash::deselect()
@@ -241,56 +528,80 @@ void NorFlash::deselect()
     if (!selected_)
         return;
     selected_ = false;
-    if (!haveCommand_ || commandIgnored_)
+
+    // The mode bits of a quad read decide how the next frame starts.
+    if (instruction_ == kQuadIoFastRead && (phase_ == Phase::Dummy || phase_ == Phase::DataOut))
+        continuous_ = (modeBits_ & kContinuousMask) == kContinuousBits;
+    if (phase_ == Phase::Ignored || phase_ == Phase::Instruction)
         return;
 
-    const auto address
-        = [this] { return (uint32_t(header_[0]) << 16) | (uint32_t(header_[1]) << 8) | header_[2]; };
     const bool wasResetEnabled = resetEnabled_;
     resetEnabled_ = false;
+    // Write enable, erases and resets count only when chip select rises
+    // right after the frame's last bit; a program after a whole data byte.
+    const bool wholeInstruction = phase_ == Phase::Trailing && clocks_ == kInstructionClocks;
+    const auto inexact = [this] { ++stats.ignoredInexactFrames; };
+    const auto writeEnabled = [this] {
+        if (writeEnable_)
+            return true;
+        ++stats.ignoredWithoutWriteEnable;
+        return false;
+    };
 
-    switch (command_) {
+    switch (instruction_) {
     case kWriteEnable:
+        if (!wholeInstruction)
+            return inexact();
         writeEnable_ = true;
         return;
-    case kSectorErase:
-    case kPageProgram:
-    case kQuadPageProgram:
+    case kWriteDisable:
+        if (!wholeInstruction)
+            return inexact();
+        writeEnable_ = false;
+        return;
     case kChipErase:
     case kChipEraseAlt:
-        if (!writeEnable_) {
-            ++stats.ignoredWithoutWriteEnable;
+        if (!wholeInstruction)
+            return inexact();
+        if (!writeEnabled())
             return;
-        }
-        if (command_ == kChipErase || command_ == kChipEraseAlt) {
-            writeEnable_ = false;
-            std::fill(memory_.begin(), memory_.end(), 0xFF);
-            for (uint32_t& count : stats.sectorErases)
-                ++count;
-            ++stats.chipErases;
-            dirty = true;
-            if (onMemoryChanged)
-                onMemoryChanged();
-            startBusy(timing.chipEraseUs);
-            return;
-        }
-        if (header_.size() < 3)
-            return; // incomplete frame: the chip does nothing
         writeEnable_ = false;
-        if (command_ == kSectorErase)
-            eraseSector(address());
-        else if (!data_.empty())
-            program(address(), data_);
+        eraseChip();
+        return;
+    case kSectorErase:
+        if (phase_ != Phase::Trailing || clocks_ != kSectorEraseClocks)
+            return inexact();
+        if (!writeEnabled())
+            return;
+        writeEnable_ = false;
+        eraseSector(address());
+        return;
+    case kPageProgram:
+    case kQuadPageProgram:
+        if (phase_ != Phase::DataIn || bitsIn_ != 0 || dataBytes_ == 0)
+            return inexact();
+        if (!writeEnabled())
+            return;
+        writeEnable_ = false;
+        program();
         return;
     case kResetEnable:
+        if (!wholeInstruction)
+            return inexact();
         resetEnabled_ = true;
         return;
     case kReset:
-        if (wasResetEnabled) {
-            writeEnable_ = false;
-            busyPollsLeft_ = 0;
-            busyUntil_ = {};
-        }
+        if (!wholeInstruction)
+            return inexact();
+        if (!wasResetEnabled)
+            return;
+        // The operation in progress stops, the latches clear, and the chip
+        // takes its reset time before it listens again.
+        if (busy())
+            interrupt();
+        writeEnable_ = false;
+        continuous_ = false;
+        recoveringUntil_ = Clock::now() + std::chrono::microseconds(timing.resetUs);
         return;
     default:
         return;

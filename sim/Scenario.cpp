@@ -247,7 +247,8 @@ bool readFile(Reader& r, const QString& name, uint32_t address, ScenarioSensor& 
 bool readBitstream(Reader& r, ScenarioSensor& sensor)
 {
     return r.object("bitstream", [&](Reader& b) {
-        if (!b.allowOnly({ "date", "lattice", "size", "seed", "truncate", "corrupt", "firstByte" }))
+        if (!b.allowOnly(
+                { "date", "lattice", "size", "seed", "truncate", "corrupt", "firstByte", "deviceId" }))
             return false;
         BitstreamHeader header;
         int64_t size = 30000, seed = 15, truncate = 0, firstByte = 0xFF;
@@ -255,7 +256,8 @@ bool readBitstream(Reader& r, ScenarioSensor& sensor)
         if (!b.text("date", &header.date) || !b.text("lattice", &header.lattice)
             || !b.integer("size", 256, 0x3FFFF0, &size) || !b.integer("seed", 0, 0xFFFFFFFF, &seed)
             || !b.integer("truncate", 0, 0x3FFFF0, &truncate) || !b.boolean("corrupt", &corrupt)
-            || !b.integer("firstByte", 0, 255, &firstByte))
+            || !b.integer("firstByte", 0, 255, &firstByte)
+            || !b.number("deviceId", 0, 0xFFFFFFFF, &header.deviceId))
             return false;
         std::vector<uint8_t> bytes
             = makeBitstream(header, static_cast<uint32_t>(size), static_cast<uint32_t>(seed));
@@ -273,10 +275,13 @@ bool readFlash(Reader& r, const QString& baseDirectory, ScenarioSensor& sensor)
 {
     return r.object("flash", [&](Reader& f) {
         QJsonArray counter;
-        if (!f.allowOnly({ "erased", "image", "counter", "timing", "PRD", "ASS", "FFC", "BLK", "DPL", "BTS",
-                "bitstream" })
+        if (!f.allowOnly({ "erased", "image", "counter", "timing", "quadEnable", "PRD", "ASS", "FFC", "BLK",
+                "DPL", "BTS", "bitstream" })
             || !f.boolean("erased", &sensor.eraseFlash) || !f.text("image", &sensor.flashImage)
             || !f.array("counter", &counter))
+            return false;
+        sensor.hasQuadEnable = f.has("quadEnable");
+        if (!f.boolean("quadEnable", &sensor.quadEnable))
             return false;
         if (f.has("BTS") && f.has("bitstream"))
             return f.fail(QStringLiteral("%1 has both \"BTS\" and \"bitstream\"; give one").arg(f.where()));
@@ -308,11 +313,13 @@ bool readFlash(Reader& r, const QString& baseDirectory, ScenarioSensor& sensor)
         }
         if (!f.object("timing", [&](Reader& t) {
                 sensor.hasTiming = true;
-                return t.allowOnly({ "busyPolls", "programUs", "eraseUs", "chipEraseUs" })
+                // No longer than the datasheet's largest figures.
+                return t.allowOnly({ "busyPolls", "programUs", "eraseUs", "chipEraseUs", "resetUs" })
                     && t.number("busyPolls", 0, 1000000, &sensor.timing.busyPolls)
-                    && t.number("programUs", 0, 10000000, &sensor.timing.programUs)
-                    && t.number("eraseUs", 0, 10000000, &sensor.timing.eraseUs)
-                    && t.number("chipEraseUs", 0, 100000000, &sensor.timing.chipEraseUs);
+                    && t.number("programUs", 0, FlashTiming::kProgramMaxUs, &sensor.timing.programUs)
+                    && t.number("eraseUs", 0, FlashTiming::kEraseMaxUs, &sensor.timing.eraseUs)
+                    && t.number("chipEraseUs", 0, FlashTiming::kChipEraseMaxUs, &sensor.timing.chipEraseUs)
+                    && t.number("resetUs", 0, FlashTiming::kResetUs, &sensor.timing.resetUs);
             }))
             return false;
         return readFile(f, "PRD", kPrdAddress, sensor) && readFile(f, "ASS", kAssAddress, sensor)
@@ -386,12 +393,20 @@ bool readSensor(
     SensorConfig& c = sensor.config;
     std::string uniqueId;
     if (!r.allowOnly({ "serial", "location", "inside", "size", "version", "uniqueId", "plugged", "status",
-            "statusQueue", "generator", "adc", "exposure", "image", "fpga", "flash" })
+            "statusQueue", "generator", "adc", "exposure", "image", "fpga", "flash", "delays", "spiEngine" })
         || !r.text("serial", &c.serial, kMaxSerialLength) || !r.number("location", 0, 0xFFFFFFF0, &c.location)
         || !r.boolean("inside", &c.inside) || !r.number("size", 0, 3, &c.sizeCode)
         || !r.number("version", 0, 15, &c.version) || !r.text("uniqueId", &uniqueId)
         || !r.boolean("plugged", &sensor.plugged))
         return false;
+    std::string engine;
+    if (!r.text("spiEngine", &engine))
+        return false;
+    if (engine == "separate")
+        c.sharedSpiEngine = false;
+    else if (r.has("spiEngine") && engine != "shared")
+        return r.fail(QStringLiteral("%1 must be \"shared\" or \"separate\", not \"%2\"")
+                          .arg(r.path("spiEngine"), QString::fromStdString(engine)));
     if (r.has("serial") && c.serial.empty())
         return r.fail(r.path("serial") + " is empty");
     if (!uniqueId.empty()) {
@@ -453,9 +468,22 @@ bool readSensor(
         return false;
     if (!readImageSource(r, baseDirectory, c))
         return false;
+    if (!r.object("delays", [&](Reader& d) {
+            sensor.hasDelays = true;
+            return d.allowOnly({ "readyMs", "armMs", "imageLeadMs", "readoutMs" })
+                && d.number("readyMs", 0, 60000, &c.readyDelayMs)
+                && d.number("armMs", 0, 60000, &c.armDelayMs)
+                && d.number("imageLeadMs", 0, 60000, &c.imageLeadMs)
+                && d.number("readoutMs", 0, 60000, &c.readoutMs);
+        }))
+        return false;
     if (!r.object("fpga", [&](Reader& f) {
-            return f.allowOnly({ "configured", "deviceId" }) && f.boolean("configured", &c.fpgaConfigured)
-                && f.number("deviceId", 0, 0xFFFFFFFF, &c.fpgaDeviceId);
+            sensor.hasFpgaDelays = f.has("settleUs") || f.has("programLowUs");
+            return f.allowOnly({ "configured", "deviceId", "settleUs", "programLowUs" })
+                && f.boolean("configured", &c.fpgaConfigured)
+                && f.number("deviceId", 0, 0xFFFFFFFF, &c.fpgaDeviceId)
+                && f.number("settleUs", 0, 1000000, &sensor.fpgaSettleUs)
+                && f.number("programLowUs", 0, 1000000, &sensor.programLowUs);
         }))
         return false;
     return readFlash(r, baseDirectory, sensor);
@@ -522,8 +550,11 @@ bool readFault(
         return false;
     }
     Reader f(value.toObject(), where, error);
-    int64_t status = fault.status, detail = 0, unplug = 0;
-    if (!f.allowOnly({ "call", "nth", "callNumber", "status", "detail", "unplug", "atCall" })
+    int64_t status = fault.status, detail = 0, unplug = 0, shortBytes = 0;
+    bool stuck = false;
+    if (!f.allowOnly(
+            { "call", "nth", "callNumber", "status", "detail", "unplug", "atCall", "short", "stuck" })
+        || !f.integer("short", 0, 65535, &shortBytes) || !f.boolean("stuck", &stuck)
         || !f.text("call", &fault.function) || !f.integer("nth", 1, 1000000000, &fault.nth)
         || !f.integer("callNumber", 1, 1000000000000, &fault.nth)
         || !f.integer("status", 1, 0xFFFFFFFF, &status) || !f.integer("detail", 0, 1000000, &detail)
@@ -549,6 +580,26 @@ bool readFault(
             return f.fail(QStringLiteral("%1 \"%2\" is not a bridge function")
                               .arg(f.path("call"), QString::fromStdString(fault.function)));
         fault.kind = ScenarioFault::Kind::Call;
+        if (f.has("short") || f.has("stuck")) {
+            static const std::vector<std::string> transfers { "FT4222_SPIMaster_SingleRead",
+                "FT4222_SPIMaster_SingleWrite", "FT4222_SPIMaster_SingleReadWrite",
+                "FT4222_SPIMaster_MultiReadWrite" };
+            if (std::find(transfers.begin(), transfers.end(), fault.function) == transfers.end())
+                return f.fail(
+                    QStringLiteral("%1: \"short\" and \"stuck\" go with an SPI transfer function only")
+                        .arg(where));
+            if (f.has("status") || (f.has("short") && f.has("stuck")))
+                return f.fail(
+                    QStringLiteral("%1: give one of \"status\", \"short\" and \"stuck\"").arg(where));
+            if (f.has("stuck") && !stuck)
+                return f.fail(QStringLiteral("%1 can only be true").arg(f.path("stuck")));
+            if (f.has("short")) {
+                fault.kind = ScenarioFault::Kind::Short;
+                fault.bytes = static_cast<uint16_t>(shortBytes);
+            } else if (stuck) {
+                fault.kind = ScenarioFault::Kind::Stuck;
+            }
+        }
     } else if (f.has("callNumber")) {
         fault.kind = ScenarioFault::Kind::CallNumber;
     } else if (f.has("detail")) {
@@ -615,12 +666,13 @@ bool readScenario(const QJsonObject& root, const QString& baseDirectory, Scenari
     Reader r(root, "the top level", error);
     QJsonArray sensors, foreign, order, faults;
     std::string driver;
-    if (!r.allowOnly(
-            { "sensors", "foreign", "order", "faults", "linkTiming", "driver", "nonAsciiAsQuestionMark" })
+    std::string timing;
+    if (!r.allowOnly({ "sensors", "foreign", "order", "faults", "linkTiming", "driver",
+            "nonAsciiAsQuestionMark", "timing" })
         || !r.boolean("linkTiming", &scenario.linkTiming) || !r.text("driver", &driver)
         || !r.boolean("nonAsciiAsQuestionMark", &scenario.nonAsciiAsQuestionMark)
-        || !r.array("sensors", &sensors) || !r.array("foreign", &foreign) || !r.array("order", &order)
-        || !r.array("faults", &faults))
+        || !r.text("timing", &timing) || !r.array("sensors", &sensors) || !r.array("foreign", &foreign)
+        || !r.array("order", &order) || !r.array("faults", &faults))
         return false;
     if (driver == "linux")
         scenario.driver = DriverProfile::Linux;
@@ -634,6 +686,14 @@ bool readScenario(const QJsonObject& root, const QString& baseDirectory, Scenari
             QStringLiteral("\"sensors\" lists %1 sensors; at most %2 are allowed (the plug-in uses four)")
                 .arg(sensors.size())
                 .arg(kMostSensors));
+    if (r.has("timing")) {
+        scenario.hasTiming = true;
+        if (timing == "realistic")
+            scenario.timing = Timing::Realistic;
+        else if (timing != "instant")
+            return r.fail(QStringLiteral("timing must be \"realistic\" or \"instant\", not \"%1\"")
+                              .arg(QString::fromStdString(timing)));
+    }
     for (int i = 0; i < sensors.size(); ++i) {
         ScenarioSensor sensor;
         if (!readSensor(sensors[i], i, baseDirectory, sensor, error))
@@ -711,8 +771,16 @@ bool load(
     Bridge& bridge = Bridge::instance();
     std::lock_guard<std::recursive_mutex> lock(bridge.mutex);
     control.reset();
+    control.setTiming(scenario.timing);
     for (const ScenarioSensor& sensor : scenario.sensors) {
         const int index = control.addSensor(sensor.config);
+        if (sensor.hasDelays)
+            control.setSensorDelays(index, sensor.config.readyDelayMs, sensor.config.armDelayMs,
+                sensor.config.imageLeadMs, sensor.config.readoutMs);
+        if (sensor.hasQuadEnable)
+            control.setFlashQuadEnable(index, sensor.quadEnable);
+        if (sensor.hasFpgaDelays)
+            control.setFpgaDelays(index, sensor.fpgaSettleUs, sensor.programLowUs);
         // The described contents, unless an image file holds the flash as
         // the last run left it: whether it does is seen only once this
         // process holds the file (another may be creating it right now).
@@ -753,9 +821,15 @@ bool load(
         case ScenarioFault::Kind::Unplug:
             control.unplugAtCall(fault.index, static_cast<uint64_t>(fault.nth));
             break;
+        case ScenarioFault::Kind::Short:
+            control.shortTransfer(fault.function, static_cast<int>(fault.nth), fault.bytes);
+            break;
+        case ScenarioFault::Kind::Stuck:
+            control.stickTransfer(fault.function, static_cast<int>(fault.nth));
+            break;
         }
     }
-    bridge.linkTiming = scenario.linkTiming;
+    bridge.linkTiming = scenario.linkTiming || scenario.timing == Timing::Realistic;
     bridge.driver = scenario.driver;
     bridge.nonAsciiAsQuestionMark = scenario.nonAsciiAsQuestionMark;
     return true;

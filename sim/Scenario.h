@@ -27,14 +27,21 @@ struct ScenarioSensor {
     std::string flashImage; // resolved path
     bool hasTiming = false;
     FlashTiming timing;
+    bool hasQuadEnable = false;
+    bool quadEnable = true;
+    bool hasDelays = false;
+    bool hasFpgaDelays = false;
+    uint32_t fpgaSettleUs = 0;
+    uint32_t programLowUs = 0;
 };
 
 struct ScenarioFault {
-    enum class Kind { Call, CallNumber, Detail, Unplug } kind = Kind::Call;
+    enum class Kind { Call, CallNumber, Detail, Unplug, Short, Stuck } kind = Kind::Call;
     std::string function;
     int64_t nth = 1;
     uint32_t status = 4;
     int index = 0; // list index (Detail) or sensor (Unplug)
+    uint16_t bytes = 0; // Short: bytes moved
 };
 
 struct Scenario {
@@ -46,6 +53,8 @@ struct Scenario {
     bool linkTiming = false;
     DriverProfile driver = kHostDriverProfile;
     bool nonAsciiAsQuestionMark = false;
+    bool hasTiming = false;
+    Timing timing = Timing::Instant;
 };
 
 // Reads a scenario from JSON text. Relative file names in it are taken from

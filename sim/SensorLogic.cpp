@@ -5,6 +5,7 @@
 
 #include "sim/FlashContent.h"
 #include "sim/Phantom.h"
+#include "sim/SpiWire.h"
 
 namespace vbridge {
 
@@ -28,8 +29,12 @@ constexpr uint8_t kLatticeEnable = 0xC6;
 constexpr uint8_t kLatticeBurst = 0x7A;
 constexpr uint8_t kLatticeReadStatus = 0x3C;
 constexpr uint8_t kLatticeDisable = 0x26;
+// Status register (0x3C): DONE, ISC enabled, Fail, and the error code in
+// bits 25-23.
 constexpr uint32_t kLatticeDone = 0x100;
 constexpr uint32_t kLatticeEnabled = 0x200;
+constexpr uint32_t kLatticeFail = 0x2000;
+constexpr int kLatticeErrorShift = 23;
 
 // What an FPGA without configuration puts on the bus: read as a status
 // word it is flags 0x22, size 2, version 8, diode 0x88.
@@ -81,6 +86,7 @@ void SensorLogic::configurationReset()
     configured = false;
     configMode_ = false;
     done_ = false;
+    error_ = ConfigError::None;
     burst_ = false;
     phase_ = Phase::Idle;
 }
@@ -99,21 +105,24 @@ void SensorLogic::trigger(const Exposure& exposure)
     pending_ = exposure;
 }
 
-uint8_t SensorLogic::flags() const
+// The ready flag is clear while the logic starts up after power-on or a
+// configuration, and while it reads the pixel array out; the armed flag comes
+// a while after the arm frame.
+uint8_t SensorLogic::flags(Clock::time_point now) const
 {
     uint8_t value = 0x40;
     switch (phase_) {
     case Phase::Idle:
-        value = 0x40;
+        value = now < readyAt_ ? 0x00 : 0x40;
         break;
     case Phase::Armed:
-        value = 0x44;
+        value = now < armedAt() ? 0x40 : 0x44;
         break;
     case Phase::Exposing:
         value = 0x45;
         break;
     case Phase::Integrated:
-        value = 0x46;
+        value = 0x06;
         break;
     case Phase::ImageReady:
         value = 0x48;
@@ -124,6 +133,16 @@ uint8_t SensorLogic::flags() const
     if (linkLost)
         value |= 0x20;
     return value;
+}
+
+SensorLogic::Clock::time_point SensorLogic::armedAt() const
+{
+    return armTime_ + std::chrono::milliseconds(armDelayMs);
+}
+
+void SensorLogic::powerOn(Clock::time_point now)
+{
+    readyAt_ = now + std::chrono::milliseconds(readyDelayMs);
 }
 
 void SensorLogic::startExposure(Clock::time_point start, uint32_t durationMs, uint16_t level)
@@ -153,26 +172,30 @@ void SensorLogic::update(Clock::time_point now)
 {
     if (!configured)
         return;
-    if (phase_ == Phase::Armed) {
+    if (phase_ == Phase::Armed && now >= armedAt()) {
+        const auto armed = armedAt();
         if (pendingTrigger_) {
             pendingTrigger_ = false;
             if (pending_.doseRate > arm.threshold)
                 startExposure(now, pending_.durationMs, pending_.doseRate);
         } else if (arm.threshold < kDarkLevel) {
-            startExposure(armTime_, kDummyIntegrationMs, kDarkLevel);
+            startExposure(armed, kDummyIntegrationMs, kDarkLevel);
         } else if (autoExposure) {
-            const auto beam = armTime_ + std::chrono::milliseconds(exposure.delayMs);
+            const auto beam = std::max(
+                armed, armTime_ + std::chrono::milliseconds(std::max(exposure.delayMs, exposureFloorMs)));
             if (now >= beam && exposure.doseRate > arm.threshold)
                 startExposure(beam, exposure.durationMs, exposure.doseRate);
         }
     }
     if (phase_ == Phase::Exposing && now >= exposureEnd_)
         phase_ = Phase::Integrated;
-    if (phase_ == Phase::Integrated
-        && now >= exposureEnd_ + std::chrono::milliseconds(readoutMs)) {
-        finishImage();
+    // The image-ready value may be up before the last image data are in.
+    const auto complete = exposureEnd_ + std::chrono::milliseconds(readoutMs);
+    const auto announced = complete - std::chrono::milliseconds(std::min(imageLeadMs, readoutMs));
+    if (phase_ == Phase::Integrated && now >= announced)
         phase_ = Phase::ImageReady;
-    }
+    if (phase_ == Phase::ImageReady && imageBytes_.empty() && now >= complete)
+        finishImage();
 }
 
 void SensorLogic::ensureImage()
@@ -249,7 +272,7 @@ std::vector<uint8_t> SensorLogic::statusAnswer()
     } else if (forcedStatus) {
         word = forced;
     } else {
-        word.flags = flags();
+        word.flags = flags(Clock::now());
         word.diode = phase_ == Phase::Exposing ? exposureLevel_ : kDarkLevel;
         word.version = version;
         word.sizeCode = sizeCode;
@@ -291,13 +314,16 @@ void SensorLogic::select()
     parameters_.clear();
     answer_ = nullptr;
     answerSize_ = 0;
-    answerPos_ = 0;
+    answerClock_ = 0;
     answerFill_ = 0;
+    answerLines_ = Lines::Quad;
 }
 
 void SensorLogic::decodeLogicFrame()
 {
+    // The logic drives its answers on all four data lines.
     target_ = Target::Logic;
+    answerLines_ = Lines::Quad;
     const Clock::time_point now = Clock::now();
     update(now);
     if (!configured) {
@@ -313,7 +339,7 @@ void SensorLogic::decodeLogicFrame()
     } else if (frame_[0] == kClassData && frame_[1] == kCodeOscilloscope) {
         answerStore_ = oscilloscopeAnswer(now);
     } else if (frame_[0] == kClassData && frame_[1] >= kCodeImageBlock) {
-        ensureImage();
+        // No image yet: the blocks read zeros, size code 0 included.
         const size_t offset = static_cast<size_t>(frame_[1] - kCodeImageBlock) * kBlockSize;
         if (offset < imageBytes_.size()) {
             answer_ = imageBytes_.data() + offset;
@@ -331,13 +357,24 @@ void SensorLogic::decodeConfigFrame()
 {
     target_ = Target::Config;
     answerFill_ = 0xFF;
+    const Clock::time_point now = Clock::now();
+    // Still settling after entering or leaving configuration: the port
+    // ignores the frame.
+    if (now < configBusyUntil_) {
+        answerLines_ = Lines::Single;
+        return;
+    }
+    // The configuration port is a plain SPI slave: it answers on one line.
+    answerLines_ = Lines::Single;
     switch (frame_[0]) {
     case kLatticeReadId:
         answerStore_ = { static_cast<uint8_t>(fpgaDeviceId >> 24), static_cast<uint8_t>(fpgaDeviceId >> 16),
             static_cast<uint8_t>(fpgaDeviceId >> 8), static_cast<uint8_t>(fpgaDeviceId) };
         break;
     case kLatticeReadStatus: {
-        const uint32_t status = (done_ ? kLatticeDone : 0) | (configMode_ ? kLatticeEnabled : 0);
+        const uint32_t status = (done_ ? kLatticeDone : 0) | (configMode_ ? kLatticeEnabled : 0)
+            | (error_ != ConfigError::None ? kLatticeFail : 0)
+            | (static_cast<uint32_t>(error_) << kLatticeErrorShift);
         answerStore_ = { static_cast<uint8_t>(status >> 24), static_cast<uint8_t>(status >> 16),
             static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status) };
         break;
@@ -347,11 +384,13 @@ void SensorLogic::decodeConfigFrame()
         configMode_ = true;
         configured = false;
         phase_ = Phase::Idle;
+        configBusyUntil_ = now + std::chrono::microseconds(configSettleUs);
         return;
     case kLatticeBurst:
         if (configMode_) {
             burst_ = true;
             done_ = false;
+            error_ = ConfigError::None;
             burstData_.clear();
             burstTotal_ = 0;
         }
@@ -359,9 +398,11 @@ void SensorLogic::decodeConfigFrame()
     case kLatticeDisable:
         if (configMode_) {
             configMode_ = false;
+            configBusyUntil_ = now + std::chrono::microseconds(configSettleUs);
             if (done_) {
                 configured = true;
                 phase_ = Phase::Idle;
+                powerOn(Clock::now());
             }
         }
         return;
@@ -400,7 +441,13 @@ size_t SensorLogic::feedBurst(const uint8_t* data, size_t count)
     used += take;
     if (burstData_.size() >= burstTotal_) {
         burst_ = false;
-        done_ = bitstreamIntact(burstData_);
+        // A bitstream for another device, or one that fails its check, is
+        // refused: DONE stays clear and the status says why.
+        if (!bitstreamIntact(burstData_))
+            error_ = ConfigError::Crc;
+        else if (bitstreamDeviceId(burstData_) != fpgaDeviceId)
+            error_ = ConfigError::Id;
+        done_ = error_ == ConfigError::None;
         loadedBitstream = burstData_;
     }
     return used;
@@ -451,7 +498,11 @@ void SensorLogic::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines 
                 if (in)
                     in[i] = 0;
                 ++i;
-                if (parameters_.size() == 5 && parameterLines_ == Lines::Quad) {
+                // Taken only on four lines, in the ready state, and with the
+                // acquisition nibble 4 or 5 (5: with oscilloscope).
+                const int mode = parameters_.empty() ? 0 : parameters_[0] >> 4;
+                if (parameters_.size() == 5 && parameterLines_ == Lines::Quad && (mode == 4 || mode == 5)
+                    && (flags(Clock::now()) & 0x40)) {
                     arm.count++;
                     arm.threshold = ((parameters_[0] & 0x0F) << 8) | parameters_[1];
                     arm.oscilloscope = (parameters_[0] & 0xF0) == 0x50;
@@ -459,6 +510,8 @@ void SensorLogic::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines 
                         = (uint32_t(parameters_[2]) << 16) | (uint32_t(parameters_[3]) << 8) | parameters_[4];
                     phase_ = Phase::Armed;
                     armTime_ = Clock::now();
+                    // A new acquisition: the last image is gone.
+                    imageBytes_.clear();
                     samples_.clear();
                     samplesRead_ = 0;
                 }
@@ -466,14 +519,23 @@ void SensorLogic::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines 
             }
         }
         // Answer bytes; the master's bytes in this phase are not looked at.
+        // Read on other lines than the ones the answer is driven on, the
+        // master samples bits of the answer that do not make its bytes.
         const size_t n = count - i;
-        if (in) {
-            const size_t fromAnswer = answerPos_ < answerSize_ ? std::min(n, answerSize_ - answerPos_) : 0;
-            if (fromAnswer)
-                std::memcpy(in + i, answer_ + answerPos_, fromAnswer);
-            std::fill(in + i + fromAnswer, in + count, answerFill_);
+        const int clocksPerByte = wire::clocksPerByte(answerLines_);
+        if (lines == answerLines_ && answerClock_ % static_cast<uint64_t>(clocksPerByte) == 0) {
+            const size_t position = static_cast<size_t>(answerClock_ / static_cast<uint64_t>(clocksPerByte));
+            if (in) {
+                const size_t fromAnswer = position < answerSize_ ? std::min(n, answerSize_ - position) : 0;
+                if (fromAnswer)
+                    std::memcpy(in + i, answer_ + position, fromAnswer);
+                std::fill(in + i + fromAnswer, in + count, answerFill_);
+            }
+            answerClock_ += static_cast<uint64_t>(n) * static_cast<uint64_t>(clocksPerByte);
+        } else {
+            const auto byteAt = [this](size_t k) { return k < answerSize_ ? answer_[k] : answerFill_; };
+            wire::readAcross(byteAt, answerLines_, lines, answerClock_, in ? in + i : nullptr, n);
         }
-        answerPos_ += n;
         i = count;
     }
 }
@@ -484,6 +546,7 @@ void SensorLogic::deselect()
         // The chip select rose in the middle of the bitstream.
         burst_ = false;
         done_ = false;
+        error_ = ConfigError::Abort;
         loadedBitstream = burstData_;
     }
     frame_.clear();

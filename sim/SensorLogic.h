@@ -45,6 +45,20 @@ public:
     Exposure exposure;
     uint32_t readoutMs = 300;
     ImageSource imageSource;
+    // Phases: the ready flag stays clear this long after power-on and after
+    // a configuration; the armed flag comes this long after the arm frame;
+    // the image-ready value comes this long before the image data are in.
+    uint32_t readyDelayMs = 0;
+    uint32_t armDelayMs = 0;
+    uint32_t imageLeadMs = 0;
+    // No automatic exposure starts sooner than this after the arm frame.
+    uint32_t exposureFloorMs = 0;
+    // The configuration port takes no command this long after 0xC6 (enter
+    // configuration) and 0x26 (leave it); PROGRAMN must stay low this long
+    // to restart the configuration.
+    uint32_t configSettleUs = 0;
+    uint32_t programLowMinUs = 0;
+    void powerOn(Clock::time_point now);
     bool off = false;
     bool linkLost = false;
     int imageSizeCodeOverride = -1;
@@ -61,6 +75,8 @@ public:
     void trigger(const Exposure& exposure);
     // Size code written into images from now on, and into the one held.
     void setImageSizeCode(int code);
+    // Holds a dark image unless an image is there already.
+    void holdDarkImage() { ensureImage(); }
 
     ArmRecord arm;
     int exposures = 0;
@@ -78,7 +94,8 @@ private:
     void finishImage();
     void decodeLogicFrame();
     void decodeConfigFrame();
-    uint8_t flags() const;
+    uint8_t flags(Clock::time_point now) const;
+    Clock::time_point armedAt() const;
     std::vector<uint8_t> statusAnswer();
     std::vector<uint8_t> insideAnswer() const;
     std::vector<uint8_t> oscilloscopeAnswer(Clock::time_point now);
@@ -88,6 +105,7 @@ private:
     uint32_t seed_;
     Phase phase_ = Phase::Idle;
     Clock::time_point armTime_ {};
+    Clock::time_point readyAt_ {};
     Clock::time_point exposureStart_ {};
     Clock::time_point exposureEnd_ {};
     uint32_t exposureMs_ = 0;
@@ -112,13 +130,18 @@ private:
     Lines parameterLines_ = Lines::Single;
     const uint8_t* answer_ = nullptr;
     size_t answerSize_ = 0;
-    size_t answerPos_ = 0;
+    uint64_t answerClock_ = 0; // clocks of the answer so far
+    Lines answerLines_ = Lines::Quad;
     std::vector<uint8_t> answerStore_;
     uint8_t answerFill_ = 0;
 
     // Configuration port.
+    // Error codes of the status register.
+    enum class ConfigError : uint32_t { None = 0, Id = 1, Crc = 3, Abort = 5 };
+    Clock::time_point configBusyUntil_ {};
     bool configMode_ = false;
     bool done_ = false;
+    ConfigError error_ = ConfigError::None;
     bool burst_ = false;
     std::vector<uint8_t> burstData_;
     size_t burstTotal_ = 0;

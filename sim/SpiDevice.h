@@ -10,9 +10,20 @@ namespace vbridge {
 
 enum class Lines : uint8_t { Single = 1, Dual = 2, Quad = 4 };
 
+// How a device wants to be clocked: its SPI mode (modes 0 and 3 are the same
+// to a device, as are 1 and 2), the fastest clock it follows, and the bridge
+// chip-select line it is wired to.
+struct SpiProfile {
+    int cpol = 0; // clock idles low
+    int cpha = 0; // data taken on the leading edge
+    double maxClockMHz = 50;
+    uint8_t chipSelect = 0x01; // bit of the SS line (ssoMap)
+};
+
 class SpiDevice {
 public:
     virtual ~SpiDevice() = default;
+    SpiProfile profile;
     // Chip select asserted: a new transaction starts.
     virtual void select() { }
     // count bytes clocked through in one go. out: the bytes the master drives

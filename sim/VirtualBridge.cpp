@@ -68,6 +68,7 @@ void VirtualBridge::reset()
     b.traceDataLimit = static_cast<size_t>(-1);
     b.calls = 0;
     b.callFaults.clear();
+    b.transferFaults.clear();
     b.callNumberFaults.clear();
     b.unplugAtCall.clear();
     b.failedDetails.clear();
@@ -76,6 +77,7 @@ void VirtualBridge::reset()
     // the machine: they stay.
     b.driver = kHostDriverProfile;
     b.nonAsciiAsQuestionMark = false;
+    b.timing = Timing::Instant;
 }
 
 void VirtualBridge::resetToDefault()
@@ -117,6 +119,15 @@ int VirtualBridge::addSensor(const SensorConfig& config)
     if (chosen.location == 0)
         chosen.location = kFirstLocation + kLocationStep * static_cast<uint32_t>(index);
     auto sensor = std::make_unique<VirtualSensor>(chosen);
+    if (b.timing == Timing::Realistic) {
+        // The configuration's own delays win over the machine's figures.
+        b.applyTiming(*sensor);
+        if (chosen.readyDelayMs)
+            sensor->logic.readyDelayMs = chosen.readyDelayMs;
+        if (chosen.armDelayMs)
+            sensor->logic.armDelayMs = chosen.armDelayMs;
+        sensor->logic.powerOn(SensorLogic::Clock::now());
+    }
     if (chosen.defaultFlash) {
         DefaultFlash content;
         content.serial = std::to_string(kFirstBoardSerial + index);
@@ -252,6 +263,12 @@ void VirtualBridge::loseLink(int sensor, bool lost)
     locked.bridge.sensor(sensor).logic.linkLost = lost;
 }
 
+void VirtualBridge::holdDarkImage(int sensor)
+{
+    Locked locked;
+    locked.bridge.sensor(sensor).logic.holdDarkImage();
+}
+
 void VirtualBridge::setImageSizeCode(int sensor, int code)
 {
     Locked locked;
@@ -346,6 +363,18 @@ void VirtualBridge::setFlashTiming(int sensor, const FlashTiming& timing)
 {
     Locked locked;
     locked.bridge.sensor(sensor).flash.timing = timing;
+}
+
+void VirtualBridge::setFlashQuadEnable(int sensor, bool enabled)
+{
+    Locked locked;
+    locked.bridge.sensor(sensor).flash.quadEnable = enabled;
+}
+
+uint8_t VirtualBridge::flashStatus(int sensor) const
+{
+    Locked locked;
+    return locked.bridge.sensor(sensor).flash.statusRegister1();
 }
 
 FlashStats VirtualBridge::flashStats(int sensor) const
@@ -453,6 +482,8 @@ PortSettings VirtualBridge::portSettings(int sensor, int port) const
     for (size_t i = 0; i < 3; ++i)
         settings.drivingStrength[i] = p.spi().strength[i];
     settings.chipSelectAsserted = p.inTransaction();
+    settings.engineLines = p.engine().lines;
+    settings.engineClockDivider = p.engine().divider;
     settings.gpio = p.gpioMode();
     for (size_t i = 0; i < 4; ++i)
         settings.gpioDirections[i] = p.gpioDirections()[i];
@@ -488,6 +519,18 @@ void VirtualBridge::failCall(const std::string& function, int nth, uint32_t stat
     locked.bridge.callFaults.push_back(CallFault { function, nth, status });
 }
 
+void VirtualBridge::shortTransfer(const std::string& function, int nth, uint16_t bytes)
+{
+    Locked locked;
+    locked.bridge.transferFaults.push_back(TransferFault { function, nth, false, bytes });
+}
+
+void VirtualBridge::stickTransfer(const std::string& function, int nth)
+{
+    Locked locked;
+    locked.bridge.transferFaults.push_back(TransferFault { function, nth, true, 0 });
+}
+
 void VirtualBridge::failCallNumber(uint64_t nth, uint32_t status)
 {
     Locked locked;
@@ -511,9 +554,45 @@ void VirtualBridge::clearFaults()
     Locked locked;
     Bridge& b = locked.bridge;
     b.callFaults.clear();
+    b.transferFaults.clear();
     b.callNumberFaults.clear();
     b.unplugAtCall.clear();
     b.failedDetails.clear();
+}
+
+void VirtualBridge::setTiming(Timing timing)
+{
+    Locked locked;
+    Bridge& b = locked.bridge;
+    b.timing = timing;
+    b.linkTiming = timing == Timing::Realistic;
+    for (auto& sensor : b.sensors)
+        b.applyTiming(*sensor);
+}
+
+Timing VirtualBridge::timing() const
+{
+    Locked locked;
+    return locked.bridge.timing;
+}
+
+void VirtualBridge::setSensorDelays(
+    int sensor, uint32_t readyDelayMs, uint32_t armDelayMs, uint32_t imageLeadMs, uint32_t readoutMs)
+{
+    Locked locked;
+    SensorLogic& logic = locked.bridge.sensor(sensor).logic;
+    logic.readyDelayMs = readyDelayMs;
+    logic.armDelayMs = armDelayMs;
+    logic.imageLeadMs = imageLeadMs;
+    logic.readoutMs = readoutMs;
+}
+
+void VirtualBridge::setFpgaDelays(int sensor, uint32_t settleUs, uint32_t programLowMinUs)
+{
+    Locked locked;
+    SensorLogic& logic = locked.bridge.sensor(sensor).logic;
+    logic.configSettleUs = settleUs;
+    logic.programLowMinUs = programLowMinUs;
 }
 
 void VirtualBridge::setLinkTiming(bool on)

@@ -59,11 +59,30 @@ struct ImageSource {
     int height = 0;
 };
 
+// How long the NOR flash is busy. Instant timing: no time passes, but the
+// first busyPolls status reads after a program or erase still see the busy
+// bit. Realistic timing: the datasheet's typical times.
 struct FlashTiming {
     uint32_t busyPolls = 2; // status reads that see the busy bit after a program or erase
     uint32_t programUs = 0; // and at least this long after a page program
     uint32_t eraseUs = 0; // after a sector erase
     uint32_t chipEraseUs = 0; // after a chip erase
+    uint32_t resetUs = 0; // after a software reset, before the chip takes a command
+
+    // Typical and largest figures of the datasheet (25Q128 class).
+    static constexpr uint32_t kProgramTypicalUs = 700;
+    static constexpr uint32_t kProgramMaxUs = 3000;
+    static constexpr uint32_t kEraseTypicalUs = 45000;
+    static constexpr uint32_t kEraseMaxUs = 400000;
+    static constexpr uint32_t kChipEraseTypicalUs = 25000000;
+    static constexpr uint32_t kChipEraseMaxUs = 200000000;
+    static constexpr uint32_t kResetUs = 30;
+
+    static FlashTiming instant() { return FlashTiming(); }
+    static FlashTiming realistic()
+    {
+        return FlashTiming { 0, kProgramTypicalUs, kEraseTypicalUs, kChipEraseTypicalUs, kResetUs };
+    }
 };
 
 struct FlashStats {
@@ -74,6 +93,8 @@ struct FlashStats {
     uint64_t zeroToOneAttempts = 0; // programs that asked a 0 bit to become 1
     uint64_t ignoredWhileBusy = 0;
     uint64_t ignoredWithoutWriteEnable = 0;
+    uint64_t ignoredInexactFrames = 0; // chip select not released right after the frame's last bit
+    uint64_t interrupted = 0; // programs and erases cut short by a reset or a power loss
 };
 
 struct SensorConfig {
@@ -96,8 +117,18 @@ struct SensorConfig {
     // From the end of an integration to the image being ready to read.
     uint32_t readoutMs = 300;
     ImageSource image;
+    // The ready flag stays clear this long after power-on and after a
+    // configuration; the armed flag comes this long after the arm frame; the
+    // image-ready value comes this long before the image data are complete.
+    uint32_t readyDelayMs = 0;
+    uint32_t armDelayMs = 0;
+    uint32_t imageLeadMs = 0;
     bool fpgaConfigured = true;
     uint32_t fpgaDeviceId = 0x412B4043;
+    // The bridge's SPI interfaces are one SPI master with a chip select each
+    // (settings made through one are the others' too) when true; false
+    // gives each interface a master of its own.
+    bool sharedSpiEngine = true;
     // Flash holds a realistic set of files and a counter when true;
     // otherwise it starts erased.
     bool defaultFlash = true;
@@ -123,6 +154,8 @@ struct TraceEntry {
     std::vector<uint8_t> written;
     std::vector<uint8_t> read;
     uint32_t status = 0;
+    // A transfer clocked faster than the bridge's rated 30 MHz.
+    bool aboveRatedClock = false;
 
     // One line: "seq function device args "text" [written] -> [read] = status",
     // bytes in lower-case hex; parts that are empty are left out; a failure
@@ -144,6 +177,10 @@ struct PortSettings {
     int ssoMap = 0;
     std::array<int, 3> drivingStrength { { 0, 0, 0 } }; // clock, data, chip select
     bool chipSelectAsserted = false; // a transaction is held open
+    // What this interface's transfers get from the SPI engine (the shared
+    // one's settings, whichever interface made them).
+    int engineLines = 0;
+    int engineClockDivider = 0;
     bool gpio = false; // GPIO_Init done
     std::array<int, 4> gpioDirections { { 1, 1, 1, 1 } };
     // Settings of the whole chip, shared by the sensor's four interfaces.
@@ -181,6 +218,22 @@ struct ArmRecord {
     bool oscilloscope = false;
     uint32_t ace = 0; // 24 bits
 };
+
+// How fast the machine is. Instant: busy times and delays are 0 (the rules
+// still hold: a busy flash still ignores commands until a status read has
+// seen it busy). Realistic: the parts' typical figures, and transfers take as
+// long as on the wire (40 MHz, four lines, a USB transaction each).
+enum class Timing { Instant, Realistic };
+
+// Typical delays of the sensor logic in realistic timing.
+constexpr uint32_t kRealisticReadyDelayMs = 300; // start-up after power-on or configuration
+constexpr uint32_t kRealisticArmDelayMs = 50; // arm frame to armed flag
+// An operator (or a generator) does not fire sooner than this after arming.
+constexpr uint32_t kRealisticExposureFloorMs = 500;
+// The FPGA's configuration port settles this long after entering or leaving
+// configuration; PROGRAMN must be low at least this long.
+constexpr uint32_t kRealisticConfigSettleUs = 200;
+constexpr uint32_t kRealisticProgramLowUs = 1;
 
 class VirtualBridge {
 public:
@@ -231,6 +284,9 @@ public:
     // The sensor reports itself off (flag 0x10) or its link lost (0x20).
     void switchOff(int sensor, bool off = true);
     void loseLink(int sensor, bool lost = true);
+    // The sensor holds an image as after an exposure without X-rays (until
+    // then the image blocks read zeros), for read-out tests without arming.
+    void holdDarkImage(int sensor);
     // Size code put into the images (0 to 3), or -1 for the sensor's own.
     void setImageSizeCode(int sensor, int code);
     ArmRecord lastArm(int sensor) const;
@@ -253,6 +309,12 @@ public:
     void setUniqueId(int sensor, uint64_t id);
     uint64_t uniqueId(int sensor) const;
     void setFlashTiming(int sensor, const FlashTiming& timing);
+    // The quad-enable bit of the flash's status register 2 (set at the
+    // factory); clear, the chip refuses its quad commands (0x32, 0xEB).
+    void setFlashQuadEnable(int sensor, bool enabled);
+    // The status register 1 as a read would give it now (without counting as
+    // a read).
+    uint8_t flashStatus(int sensor) const;
     FlashStats flashStats(int sensor) const;
     void clearFlashStats(int sensor);
     // Power fails during the nth program or erase from now: the page or
@@ -292,6 +354,13 @@ public:
 
     // The nth call (1 = the next) of the named C function fails with status.
     void failCall(const std::string& function, int nth, uint32_t status);
+    // The nth call (1 = the next) of the named SPI transfer function moves
+    // only `bytes` bytes and reports that count, without an error.
+    void shortTransfer(const std::string& function, int nth, uint16_t bytes);
+    // The nth call of the named SPI transfer function hangs until the port's
+    // time-out (FT_SetTimeouts; 10 s when none is set) and then fails
+    // (FAILED_TO_READ_DEVICE, or FAILED_TO_WRITE_DEVICE for a write only).
+    void stickTransfer(const std::string& function, int nth);
     // The nth bridge call of any function (1 = the next) fails with status.
     void failCallNumber(uint64_t nth, uint32_t status);
     // The sensor is unplugged just before the nth bridge call (1 = the next).
@@ -312,6 +381,16 @@ public:
     // The driver hands each non-ASCII byte of its texts (descriptions and
     // serials) as '?', as the Linux driver is reported to do for serials.
     void setNonAsciiAsQuestionMark(bool on);
+    // The machine's speed, for every sensor now and for those added later.
+    void setTiming(Timing timing);
+    Timing timing() const;
+    // The sensor logic's delays (SensorConfig's readyDelayMs, armDelayMs,
+    // imageLeadMs and readoutMs).
+    void setSensorDelays(
+        int sensor, uint32_t readyDelayMs, uint32_t armDelayMs, uint32_t imageLeadMs, uint32_t readoutMs);
+    // The FPGA's settling time after 0xC6 and 0x26, and the shortest
+    // PROGRAMN pulse that restarts its configuration.
+    void setFpgaDelays(int sensor, uint32_t settleUs, uint32_t programLowMinUs);
 
     // Wire time: quad SPI at 40 MHz over USB 2.0 (transfers take as long as
     // on the bus) when on; everything answers at once when off (default).

@@ -44,15 +44,39 @@ VirtualSensor::VirtualSensor(const SensorConfig& sensorConfig)
     logic.exposure = config.exposure;
     logic.readoutMs = config.readoutMs;
     logic.imageSource = config.image;
+    logic.readyDelayMs = config.readyDelayMs;
+    logic.armDelayMs = config.armDelayMs;
+    logic.imageLeadMs = config.imageLeadMs;
+    logic.powerOn(SensorLogic::Clock::now());
     logic.configured = config.fpgaConfigured;
     logic.fpgaDeviceId = config.fpgaDeviceId;
     converter.raw = config.adcRaw;
+    chip.sharedSpi = config.sharedSpiEngine;
+    // The sensor logic sits on SS0 and follows the 40 MHz the system runs it
+    // at; the flash on SS1 (up to 104 MHz); the converter on SS2, specified
+    // up to 3.6 MHz at 5 V. All take SPI mode 0.
+    logic.profile.maxClockMHz = 40;
+    logic.profile.chipSelect = 0x01;
+    flash.profile.maxClockMHz = 104;
+    flash.profile.chipSelect = 0x02;
+    converter.profile.maxClockMHz = 3.6;
+    converter.profile.chipSelect = 0x04;
     if (config.uniqueId == 0)
         config.uniqueId = serialHash(config.serial);
     flash.uniqueId = config.uniqueId;
+    flash.seed = static_cast<uint32_t>(serialHash(config.serial) >> 32);
     gpio.setInside(config.inside);
     // PROGRAMN low restarts the FPGA's configuration.
-    gpio.onProgramPulse = [this] { logic.configurationReset(); };
+    // PROGRAMN low restarts the FPGA's configuration, if held low long
+    // enough (at once when no minimum is set).
+    gpio.onProgramPulse = [this] {
+        if (logic.programLowMinUs == 0)
+            logic.configurationReset();
+    };
+    gpio.onProgramRelease = [this](std::chrono::steady_clock::duration low) {
+        if (logic.programLowMinUs > 0 && low >= std::chrono::microseconds(logic.programLowMinUs))
+            logic.configurationReset();
+    };
     // Power lost in the middle of a program or erase.
     flash.onPowerCut = [this] { powerFailed = true; };
     // What reaches the flash is kept at once: a process that is killed next
@@ -245,6 +269,7 @@ void VirtualSensor::powerDown()
         interface.handle = 0;
         interface.port.dropPower();
     }
+    flash.powerDown();
 }
 
 void VirtualSensor::powerUp()
@@ -252,6 +277,7 @@ void VirtualSensor::powerUp()
     plugged = true;
     powerFailed = false;
     chip = Ft4222Chip();
+    chip.sharedSpi = config.sharedSpiEngine;
     gpio.powerUp();
     logic.configurationReset();
     flash.powerUp();

@@ -34,6 +34,13 @@ protected:
 
     void TearDown() override { QFile::remove(applicationFile); }
 
+    static std::vector<uint8_t> builtFor(uint32_t deviceId)
+    {
+        vbridge::BitstreamHeader header;
+        header.deviceId = deviceId;
+        return vbridge::makeBitstream(header, 30000, 15);
+    }
+
     void putFlashBitstream(const std::vector<uint8_t>& bitstream)
     {
         host.bridge().setFlashContents(0, vbridge::kBtsAddress, vbridge::flashFileImage(bitstream, "BTS KORUX3"));
@@ -160,6 +167,7 @@ TEST_F(FpgaTest, ClassAAnswerIsLoggedInBothByteOrders)
 TEST_F(FpgaTest, TheOtherKnownDeviceIsNamed)
 {
     host.bridge().setFpgaDeviceId(0, 0x412B3043);
+    putFlashBitstream(builtFor(0x412B3043));
     ASSERT_TRUE(unit->flashFPGA(QString()));
     EXPECT_TRUE(host.seen().hasLog("FPGA ID 412b3043 - 2100E"));
 }
@@ -167,9 +175,30 @@ TEST_F(FpgaTest, TheOtherKnownDeviceIsNamed)
 TEST_F(FpgaTest, UnknownDeviceIsReportedAndProgrammingGoesOn)
 {
     host.bridge().setFpgaDeviceId(0, 0x12345678);
+    putFlashBitstream(builtFor(0x12345678));
     EXPECT_TRUE(unit->flashFPGA(QString()));
     EXPECT_TRUE(host.seen().hasLog("[red]Unknown FPGA ID 12345678!"));
     EXPECT_TRUE(host.bridge().fpgaConfigured(0));
+}
+
+// The FPGA refuses a bitstream built for another device: DONE stays clear,
+// the status register shows Fail (0x2000) with error code 1 (ID) in bits
+// 25-23, beside the enabled bit 0x200; the procedure retries once and gives up.
+TEST_F(FpgaTest, BitstreamForAnotherDeviceIsRefused)
+{
+    host.bridge().setFpgaDeviceId(0, 0x412B3043);
+    EXPECT_FALSE(unit->flashFPGA(QString()));
+    EXPECT_TRUE(host.seen().hasLog("[red]Unexpected status 802200!"));
+    EXPECT_FALSE(host.bridge().fpgaConfigured(0));
+}
+
+TEST_F(FpgaTest, CorruptedBitstreamIsRefusedWithACrcError)
+{
+    std::vector<uint8_t> bitstream = builtFor(0x412B4043);
+    bitstream[bitstream.size() / 2] ^= 0x5A;
+    putFlashBitstream(bitstream);
+    EXPECT_FALSE(unit->flashFPGA(QString()));
+    EXPECT_TRUE(host.seen().hasLog("[red]Unexpected status 1802200!"));
 }
 
 TEST_F(FpgaTest, MissingApplicationFileKeepsTheFlashCopy)

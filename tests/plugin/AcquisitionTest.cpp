@@ -366,6 +366,7 @@ TEST_F(AcquisitionTest, ImageOfTheOtherSizeSwitchesTheUnit)
 TEST_F(AcquisitionTest, BlackImageDropsFourRowsAboveAndSixBelow)
 {
     start();
+    host.bridge().holdDarkImage(0);
     QVeltraXRayKORUXPlugInUnit* unit = host.unit();
     ASSERT_TRUE(unit->readInformation(true));
     ASSERT_TRUE(unit->readImage(true));
@@ -381,6 +382,7 @@ TEST_F(AcquisitionTest, BlackImageDropsFourRowsAboveAndSixBelow)
 TEST_F(AcquisitionTest, LastReadOfTheSmallImageAsksFor3328Bytes)
 {
     start();
+    host.bridge().holdDarkImage(0);
     QVeltraXRayKORUXPlugInUnit* unit = host.unit();
     ASSERT_TRUE(unit->readInformation(true));
     host.bridge().clearTrace();
@@ -395,6 +397,7 @@ TEST_F(AcquisitionTest, LastReadOfTheSmallImageAsksFor3328Bytes)
 TEST_F(AcquisitionTest, FailedFirstBlockClearsTheImage)
 {
     start();
+    host.bridge().holdDarkImage(0);
     QVeltraXRayKORUXPlugInUnit* unit = host.unit();
     ASSERT_TRUE(unit->readInformation(true));
     ASSERT_TRUE(unit->readImage(false));

@@ -88,6 +88,7 @@ TEST_F(GoldenTrace, ArmingAndImageReadOut)
     // Arming, then the read-out the polling makes once the image is there.
     ASSERT_TRUE(host.unit()->armSensor(true, false));
     QVeltraXRayKORUXPlugInUnit* unit = host.unit();
+    host.bridge().holdDarkImage(0);
     ASSERT_TRUE(unit->readImage(false));
     compareWithGolden("arm-and-read-out", traceLines());
 }

@@ -2,6 +2,8 @@
 // a given call, and clearing them.
 #include "SimSupport.h"
 
+#include <chrono>
+
 using namespace simtest;
 
 namespace {
@@ -152,4 +154,51 @@ TEST_F(VbFaults, PowerCutDuringAFlashProgramUnplugsTheSensor)
     EXPECT_EQ(
         FT4222_SPIMaster_SingleReadWrite(handle, in, program.data(), 6, &size, 1), FT4222_DEVICE_NOT_FOUND);
     EXPECT_FALSE(bridge().isPlugged(0));
+}
+
+TEST_F(VbFaults, ShortTransferMovesFewerBytesAndSaysSo)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    bridge().shortTransfer("FT4222_SPIMaster_MultiReadWrite", 1, 2);
+    std::vector<uint8_t> frame = bytes({ 0xA1, 0x80, 0xCA, 0xFE });
+    uint8_t answer[3] = { 0xEE, 0xEE, 0xEE };
+    uint32_t read = 0;
+    EXPECT_EQ(FT4222_SPIMaster_MultiReadWrite(handle, answer, frame.data(), 4, 0, 3, &read), FT4222_OK);
+    EXPECT_EQ(read, 2u);
+    EXPECT_EQ(hex(answer, 3), "40 6b ee");
+    // The next one is whole again.
+    EXPECT_EQ(hex(command(handle, frame, 3)), "40 6b 09");
+}
+
+TEST_F(VbFaults, StuckTransferWaitsForThePortTimeOutThenFails)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    ASSERT_EQ(FT_SetTimeouts(handle, 120, 120), static_cast<FT_STATUS>(FT_OK));
+    bridge().stickTransfer("FT4222_SPIMaster_MultiReadWrite", 1);
+    std::vector<uint8_t> frame = bytes({ 0xA1, 0x80, 0xCA, 0xFE });
+    uint8_t answer[3] = {};
+    uint32_t read = 0;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(FT4222_SPIMaster_MultiReadWrite(handle, answer, frame.data(), 4, 0, 3, &read),
+        FT4222_FAILED_TO_READ_DEVICE);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(120));
+}
+
+TEST_F(VbFaults, ScenarioPlansShortAndStuckTransfers)
+{
+    std::string error;
+    EXPECT_TRUE(bridge().loadScenarioText(R"({"sensors": [{}], "faults": [
+        {"call": "FT4222_SPIMaster_SingleRead", "short": 1},
+        {"call": "FT4222_SPIMaster_MultiReadWrite", "nth": 2, "stuck": true}]})",
+        "transfers.json", &error))
+        << error;
+    EXPECT_FALSE(bridge().loadScenarioText(
+        R"({"sensors": [{}], "faults": [{"call": "FT_Purge", "stuck": true}]})", "purge.json", &error));
+    EXPECT_NE(error.find("SPI transfer function only"), std::string::npos) << error;
+    EXPECT_FALSE(bridge().loadScenarioText(
+        R"({"sensors": [{}], "faults": [{"call": "FT4222_SPIMaster_SingleRead", "stuck": false}]})", "f.json",
+        &error));
+    EXPECT_NE(error.find("stuck can only be true"), std::string::npos) << error;
 }

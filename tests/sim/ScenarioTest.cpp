@@ -437,3 +437,31 @@ TEST_F(VbScenario, QuestionMarksForNonAsciiAreASwitch)
     EXPECT_STREQ(detail(0).description, "KORUX/KORUX? A");
     EXPECT_NE(refusal(R"({"nonAsciiAsQuestionMark": "yes"})").find("must be true or false"), std::string::npos);
 }
+
+TEST_F(VbScenario, TimingIsRealisticOrInstant)
+{
+    std::string error;
+    EXPECT_FALSE(bridge().loadScenarioText(R"({"timing": "fast"})", "fast.json", &error));
+    EXPECT_NE(error.find("timing must be \"realistic\" or \"instant\", not \"fast\""), std::string::npos)
+        << error;
+    ASSERT_TRUE(bridge().loadScenarioText(R"({"timing": "realistic", "sensors": [{}]})", "real.json", &error))
+        << error;
+    EXPECT_EQ(bridge().timing(), vbridge::Timing::Realistic);
+    ASSERT_TRUE(bridge().loadScenarioText(R"({"sensors": [{}]})", "plain.json", &error)) << error;
+    EXPECT_EQ(bridge().timing(), vbridge::Timing::Instant);
+}
+
+TEST_F(VbScenario, FlashQuadEnableAndSensorDelaysAreRead)
+{
+    std::string error;
+    ASSERT_TRUE(bridge().loadScenarioText(
+        R"({"sensors": [{"flash": {"quadEnable": false}, "delays": {"readyMs": 60000}}]})", "qe.json",
+        &error))
+        << error;
+    FT_HANDLE handle = openPortA();
+    // Not ready for a minute: the status word has no ready flag.
+    EXPECT_EQ(command(handle, bytes({ 0xA1, 0x80, 0xCA, 0xFE }), 3)[0], 0x00);
+    EXPECT_FALSE(
+        bridge().loadScenarioText(R"({"sensors": [{"delays": {"armMs": 60001}}]})", "d.json", &error));
+    EXPECT_NE(error.find("armMs"), std::string::npos) << error;
+}

@@ -2,6 +2,9 @@
 // as pure encodings and through the bridge.
 #include "SimSupport.h"
 
+#include <chrono>
+#include <thread>
+
 #include "sim/FlashContent.h"
 #include "sim/SensorLogic.h"
 
@@ -33,7 +36,37 @@ std::string checkedBytes(const std::vector<uint8_t>& block)
     return simtest::hex(block.data(), 15) + " | " + simtest::hex(block.data() + 16, 1);
 }
 
-class VbSensorLogic : public VbTest { };
+const std::vector<uint8_t> kFirstBlock = bytes({ 0xA0, 0x80, 0xCA, 0xFE });
+
+class VbSensorLogic : public VbTest {
+protected:
+    // Arm frame: A1 00 CA FE on one line, then mode 4 with threshold 0x1B8
+    // and an ACE value on four lines; nothing is read.
+    static void sendArm(FT_HANDLE handle, int modeAndThresholdHigh = 0x41)
+    {
+        std::vector<uint8_t> frame
+            = bytes({ 0xA1, 0x00, 0xCA, 0xFE, modeAndThresholdHigh, 0xB8, 0x00, 0x61, 0xA8 });
+        uint32_t read = 0;
+        ASSERT_EQ(FT4222_SPIMaster_MultiReadWrite(handle, nullptr, frame.data(), 4, 5, 0, &read), FT4222_OK);
+    }
+
+    static uint8_t flags(FT_HANDLE handle) { return command(handle, kStatusRequest, 3)[0]; }
+
+    // A short exposure right after arming, no read-out delay: the image is
+    // there as soon as the status says so.
+    static void armAndExpose(FT_HANDLE handle)
+    {
+        vbridge::Exposure shot;
+        shot.delayMs = 0;
+        shot.durationMs = 1;
+        bridge().setAutoExposure(0, true, shot);
+        bridge().setSensorDelays(0, 0, 0, 0, 0);
+        sendArm(handle);
+        for (int i = 0; i < 200 && flags(handle) != 0x48; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ASSERT_EQ(flags(handle), 0x48);
+    }
+};
 
 } // namespace
 
@@ -194,6 +227,7 @@ TEST_F(VbSensorLogic, ImageBlockIsReadWholeInOneTransfer)
 {
     addSensor();
     FT_HANDLE handle = openPortA();
+    armAndExpose(handle);
     const std::vector<uint8_t> block = command(handle, bytes({ 0xA0, 0x80, 0xCA, 0xFE }), 65408);
     ASSERT_EQ(block.size(), 65408u);
     // The image is never flat: a block of one value would be an idle bus.
@@ -204,6 +238,7 @@ TEST_F(VbSensorLogic, ImageSizeCodeChangesTheImageAlreadyHeld)
 {
     addSensor();
     FT_HANDLE handle = openPortA();
+    armAndExpose(handle);
     const std::vector<uint8_t> firstBlock = bytes({ 0xA0, 0x80, 0xCA, 0xFE });
     ASSERT_EQ(command(handle, firstBlock, 2)[0] >> 6, 1);
     bridge().setImageSizeCode(0, 3);
@@ -230,4 +265,98 @@ TEST_F(VbSensorLogic, UnfinishedBitstreamBurstReadsZeros)
     ASSERT_EQ(FT4222_SPIMaster_SingleRead(handle, status, 4, &size, 1), FT4222_OK);
     EXPECT_EQ(hex(status, 4), "00 00 00 00");
     EXPECT_FALSE(bridge().fpgaConfigured(0));
+}
+
+TEST_F(VbSensorLogic, BlockZeroAnswersSizeCodeZeroUntilAnImageExists)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    EXPECT_EQ(hex(command(handle, kFirstBlock, 4)), "00 00 00 00");
+}
+
+TEST_F(VbSensorLogic, StatusReadOnOneLineIsNotTheAnswer)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    ASSERT_EQ(FT4222_SPIMaster_SetLines(handle, SPI_IO_SINGLE), FT4222_OK);
+    std::vector<uint8_t> out = bytes({ 0xA1, 0x80, 0xCA, 0xFE, 0, 0, 0 });
+    uint8_t in[7] = {};
+    uint16_t size = 0;
+    ASSERT_EQ(FT4222_SPIMaster_SingleReadWrite(handle, in, out.data(), 7, &size, 1), FT4222_OK);
+    EXPECT_NE(hex(in + 4, 3), "40 6b 09");
+}
+
+TEST_F(VbSensorLogic, ArmedFlagComesItsDelayAfterTheArmFrame)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    bridge().setAutoExposure(0, false);
+    bridge().setSensorDelays(0, 0, 30, 0, 300);
+    sendArm(handle);
+    EXPECT_EQ(flags(handle), 0x40);
+    std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    EXPECT_EQ(flags(handle), 0x44);
+    EXPECT_EQ(bridge().lastArm(0).count, 1);
+}
+
+TEST_F(VbSensorLogic, ArmFrameWithAnotherModeNibbleIsIgnored)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    bridge().setAutoExposure(0, false);
+    sendArm(handle, 0x61);
+    EXPECT_EQ(flags(handle), 0x40);
+    EXPECT_EQ(bridge().lastArm(0).count, 0);
+}
+
+TEST_F(VbSensorLogic, ArmFrameBeforeTheSensorIsReadyIsIgnored)
+{
+    vbridge::SensorConfig config;
+    config.defaultFlash = false;
+    config.readyDelayMs = 60000;
+    bridge().addSensor(config);
+    FT_HANDLE handle = openPortA();
+    EXPECT_EQ(flags(handle), 0x00);
+    sendArm(handle);
+    EXPECT_EQ(flags(handle), 0x00);
+    EXPECT_EQ(bridge().lastArm(0).count, 0);
+}
+
+TEST_F(VbSensorLogic, ReadyFlagIsClearDuringTheReadOut)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    vbridge::Exposure shot;
+    shot.delayMs = 0;
+    shot.durationMs = 1;
+    bridge().setAutoExposure(0, true, shot);
+    bridge().setSensorDelays(0, 0, 0, 0, 60000);
+    sendArm(handle);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(flags(handle), 0x06);
+}
+
+TEST_F(VbSensorLogic, ImageReadyMayComeBeforeTheImageData)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    vbridge::Exposure shot;
+    shot.delayMs = 0;
+    shot.durationMs = 1;
+    bridge().setAutoExposure(0, true, shot);
+    bridge().setSensorDelays(0, 0, 0, 60000, 60000);
+    sendArm(handle);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(flags(handle), 0x48);
+    EXPECT_EQ(command(handle, kFirstBlock, 1)[0] >> 6, 0);
+}
+
+TEST_F(VbSensorLogic, RealisticTimingKeepsTheReadyFlagClearAfterPowerOn)
+{
+    bridge().setTiming(vbridge::Timing::Realistic);
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    EXPECT_EQ(flags(handle) & 0x40, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(vbridge::kRealisticReadyDelayMs + 20));
+    EXPECT_EQ(flags(handle) & 0x40, 0x40);
 }

@@ -88,10 +88,16 @@ inline std::vector<uint8_t> bytes(std::initializer_list<int> values)
 
 class PluginHarness {
 public:
+    // KORUX_TIMING=realistic (the CTest label "realistic"): the devices take
+    // their datasheet times, and the plug-in's own waits are real too.
+    static bool realisticTiming() { return qgetenv("KORUX_TIMING") == "realistic"; }
+
     PluginHarness()
     {
-        setSleepTimeScale(0.0);
+        setSleepTimeScale(realisticTiming() ? 1.0 : 0.0);
         bridge().reset();
+        if (realisticTiming())
+            bridge().setTiming(vbridge::Timing::Realistic);
         family_.reset(static_cast<QVeltraXRayKORUXPlugIn*>(getVeltraHardware()));
         family_->setDirectory(QDir(directory_.path()));
         QObject::connect(family_.get(), &QVeltraHardwareFamily::statusChanged, [this](hardwareStatus s) {

@@ -8,7 +8,8 @@ prefix=$(mktemp -d)
 trap 'rm -rf "$prefix"' EXIT
 cmake --install "$build" --prefix "$prefix" >/dev/null
 for file in include/VeltraXRayHardware/VeltraXRayHardware.h lib/cmake/VeltraXRayHardware/VeltraXRayHardwareConfig.cmake \
-    lib/pkgconfig/veltraxrayhardware.pc lib/udev/rules.d/60-korux.rules share/doc/korux/README.md; do
+    lib/pkgconfig/veltraxrayhardware.pc lib/udev/rules.d/60-korux.rules share/doc/korux/README.md \
+    share/man/man1/korux.1.gz share/bash-completion/completions/korux; do
     [[ -e "$prefix/$file" ]] || { printf 'not installed: %s\n' "$file" >&2; exit 1; }
 done
 out=$(env -u KORUX_SCENARIO -u LD_LIBRARY_PATH "$prefix/bin/korux" -v --time-scale 0 list)
