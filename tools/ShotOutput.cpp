@@ -7,8 +7,10 @@
 
 #include <cstdio>
 
-#include "tools/ExitCodes.h"
 #include "tools/AtomicFile.h"
+#include "tools/ExitCodes.h"
+#include "tools/FamilyControl.h"
+#include "tools/Interrupt.h"
 #include "tools/ShotDescription.h"
 
 namespace korux {
@@ -164,6 +166,9 @@ int runDicom(Session& session, const CommandLine& line)
         session.console.error(QStringLiteral("korux: %1: %2").arg(png, error));
         return kExitFailure;
     }
+    // Ctrl-C while encoding: nothing is written.
+    if (stopRequested())
+        return interruptedExit();
     // The first file claims the name for the pair, as acquire's shots do.
     const AtomicFile::Existing existing
         = replace ? AtomicFile::Existing::Replace : AtomicFile::Existing::Keep;

@@ -6,8 +6,10 @@
 #include <QImage>
 #include <QTemporaryDir>
 
+#include <chrono>
 #include <cmath>
 #include <numeric>
+#include <thread>
 
 #include "SimSupport.h"
 
@@ -61,6 +63,24 @@ uint16_t at(const std::vector<uint16_t>& pixels, int x, int y)
 
 class VbImageSource : public VbTest {
 protected:
+    // A dark frame taken: armed under the dark level, the sensor runs its
+    // dummy integration (300 ms) at once, with no dose; without a read-out
+    // delay the image is there as soon as the status says so (before any
+    // image the blocks read zeros).
+    static void takeDarkFrame(FT_HANDLE handle)
+    {
+        bridge().setSensorDelays(0, 0, 0, 0, 0);
+        // A1 00 CA FE on one line, then mode 4 with threshold 0 and an ACE
+        // value on four lines.
+        std::vector<uint8_t> arm = bytes({ 0xA1, 0x00, 0xCA, 0xFE, 0x40, 0x00, 0x00, 0x61, 0xA8 });
+        uint32_t read = 0;
+        ASSERT_EQ(FT4222_SPIMaster_MultiReadWrite(handle, nullptr, arm.data(), 4, 5, 0, &read), FT4222_OK);
+        const std::vector<uint8_t> status = bytes({ 0xA1, 0x80, 0xCA, 0xFE });
+        for (int i = 0; i < 2000 && command(handle, status, 3)[0] != 0x48; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ASSERT_EQ(command(handle, status, 3)[0], 0x48);
+    }
+
     // The first pixels of the image the sensor holds (wire order turned
     // into host order).
     static std::vector<uint16_t> firstPixels(FT_HANDLE handle, int count)
@@ -218,15 +238,19 @@ TEST(VbPhantom, DoseOfAnExposureIsTheLevelAboveDarkTimesItsLength)
 TEST_F(VbImageSource, PhantomIsTheDefaultAndTheOldPatternCanBeChosen)
 {
     addSensor();
-    // Before any exposure the sensor holds a dark frame of the phantom.
-    std::vector<uint16_t> first = firstPixels(openPortA(), 200);
+    // A dark frame of the phantom.
+    FT_HANDLE handle = openPortA();
+    takeDarkFrame(handle);
+    std::vector<uint16_t> first = firstPixels(handle, 200);
     EXPECT_EQ(first[0] >> 14, 1); // the size code
     for (size_t i = 1; i < first.size(); ++i)
         EXPECT_NEAR(first[i], ph::kDarkOffset, 30) << i;
 
     std::string error;
     ASSERT_TRUE(load(R"({"sensors": [{"image": {"source": "pattern"}}]})", &error)) << error;
-    first = firstPixels(openPortA(), 200);
+    handle = openPortA();
+    takeDarkFrame(handle);
+    first = firstPixels(handle, 200);
     for (size_t i = 1; i < first.size(); ++i) {
         EXPECT_GE(first[i], 1200) << i;
         EXPECT_LT(first[i], 1200 + 64 + 17) << i;
@@ -249,7 +273,9 @@ TEST_F(VbImageSource, FilePixelsAreReadOutExactly)
         load(R"({"sensors": [{"image": {"file": ")" + directory.path().toStdString() + R"(/picture.png"}}]})",
             &error))
         << error;
-    const std::vector<uint16_t> first = firstPixels(openPortA(), 300);
+    FT_HANDLE handle = openPortA();
+    takeDarkFrame(handle);
+    const std::vector<uint16_t> first = firstPixels(handle, 300);
     EXPECT_EQ(first[0], 1 << 14); // pixel 0 is 0, with the size code over it
     for (int x = 1; x < 300; ++x)
         ASSERT_EQ(first[static_cast<size_t>(x)], (x * 37) & 0x3FFF) << x;
@@ -260,7 +286,9 @@ TEST_F(VbImageSource, FilePixelsAreReadOutExactly)
     scenario.write(R"({"sensors": [{"image": {"source": "file", "file": "picture.png"}}]})");
     scenario.close();
     ASSERT_TRUE(bridge().loadScenario(scenario.fileName().toStdString(), &error)) << error;
-    EXPECT_EQ(firstPixels(openPortA(), 2)[1], 37);
+    handle = openPortA();
+    takeDarkFrame(handle);
+    EXPECT_EQ(firstPixels(handle, 2)[1], 37);
 }
 
 TEST_F(VbImageSource, BadImageSourcesAreRefusedWithTheReason)
