@@ -101,6 +101,10 @@ bool VirtualBridge::resetFromEnvironment(std::string* error)
         return false;
     }
     resetToDefault();
+    // A host without a scenario meets the sensor as it is, delays and busy
+    // times included; tests that want it fast say so.
+    const char* timing = std::getenv("KORUX_TIMING");
+    setTiming(timing && std::string(timing) == "instant" ? Timing::Instant : Timing::Realistic);
     return true;
 }
 

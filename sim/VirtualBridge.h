@@ -248,7 +248,9 @@ public:
     // The machine a host gets on first use: the scenario file named by the
     // environment variable KORUX_SCENARIO, or the default machine when it is
     // unset or empty. A scenario that cannot be loaded leaves the default
-    // machine; the result is then false and *error says why.
+    // machine; the result is then false and *error says why. The default
+    // machine takes the parts' own time (realistic timing) unless
+    // KORUX_TIMING=instant.
     bool resetFromEnvironment(std::string* error = nullptr);
 
     // Adds a sensor; its four interfaces are appended to the device list in

@@ -368,6 +368,34 @@ TEST_F(VbScenario, EnvironmentNamesTheStartUpScenario)
     EXPECT_EQ(bridge().interfaceSerial(0, kPortA), "KX0500A");
 }
 
+TEST_F(VbScenario, StartUpDefaultMachineTakesTheRealTime)
+{
+    unsetenv("KORUX_SCENARIO");
+    unsetenv("KORUX_TIMING");
+    ASSERT_TRUE(bridge().resetFromEnvironment());
+    EXPECT_EQ(bridge().timing(), vbridge::Timing::Realistic);
+}
+
+TEST_F(VbScenario, StartUpDefaultMachineIsInstantWhenAskedFor)
+{
+    unsetenv("KORUX_SCENARIO");
+    setenv("KORUX_TIMING", "instant", 1);
+    const bool built = bridge().resetFromEnvironment();
+    unsetenv("KORUX_TIMING");
+    ASSERT_TRUE(built);
+    EXPECT_EQ(bridge().timing(), vbridge::Timing::Instant);
+}
+
+TEST_F(VbScenario, StartUpScenarioKeepsItsOwnTiming)
+{
+    const std::string file = write("fast.json", R"({"sensors": [{}]})");
+    setenv("KORUX_SCENARIO", file.c_str(), 1);
+    const bool loaded = bridge().resetFromEnvironment();
+    unsetenv("KORUX_SCENARIO");
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(bridge().timing(), vbridge::Timing::Instant);
+}
+
 TEST_F(VbScenario, WithoutEnvironmentTheStartUpMachineIsTheDefault)
 {
     unsetenv("KORUX_SCENARIO");

@@ -322,7 +322,7 @@ TEST_F(KoruxFiles, AClosedPipeEndsTheOutputQuietlyAndTheWorkGoesOn)
         words << QStringLiteral("'%1'").arg(word);
     shell.start(QStringLiteral("bash"),
         { QStringLiteral("-c"),
-            QStringLiteral("'%1' %2 2>err.txt | head -1 >/dev/null; echo ${PIPESTATUS[0]}")
+            QStringLiteral("KORUX_TIMING=instant '%1' %2 2>err.txt | head -1 >/dev/null; echo ${PIPESTATUS[0]}")
                 .arg(koruxPath(), words.join(' ')) });
     ASSERT_TRUE(shell.waitForFinished(60000));
     EXPECT_EQ(QString::fromUtf8(shell.readAllStandardOutput()).trimmed(), QStringLiteral("141"));

@@ -82,6 +82,9 @@ protected:
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.remove(QStringLiteral("KORUX_SCENARIO"));
+        // The default machine at instant timing, as a scenario without a
+        // "timing" is: the tests need no device delays.
+        environment.insert(QStringLiteral("KORUX_TIMING"), QStringLiteral("instant"));
         environment.remove(QStringLiteral("LD_LIBRARY_PATH"));
         environment.remove(QStringLiteral("LD_PRELOAD"));
         process.setProcessEnvironment(environment);
