@@ -192,35 +192,47 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
         outputs[0].bytes = imagePng;
     if (!black.isNull())
         outputs[image.isNull() ? 0 : 1].bytes = blackPng;
-    // The files people open: preview, oscilloscope plot, DICOM.
-    bool written = true;
-    if (!image.isNull()
-        && !shotPictureFiles(
-            stem, image, description, identity, acquired, settings.pictures, &outputs, &error)) {
-        session.console.error(QStringLiteral("korux: the pictures of %1.png: %2").arg(stem, error));
-        written = false;
-    }
     const AtomicFile::Existing existing
         = settings.overwrite ? AtomicFile::Existing::Replace : AtomicFile::Existing::Keep;
-    // The first file claims the name for the set: a process that finds it
-    // taken a moment after the check above leaves the rest to the other.
-    for (const ShotFile& output : outputs) {
-        AtomicFile file(output.path, existing);
-        if (file.open() && file.write(output.bytes) && file.commit()) {
-            session.console.out(QStringLiteral("wrote %1").arg(output.path));
-            session.console.json({ { QStringLiteral("wrote"), output.path },
-                { QStringLiteral("unit"), host.unitIndex(unit) }, { QStringLiteral("boardSerial"), board } });
-            continue;
+    bool written = true;
+    // False once the name was found taken: the rest of the set is left to
+    // the process that took it.
+    auto writeAll = [&](const QVector<ShotFile>& files) {
+        for (const ShotFile& output : files) {
+            AtomicFile file(output.path, existing);
+            if (file.open() && file.write(output.bytes) && file.commit()) {
+                session.console.out(QStringLiteral("wrote %1").arg(output.path));
+                session.console.json({ { QStringLiteral("wrote"), output.path },
+                    { QStringLiteral("unit"), host.unitIndex(unit) },
+                    { QStringLiteral("boardSerial"), board } });
+                continue;
+            }
+            written = false;
+            if (file.alreadyExists()) {
+                session.console.error(QStringLiteral("korux: %1; the shot of unit %2 is not written (acquire "
+                                                     "--overwrite replaces it)")
+                                          .arg(file.errorString(), host.unitName(unit)));
+                return false;
+            }
+            session.console.error(QStringLiteral("korux: ") + file.errorString());
         }
-        written = false;
-        if (file.alreadyExists()) {
-            session.console.error(QStringLiteral("korux: %1; the shot of unit %2 is not written (acquire "
-                                                 "--overwrite replaces it)")
-                                      .arg(file.errorString(), host.unitName(unit)));
-            break;
-        }
-        session.console.error(QStringLiteral("korux: ") + file.errorString());
+        return true;
+    };
+    // The image files first, on the disk as soon as they can be; the first
+    // claims the name for the set: a process that finds it taken a moment
+    // after the check above leaves the rest to the other.
+    if (!writeAll(outputs))
+        return false;
+    // Then the files people open: preview, oscilloscope plot, DICOM.
+    if (image.isNull())
+        return written;
+    QVector<ShotFile> pictures;
+    if (!shotPictureFiles(
+            stem, image, description, identity, acquired, settings.pictures, &pictures, &error)) {
+        session.console.error(QStringLiteral("korux: the pictures of %1.png: %2").arg(stem, error));
+        return false;
     }
+    writeAll(pictures);
     return written;
 }
 

@@ -1,5 +1,5 @@
 // korux's side of a shot's picture files (tools/ShotPictures.h): the
-// command-line options that ask for them and writing them.
+// command-line options that ask for them, their checks, and korux dicom.
 #pragma once
 
 #include "tools/Commands.h"
