@@ -1,5 +1,7 @@
 #include "sim/NorFlash.h"
 
+#include "sim/Noise.h"
+
 #include <algorithm>
 
 #include "sim/SpiWire.h"
@@ -43,16 +45,6 @@ constexpr uint8_t kJedecId[3] = { 0xEF, 0x40, 0x18 };
 // Clocks of a frame that is the instruction alone, and of a sector erase.
 constexpr uint64_t kInstructionClocks = 8;
 constexpr uint64_t kSectorEraseClocks = 32;
-
-uint32_t mix(uint32_t x)
-{
-    x ^= x >> 16;
-    x *= 0x7feb352du;
-    x ^= x >> 15;
-    x *= 0x846ca68bu;
-    x ^= x >> 16;
-    return x;
-}
 
 } // namespace
 

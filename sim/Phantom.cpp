@@ -1,5 +1,7 @@
 #include "sim/Phantom.h"
 
+#include "sim/Noise.h"
+
 #include <png.h>
 
 #include <algorithm>
@@ -14,16 +16,6 @@ namespace vbridge {
 namespace {
 
 constexpr int kDarkLevel = 428;
-
-uint32_t mix(uint32_t x)
-{
-    x ^= x >> 16;
-    x *= 0x7feb352du;
-    x ^= x >> 15;
-    x *= 0x846ca68bu;
-    x ^= x >> 16;
-    return x;
-}
 
 double smoothstep(double edge0, double edge1, double x)
 {

@@ -1,5 +1,7 @@
 #include "sim/SensorLogic.h"
 
+#include "sim/Noise.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -47,16 +49,6 @@ constexpr uint8_t kIdleBus = 0x00;
 // dummy integration of this length.
 constexpr uint32_t kDummyIntegrationMs = 300;
 constexpr int kRampMs = 5;
-
-uint32_t mix(uint32_t x)
-{
-    x ^= x >> 16;
-    x *= 0x7feb352du;
-    x ^= x >> 15;
-    x *= 0x846ca68bu;
-    x ^= x >> 16;
-    return x;
-}
 
 void putBigEndian16(uint8_t* bytes, uint16_t value)
 {
