@@ -134,6 +134,8 @@ void BM_ImageReadout(benchmark::State& state)
         state.SkipWithError("the sensor did not come up");
         return;
     }
+    // The image blocks read zeros until the sensor holds an image.
+    bridge().holdDarkImage(0);
     for (auto _ : state) {
         if (!unit->readImage(false)) {
             state.SkipWithError("readImage failed");
@@ -172,6 +174,8 @@ void BM_ImageReadout_Ideal(benchmark::State& state)
 {
     Machine machine(largeSensor());
     QVeltraXRayKORUXPlugInUnit* unit = machine.unit();
+    if (machine.ok())
+        bridge().holdDarkImage(0);
     if (!machine.ok() || !unit->readInformation(true) || !unit->readImage(false)) {
         state.SkipWithError("the sensor did not come up");
         return;
@@ -451,6 +455,7 @@ void BM_ImageReadoutLinkTiming(benchmark::State& state)
         state.SkipWithError("the sensor did not come up");
         return;
     }
+    bridge().holdDarkImage(0);
     bridge().setLinkTiming(true);
     double cpu = 0;
     double wall = 0;
