@@ -52,16 +52,23 @@ protected:
 
     static uint8_t flags(FT_HANDLE handle) { return command(handle, kStatusRequest, 3)[0]; }
 
-    // A short exposure right after arming, no read-out delay: the image is
-    // there as soon as the status says so.
-    static void armAndExpose(FT_HANDLE handle)
+    // Arms for a 1 ms exposure that starts at once; the image-ready value
+    // comes imageLeadMs before the data, the read-out takes readoutMs.
+    static void armForShortExposure(FT_HANDLE handle, uint32_t imageLeadMs, uint32_t readoutMs)
     {
         vbridge::Exposure shot;
         shot.delayMs = 0;
         shot.durationMs = 1;
         bridge().setAutoExposure(0, true, shot);
-        bridge().setSensorDelays(0, 0, 0, 0, 0);
+        bridge().setSensorDelays(0, 0, 0, imageLeadMs, readoutMs);
         sendArm(handle);
+    }
+
+    // A short exposure right after arming, no read-out delay: the image is
+    // there as soon as the status says so.
+    static void armAndExpose(FT_HANDLE handle)
+    {
+        armForShortExposure(handle, 0, 0);
         for (int i = 0; i < 200 && flags(handle) != 0x48; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         ASSERT_EQ(flags(handle), 0x48);
@@ -326,12 +333,7 @@ TEST_F(VbSensorLogic, ReadyFlagIsClearDuringTheReadOut)
 {
     addSensor();
     FT_HANDLE handle = openPortA();
-    vbridge::Exposure shot;
-    shot.delayMs = 0;
-    shot.durationMs = 1;
-    bridge().setAutoExposure(0, true, shot);
-    bridge().setSensorDelays(0, 0, 0, 0, 60000);
-    sendArm(handle);
+    armForShortExposure(handle, 0, 60000);
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_EQ(flags(handle), 0x06);
 }
@@ -340,12 +342,7 @@ TEST_F(VbSensorLogic, ImageReadyMayComeBeforeTheImageData)
 {
     addSensor();
     FT_HANDLE handle = openPortA();
-    vbridge::Exposure shot;
-    shot.delayMs = 0;
-    shot.durationMs = 1;
-    bridge().setAutoExposure(0, true, shot);
-    bridge().setSensorDelays(0, 0, 0, 60000, 60000);
-    sendArm(handle);
+    armForShortExposure(handle, 60000, 60000);
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_EQ(flags(handle), 0x48);
     EXPECT_EQ(command(handle, kFirstBlock, 1)[0] >> 6, 0);
