@@ -8,6 +8,7 @@
 #include <QFileInfo>
 
 #include "fpga/Bitstream.h"
+#include "transport/SensorProtocol.h"
 
 using namespace korux;
 
@@ -21,12 +22,6 @@ constexpr uint8 kLatticeDisableConfig = 0x26;
 constexpr uint32_t kLatticeStatusDone = 0x100;
 constexpr uint32_t kFpgaId4300E = 0x412B4043;
 constexpr uint32_t kFpgaId2100E = 0x412B3043;
-
-// What an unconfigured FPGA answers to the status request.
-constexpr uint8 kUnconfiguredStatus = 0x22;
-constexpr uint8 kUnconfiguredSize = 2;
-constexpr uint8 kUnconfiguredVersion = 8;
-constexpr uint16 kUnconfiguredDiode = 0x88;
 
 constexpr int kGpioConfigReset = 2;
 constexpr unsigned long kResetLowMs = 10;
@@ -116,8 +111,7 @@ bool QVeltraXRayKORUXPlugInUnit::flashFPGA(QString fileName)
         logTrace(QStringLiteral("flashKorux3FPGA status is %1 %2 %3 %4")
                      .arg(QString::number(flags), QString::number(size), QString::number(version),
                          QString::number(diode)));
-        const bool unconfigured = flags == kUnconfiguredStatus && size == kUnconfiguredSize
-                                  && version == kUnconfiguredVersion && diode == kUnconfiguredDiode;
+        const bool unconfigured = isUnconfiguredFpga(flags, size, version, diode);
         if (!unconfigured) {
             logUser(QStringLiteral("The FPGA is already flashed"));
             return true;

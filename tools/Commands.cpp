@@ -135,7 +135,10 @@ const std::vector<Command>& commandTable()
     // name, arguments, summary, positional min/max, flags, options with a value,
     // needs the plug-in, --serial applies, handler
     static const std::vector<Command> table = {
-        { "list", "", "enumerate the sensors and print the units found", 0, 0, "", "", true, false, runList },
+        { "list", "",
+            "enumerate the sensors and print each unit: board serial, port A's USB serial and location, size, "
+            "Inside or stand-alone, FPGA configured or not",
+            0, 0, "", "", true, false, runList },
         { "enumerate", "", "enumerate the sensors again (command 1; in statusAcquired: back to statusReady)",
             0, 0, "", "", true, false, runEnumerate },
         { "fpga-update", "", "check every unit's FPGA and configure the ones that need it (command 11)", 0, 0,

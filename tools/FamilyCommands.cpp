@@ -400,29 +400,73 @@ QString statusText(hardwareStatus status)
     return QStringLiteral("%1 (%2)").arg(QVeltraHardwareUnit::hardwareStatusToString(status)).arg(int(status));
 }
 
+namespace {
+
+QString insideText(const Observations& seen, const QVeltraHardwareUnit* unit)
+{
+    if (!seen.inside.contains(unit))
+        return QStringLiteral("Inside or stand-alone unknown");
+    return seen.inside.value(unit) ? QStringLiteral("Inside") : QStringLiteral("stand-alone");
+}
+
+QString fpgaText(const StatusProbe& probe)
+{
+    if (!probe.read)
+        return QStringLiteral("FPGA unknown (%1)").arg(probe.failure);
+    return probe.fpgaConfigured ? QStringLiteral("FPGA configured") : QStringLiteral("FPGA not configured");
+}
+
+} // namespace
+
 int runList(Session& session, const CommandLine&)
 {
     const int ready = ensureFamily(session);
     if (ready != kExitOk)
         return ready;
     QVeltraHardwareFamily* family = session.host->family();
-    if (!family->hardwareUnitVector().isEmpty()) {
-        // Which sensor is which: the board serial is in each one's flash.
+    const QVector<QVeltraHardwareUnit*>& units = family->hardwareUnitVector();
+    // The status words first, while the plug-in holds no port open; in a
+    // script it may hold them already, and then its own last read tells.
+    QVector<StatusProbe> probes;
+    for (int i = 0; i < units.size(); ++i) {
+        const StatusProbe probe = probeStatus(session.host->enumeration().portA(i));
+        const StatusProbe seen = session.host->lastStatus(units.at(i));
+        probes << (probe.read || !seen.read ? probe : seen);
+    }
+    if (!units.isEmpty()) {
+        // Which sensor is which: the board serial is in each one's flash;
+        // the same read sets port D up, which tells an Inside sensor.
         QuietOutput quiet(*session.host);
         sendFamilyCommand(session, commandReadSerialNumber);
     }
-    const QVector<QVeltraHardwareUnit*>& units = family->hardwareUnitVector();
+    const Observations& seen = session.host->observations();
     for (int i = 0; i < units.size(); ++i) {
         const QVeltraHardwareUnit* unit = units.at(i);
-        session.console.out(QStringLiteral("unit %1 model %2 serial %3 board %4 status %5")
-                                .arg(i)
-                                .arg(orDash(unit->model()), orDash(unit->serial()),
-                                    orDash(unit->boardSerial()), statusText(unit->status())));
-        session.console.json({ { QStringLiteral("unit"), i }, { QStringLiteral("model"), unit->model() },
-            { QStringLiteral("serial"), unit->serial() },
+        const PortRecord portA = session.host->enumeration().portA(i);
+        const StatusProbe& probe = probes.at(i);
+        const QString location
+            = portA.known ? QStringLiteral("0x%1").arg(portA.location, 0, 16) : QStringLiteral("-");
+        session.console.out(
+            QStringLiteral("unit %1: board %2, port A %3, location %4, size %5, %6, %7, status %8")
+                .arg(i)
+                .arg(orDash(unit->boardSerial()), orDash(portA.serial), location,
+                    probe.sizeCode ? QStringLiteral("S%1").arg(probe.sizeCode) : QStringLiteral("-"),
+                    insideText(seen, unit), fpgaText(probe), statusText(unit->status())));
+        QJsonObject json { { QStringLiteral("unit"), i },
             { QStringLiteral("boardSerial"), unit->boardSerial() },
+            { QStringLiteral("portASerial"), portA.serial },
+            { QStringLiteral("location"), portA.known ? QJsonValue(double(portA.location)) : QJsonValue() },
+            { QStringLiteral("size"), probe.sizeCode ? QJsonValue(probe.sizeCode) : QJsonValue() },
+            { QStringLiteral("inside"),
+                seen.inside.contains(unit) ? QJsonValue(seen.inside.value(unit)) : QJsonValue() },
+            { QStringLiteral("fpgaConfigured"),
+                probe.read ? QJsonValue(probe.fpgaConfigured) : QJsonValue() },
+            { QStringLiteral("model"), unit->model() }, { QStringLiteral("serial"), unit->serial() },
             { QStringLiteral("status"), int(unit->status()) },
-            { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(unit->status()) } });
+            { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(unit->status()) } };
+        if (!probe.read)
+            json.insert(QStringLiteral("probeFailure"), probe.failure);
+        session.console.json(json);
     }
     const QString name = family->codeName().isEmpty() ? family->sensorFamily() : family->codeName();
     session.console.out(QStringLiteral("family %1: %2 unit%3, status %4")
@@ -433,6 +477,10 @@ int runList(Session& session, const CommandLine&)
     session.console.json({ { QStringLiteral("family"), name }, { QStringLiteral("units"), units.size() },
         { QStringLiteral("status"), int(family->status()) },
         { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(family->status()) } });
+    // In a script the family has moved on since its enumeration: units are
+    // what counts.
+    if (!units.isEmpty() && family->status() != statusError)
+        return kExitOk;
     switch (family->status()) {
     case statusSensorFound:
         return kExitOk;

@@ -158,6 +158,9 @@ void PluginHost::connectUnit(QVeltraHardwareUnit* unit)
             transcript_->record(QStringLiteral("unit-status"), fields);
         }
     });
+    if (QVeltraGenerator* generator = unit->generator())
+        QObject::connect(generator, &QVeltraGenerator::isInsideChanged, context,
+            [this, unit](bool inside) { observations_.inside.insert(unit, inside); });
     QObject::connect(unit, &QVeltraHardwareUnit::imageAcquired, context,
         [this, unit](const QImage& image, const QString& description) {
             printImage(unit, image, QImage(), description);
@@ -170,6 +173,13 @@ void PluginHost::connectUnit(QVeltraHardwareUnit* unit)
 
 void PluginHost::logLine(const QString& text, bool detailed, const QVeltraHardwareUnit* unit)
 {
+    if (!unit) {
+        enumeration_.feed(text);
+    } else {
+        const StatusProbe status = statusOfLogLine(text);
+        if (status.read)
+            lastStatus_.insert(unit, status);
+    }
     if (isFailureLine(text)) {
         ++observations_.failureLines;
         const QString plain = styleLogText(text, false).trimmed();

@@ -18,6 +18,7 @@
 #include "host/VeltraXRayHardware.h"
 #include "tools/Console.h"
 #include "tools/FailureLines.h"
+#include "tools/SensorProbe.h"
 
 namespace korux {
 
@@ -38,6 +39,9 @@ struct Observations {
     // The last shot counter each unit reported (an acquisition reports the
     // value before its increase, just before it delivers the image).
     QHash<const QVeltraHardwareUnit*, uint> counters;
+    // Whether each unit's sensor is built into a generator ("Inside"), as its
+    // generator reported when port D was set up.
+    QHash<const QVeltraHardwareUnit*, bool> inside;
 };
 
 class PluginHost {
@@ -92,6 +96,11 @@ public:
     void resetPrintedStatus() { printedStatus_ = -1; }
 
     const Observations& observations() const { return observations_; }
+    // The driver records of the last enumeration, as the plug-in logged them.
+    const EnumerationLog& enumeration() const { return enumeration_; }
+    // The last status word the plug-in read from the unit's sensor, by its
+    // log; read is false when it has read none.
+    StatusProbe lastStatus(const QVeltraHardwareUnit* unit) const { return lastStatus_.value(unit); }
     void clearObservations() { observations_ = Observations(); }
 
     // Called for each image a unit delivers (black is null for imageAcquired),
@@ -119,6 +128,8 @@ private:
     QLibrary library_;
     QVeltraHardwareFamily* family_ = nullptr;
     Observations observations_;
+    EnumerationLog enumeration_;
+    QHash<const QVeltraHardwareUnit*, StatusProbe> lastStatus_;
     // Receiver of every connection: they all go when the host does.
     std::unique_ptr<QObject> context_;
     QVector<QPointer<QVeltraHardwareUnit>> connected_;

@@ -3,13 +3,14 @@
 
 #include <cstdint>
 
+#include "transport/SensorProtocol.h"
+
 namespace {
 
 constexpr ULONG kPortTimeoutMs = 900;
 constexpr char kPortLetters[] = "ABCD";
 
 // Chip-select lines of the bridge's SPI master, one per interface.
-constexpr uint8 kSsoMapPortA = 1;
 constexpr uint8 kSsoMapPortB = 4;
 constexpr uint8 kSsoMapPortC = 2;
 
@@ -122,9 +123,9 @@ bool QVeltraXRayKORUXPlugInUnit::initPortA(bool prog_mode)
     // Normal use: four lines at 40 MHz. The FPGA's configuration port takes
     // one line at 20 MHz.
     status = prog_mode ? FT4222_SPIMaster_Init(handle, SPI_IO_SINGLE, CLK_DIV_4, CLK_IDLE_LOW,
-                                               CLK_LEADING, kSsoMapPortA)
+                                               CLK_LEADING, korux::kSsoMapPortA)
                        : FT4222_SPIMaster_Init(handle, SPI_IO_QUAD, CLK_DIV_2, CLK_IDLE_LOW,
-                                               CLK_LEADING, kSsoMapPortA);
+                                               CLK_LEADING, korux::kSsoMapPortA);
     if (status != FT4222_OK) {
         logTrace(QStringLiteral("[red]Unable to init SPI Master port A %1")
                      .arg(ft4222StatusToString(status)));

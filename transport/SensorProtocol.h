@@ -66,6 +66,16 @@ constexpr StatusWord decodeStatusWord(const uint8_t* bytes)
     return word;
 }
 
+// What the sensor answers to the status request while its FPGA still waits
+// for its configuration: no design runs yet, the lines rest at this pattern.
+constexpr bool isUnconfiguredFpga(uint8_t flags, uint8_t size, uint8_t version, uint16_t diode)
+{
+    return flags == 0x22 && size == 2 && version == 8 && diode == 0x88;
+}
+
+// Port A's chip-select line on the bridge's SPI master.
+constexpr uint8_t kSsoMapPortA = 1;
+
 constexpr int kInsideBlockSize = 17;
 constexpr uint8_t kInsideMarker = 0x73;  // 's'
 

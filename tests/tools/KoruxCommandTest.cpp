@@ -253,7 +253,7 @@ TEST_F(Korux, ListFindsTheDefaultSensorOnTheVirtualBridge)
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_TRUE(run.out.contains(QStringLiteral("status statusEnumerating (1)\n"))) << run.out;
     EXPECT_TRUE(run.out.contains(QStringLiteral("status statusSensorFound (4)\n"))) << run.out;
-    EXPECT_TRUE(run.out.contains(QStringLiteral("\nunit 0 model "))) << run.out;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("\nunit 0: board "))) << run.out;
     EXPECT_TRUE(run.out.endsWith(QStringLiteral(": 1 unit, status statusSensorFound (4)\n"))) << run.out;
 }
 

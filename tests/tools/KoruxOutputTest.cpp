@@ -2,6 +2,8 @@
 // -q only results and errors, with -v everything; every failure ends in one
 // line on stderr that names the plug-in's own cause; every report is headed
 // by the unit that sent it.
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
@@ -90,14 +92,53 @@ TEST_F(Korux, OnlyTheCommandsOwnReportsArePrinted)
     EXPECT_EQ(counterValues(run.out), QVector<uint> { 1235 }) << run.out;
 }
 
+TEST_F(Korux, ListTellsEachSensorsPortALocationSizeKindAndFpga)
+{
+    const KoruxRun run = koruxOn({ QStringLiteral("list") },
+        QStringLiteral(R"({"sensors": [{"serial": "KX0001", "location": 4113},
+            {"serial": "KX0002", "location": 8241, "inside": true, "size": 2},
+            {"serial": "KX0003", "location": 12337, "fpga": {"configured": false}}]})"));
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(run.out.contains(QRegularExpression(QStringLiteral(
+        "^unit 0: board [0-9A-F]{16}, port A KX0001A, location 0x1011, size S1, stand-alone, FPGA configured, "),
+        QRegularExpression::MultilineOption)))
+        << run.out;
+    EXPECT_TRUE(run.out.contains(QRegularExpression(QStringLiteral(
+        "^unit 1: board [0-9A-F]{16}, port A KX0002A, location 0x2031, size S2, Inside, FPGA configured, "),
+        QRegularExpression::MultilineOption)))
+        << run.out;
+    // An FPGA that waits for its design cannot tell the size.
+    EXPECT_TRUE(run.out.contains(QRegularExpression(QStringLiteral(
+        "^unit 2: board [0-9A-F]{16}, port A KX0003A, location 0x3031, size -, stand-alone, FPGA not configured, "),
+        QRegularExpression::MultilineOption)))
+        << run.out;
+}
+
+TEST_F(Korux, ListAsJsonGivesEachSensorsFields)
+{
+    const KoruxRun run = koruxOn({ QStringLiteral("--json"), QStringLiteral("list") },
+        QStringLiteral(R"({"sensors": [{"serial": "KX0002", "location": 8241, "inside": true, "size": 2}]})"));
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const QStringList lines = run.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    ASSERT_EQ(lines.size(), 2) << run.out;
+    const QJsonObject unit = QJsonDocument::fromJson(lines.first().toUtf8()).object();
+    EXPECT_EQ(unit.value(QStringLiteral("unit")).toInt(-1), 0);
+    EXPECT_EQ(unit.value(QStringLiteral("portASerial")).toString(), QStringLiteral("KX0002A"));
+    EXPECT_EQ(unit.value(QStringLiteral("location")).toInt(), 8241);
+    EXPECT_EQ(unit.value(QStringLiteral("size")).toInt(), 2);
+    EXPECT_EQ(unit.value(QStringLiteral("inside")), QJsonValue(true));
+    EXPECT_EQ(unit.value(QStringLiteral("fpgaConfigured")), QJsonValue(true));
+    EXPECT_EQ(unit.value(QStringLiteral("boardSerial")).toString().size(), 16);
+}
+
 TEST_F(Korux, ListNamesEachUnitsBoardSerial)
 {
     const KoruxRun run = koruxOn({ QStringLiteral("list") }, QStringLiteral(R"({"sensors": [{}, {}]})"));
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_TRUE(run.out.contains(QRegularExpression(
-        QStringLiteral("^unit 0 .* board [0-9A-F]{16} "), QRegularExpression::MultilineOption)))
+        QStringLiteral("^unit 0: board [0-9A-F]{16}, "), QRegularExpression::MultilineOption)))
         << run.out;
     EXPECT_TRUE(run.out.contains(QRegularExpression(
-        QStringLiteral("^unit 1 .* board [0-9A-F]{16} "), QRegularExpression::MultilineOption)))
+        QStringLiteral("^unit 1: board [0-9A-F]{16}, "), QRegularExpression::MultilineOption)))
         << run.out;
 }

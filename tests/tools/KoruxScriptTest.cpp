@@ -217,3 +217,21 @@ TEST_F(KoruxScript, ApplicationBitstreamBesideKoruxIsUsedWhenNewer)
         << run.out;
     EXPECT_TRUE(run.out.contains(QStringLiteral("\nKORUX3 is now flashed!\n"))) << run.out;
 }
+
+TEST_F(KoruxScript, ListAfterAShotTakesTheSensorsStatusFromThePlugInsOwnRead)
+{
+    // The plug-in holds the ports open after the shot: korux cannot read the
+    // status word itself, the plug-in's last read tells size and FPGA.
+    const KoruxRun run = runScript("acquire --out shots\nlist\n");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(run.out.contains(QStringLiteral(", size S1, stand-alone, FPGA configured, status "))) << run.out;
+    EXPECT_TRUE(run.err.isEmpty()) << run.err;
+}
+
+TEST_F(KoruxScript, ListAfterASerialReadSaysThePortIsInUse)
+{
+    // Reading the serial opens the ports but reads no status word.
+    const KoruxRun run = runScript("serial\nlist\n");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(run.out.contains(QStringLiteral(", size -, stand-alone, FPGA unknown (port A is in use), "))) << run.out;
+}
