@@ -66,6 +66,36 @@ protected:
         return false;
     }
 
+    // Takes the lock of flash.bin as another process would, naming this one
+    // as its holder; the descriptor, or -1.
+    int holdFlashImage()
+    {
+        const QString lockPath = path(QStringLiteral("flash.bin.lock"));
+        const int fd = ::open(QFile::encodeName(lockPath).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0 || flock(fd, LOCK_EX) != 0)
+            return -1;
+        const QByteArray holder = QByteArray::number(getpid()) + " holder\n";
+        if (write(fd, holder.constData(), static_cast<size_t>(holder.size())) != holder.size())
+            return -1;
+        return fd;
+    }
+
+    // Starts korux counter --increase on flash.bin and waits until it says it
+    // waits for the image; what it said on stderr.
+    QString startWaitingCounterStep(QProcess& process)
+    {
+        startKorux(
+            process, argumentsOn({ QStringLiteral("counter"), QStringLiteral("--increase") }, kImageScenario));
+        QElapsedTimer timer;
+        timer.start();
+        QString err;
+        while (!err.contains(QStringLiteral("waiting for it")) && timer.elapsed() < 20000) {
+            process.waitForReadyRead(50);
+            err += QString::fromUtf8(process.readAllStandardError());
+        }
+        return err;
+    }
+
     KoruxRun finished(QProcess& process)
     {
         KoruxRun run;
@@ -285,23 +315,10 @@ TEST_F(KoruxFiles, TwentyParallelCounterStepsOnOneImageAddTwenty)
 
 TEST_F(KoruxFiles, AHeldFlashImageIsWaitedForAndItsHolderNamed)
 {
-    const QString lockPath = path(QStringLiteral("flash.bin.lock"));
-    const int fd = ::open(QFile::encodeName(lockPath).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const int fd = holdFlashImage();
     ASSERT_GE(fd, 0);
-    ASSERT_EQ(flock(fd, LOCK_EX), 0);
-    const QByteArray holder = QByteArray::number(getpid()) + " holder\n";
-    ASSERT_EQ(write(fd, holder.constData(), static_cast<size_t>(holder.size())), holder.size());
-
     QProcess process;
-    startKorux(
-        process, argumentsOn({ QStringLiteral("counter"), QStringLiteral("--increase") }, kImageScenario));
-    QElapsedTimer timer;
-    timer.start();
-    QString err;
-    while (!err.contains(QStringLiteral("waiting")) && timer.elapsed() < 20000) {
-        process.waitForReadyRead(50);
-        err += QString::fromUtf8(process.readAllStandardError());
-    }
+    const QString err = startWaitingCounterStep(process);
     EXPECT_TRUE(err.contains(
         QStringLiteral("flash.bin is in use by process %1 (holder); waiting for it").arg(getpid())))
         << err;
@@ -310,6 +327,32 @@ TEST_F(KoruxFiles, AHeldFlashImageIsWaitedForAndItsHolderNamed)
     const KoruxRun run = finished(process);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(imageCounter(), 1235u);
+}
+
+TEST_F(KoruxFiles, ASecondCtrlCEndsKoruxAtOnce)
+{
+    // Waiting for a flash image another process holds: the first Ctrl-C asks
+    // korux to stop once the wait is over, the second ends it there and then.
+    const int fd = holdFlashImage();
+    ASSERT_GE(fd, 0);
+    QProcess process;
+    QString err = startWaitingCounterStep(process);
+    ASSERT_TRUE(err.contains(QStringLiteral("waiting for it"))) << err;
+    const pid_t pid = static_cast<pid_t>(process.processId());
+    kill(pid, SIGINT);
+    process.waitForFinished(300);
+    if (process.state() == QProcess::Running)
+        kill(pid, SIGINT);
+    // Well before the wait's own end (two minutes), with the lock still held.
+    const bool ended = process.state() == QProcess::NotRunning || process.waitForFinished(5000);
+    close(fd);
+    ASSERT_TRUE(ended);
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process.exitCode(), 130);
+    err += QString::fromUtf8(process.readAllStandardError());
+    EXPECT_TRUE(err.endsWith(QStringLiteral("korux: interrupted\n"))) << err;
+    for (const QString& name : QDir(path(QString())).entryList(QDir::Files | QDir::Hidden))
+        EXPECT_FALSE(name.contains(QStringLiteral(".tmp-"))) << name;
 }
 
 TEST_F(KoruxFiles, AClosedPipeEndsTheOutputQuietlyAndTheWorkGoesOn)
