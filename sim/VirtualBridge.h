@@ -429,3 +429,8 @@ extern "C" int vbridge_load_scenario(const char* path, char* error, unsigned lon
 // Returns 1 and writes the reason into error when a flash image could not be
 // saved (VirtualBridge::flashImageFailure), 0 when every image is up to date.
 extern "C" int vbridge_flash_image_failure(char* error, unsigned long errorSize);
+
+// Ends a wait for a flash image that another process holds: the load that
+// waits fails with "interrupted". Safe to call from a signal handler (it only
+// sets a flag); a call while nothing waits makes the next wait end at once.
+extern "C" void vbridge_interrupt_wait(void);

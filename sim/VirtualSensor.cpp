@@ -1,5 +1,6 @@
 #include "sim/VirtualSensor.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -101,6 +102,16 @@ VirtualSensor::~VirtualSensor()
 
 namespace {
 
+// Set by vbridge_interrupt_wait, possibly from a signal handler: a lock-free
+// atomic flag is all such a handler may touch.
+std::atomic<bool> waitInterrupted { false };
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets the flag");
+
+bool takeWaitInterrupt()
+{
+    return waitInterrupted.exchange(false);
+}
+
 std::string systemError(int error)
 {
     return std::strerror(error);
@@ -157,6 +168,10 @@ bool VirtualSensor::attachFlashImage(const std::string& path, std::string* error
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kFlashImageWaitSeconds);
     bool told = false;
     while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if (takeWaitInterrupt()) {
+            close(fd);
+            return fail("interrupted while waiting for the flash image " + path);
+        }
         if (errno != EWOULDBLOCK && errno != EINTR) {
             const int lockError = errno;
             close(fd);
@@ -284,3 +299,8 @@ void VirtualSensor::powerUp()
 }
 
 } // namespace vbridge
+
+extern "C" void vbridge_interrupt_wait(void)
+{
+    vbridge::waitInterrupted.store(true);
+}

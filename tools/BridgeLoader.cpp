@@ -8,6 +8,7 @@
 
 #include "tools/ExitCodes.h"
 #include "tools/InstallLayout.h"
+#include "tools/Interrupt.h"
 
 namespace korux {
 
@@ -87,6 +88,10 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
     info->virtualBridge = loadScenario != nullptr;
     info->flashImageFailure
         = reinterpret_cast<int (*)(char*, unsigned long)>(dlsym(info->handle, "vbridge_flash_image_failure"));
+    // A first Ctrl-C ends the virtual bridge's wait for a flash image that
+    // another process holds.
+    if (auto interruptWait = reinterpret_cast<void (*)()>(dlsym(info->handle, "vbridge_interrupt_wait")))
+        setStopHook(interruptWait);
     if (options.scenario.isEmpty())
         return kExitOk;
     if (!loadScenario) {
@@ -96,6 +101,8 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
     }
     char error[kErrorSize] = {};
     if (loadScenario(QFile::encodeName(options.scenario).constData(), error, kErrorSize) != 0) {
+        if (stopRequested())
+            return kExitFailure; // the caller says "interrupted"
         QString reason = QString::fromLocal8Bit(error);
         if (reason.isEmpty())
             reason = QStringLiteral("refused");

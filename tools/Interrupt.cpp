@@ -12,6 +12,7 @@ constexpr int kTemporarySlots = 32;
 constexpr int kPathLength = 4096;
 
 volatile sig_atomic_t stopSignal_ = 0;
+void (*volatile stopHook_)() = nullptr;
 
 // Written only outside the handler, with used set last on registration and
 // first on removal, so the handler never sees a half-written path.
@@ -25,6 +26,8 @@ void onSignal(int signal)
 {
     if (stopSignal_ == 0) {
         stopSignal_ = signal;
+        if (void (*hook)() = stopHook_)
+            hook();
         return;
     }
     // Asked twice: leave now, taking only the temporary files along.
@@ -64,6 +67,11 @@ void requestStop(int signal)
 void clearStopRequest()
 {
     stopSignal_ = 0;
+}
+
+void setStopHook(void (*hook)())
+{
+    stopHook_ = hook;
 }
 
 int stopExitStatus(int signal)

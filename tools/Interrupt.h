@@ -21,6 +21,11 @@ void requestStop(int signal);
 // For korux shell, which goes on after a Ctrl-C.
 void clearStopRequest();
 
+// Called from the handler on the first signal, to end a wait that korux
+// itself cannot end (the virtual bridge waiting for a held flash image). It
+// must be async-signal-safe.
+void setStopHook(void (*hook)());
+
 // Exit status for a stop by signal: 128 + its number (130, 143, 141).
 int stopExitStatus(int signal);
 

@@ -2,12 +2,18 @@
 // without touching the machine.
 #include "SimSupport.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <chrono>
 #include <cstdlib>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <thread>
+#include <unistd.h>
 
 #include "sim/FlashContent.h"
 
@@ -337,6 +343,33 @@ TEST_F(VbScenario, ExistingFlashImageWinsOverTheDescribedContents)
     bridge().saveFlashImages();
     ASSERT_TRUE(bridge().loadScenario(path("s.json"), &error)) << error;
     EXPECT_EQ(hex(bridge().flashContents(0, vbridge::kCounterAddress, 4)), "00 00 00 04");
+}
+
+TEST_F(VbScenario, AWaitForAHeldFlashImageEndsWhenInterrupted)
+{
+    const std::string text = R"({"sensors": [{"flash": {"image": "flash0.bin"}}]})";
+    const std::string scenario = write("s.json", text);
+    // Another holder of the image's lock: flock locks belong to the open
+    // file, so a second open in this process is another holder.
+    const int held = ::open((path("flash0.bin") + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(held, 0);
+    ASSERT_EQ(flock(held, LOCK_EX), 0);
+
+    std::thread interrupter([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        vbridge_interrupt_wait();
+    });
+    QElapsedTimer timer;
+    timer.start();
+    std::string error;
+    EXPECT_FALSE(bridge().loadScenario(scenario, &error));
+    interrupter.join();
+    EXPECT_LT(timer.elapsed(), 10000);
+    EXPECT_NE(error.find("interrupted while waiting for the flash image"), std::string::npos) << error;
+
+    // The interruption is spent: once the holder is gone the image loads.
+    close(held);
+    EXPECT_TRUE(bridge().loadScenario(scenario, &error)) << error;
 }
 
 TEST_F(VbScenario, CEntryPointReportsTheReason)
