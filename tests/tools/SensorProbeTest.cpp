@@ -87,25 +87,29 @@ TEST(EnumerationLog, ANewEnumerationForgetsTheLastOne)
     EXPECT_FALSE(log.portA(0).known);
 }
 
-TEST(StatusLogLine, TellsSizeAndAConfiguredFpga)
+TEST(StatusLogLine, TellsSizeAndWhetherTheFpgaIsConfigured)
 {
-    const StatusProbe status
-        = statusOfLogLine(QStringLiteral("getStatus Status=44 Size=2 Version=5 Diode=300"));
-    EXPECT_TRUE(status.read);
-    EXPECT_TRUE(status.fpgaConfigured);
-    EXPECT_EQ(status.sizeCode, 2);
-}
-
-TEST(StatusLogLine, TheUnconfiguredPatternSaysNothingOfTheSize)
-{
-    const StatusProbe status
-        = statusOfLogLine(QStringLiteral("getStatus Status=22 Size=2 Version=8 Diode=136"));
-    EXPECT_TRUE(status.read);
-    EXPECT_FALSE(status.fpgaConfigured);
-    EXPECT_EQ(status.sizeCode, 0);
-    // One diode step away is a configured FPGA.
-    EXPECT_TRUE(
-        statusOfLogLine(QStringLiteral("getStatus Status=22 Size=2 Version=8 Diode=137")).fpgaConfigured);
+    struct Case {
+        const char* line;
+        bool configured;
+        int size;
+    };
+    const Case cases[] = {
+        { "getStatus Status=44 Size=2 Version=5 Diode=300", true, 2 },
+        { "getStatus Status=40 Size=1 Version=15 Diode=0", true, 1 },
+        // The unconfigured pattern says nothing of the size.
+        { "getStatus Status=22 Size=2 Version=8 Diode=136", false, 0 },
+        // One diode step away is a configured FPGA.
+        { "getStatus Status=22 Size=2 Version=8 Diode=137", true, 2 },
+        // A configured sensor that gives no size code.
+        { "getStatus Status=44 Size=0 Version=5 Diode=300", true, 0 },
+    };
+    for (const Case& c : cases) {
+        const StatusProbe status = statusOfLogLine(QString::fromLatin1(c.line));
+        EXPECT_TRUE(status.read) << c.line;
+        EXPECT_EQ(status.fpgaConfigured, c.configured) << c.line;
+        EXPECT_EQ(status.sizeCode, c.size) << c.line;
+    }
 }
 
 TEST(StatusLogLine, OtherLinesAreNoStatus)
