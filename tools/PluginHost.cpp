@@ -174,7 +174,12 @@ void PluginHost::connectUnit(QVeltraHardwareUnit* unit)
 void PluginHost::logLine(const QString& text, bool detailed, const QVeltraHardwareUnit* unit)
 {
     if (!unit) {
-        enumeration_.feed(text);
+        // The units of the last enumeration are gone, and a new one may
+        // take an old one's address.
+        if (enumeration_.feed(text)) {
+            lastStatus_.clear();
+            observations_.inside.clear();
+        }
     } else {
         const StatusProbe status = statusOfLogLine(text);
         if (status.read)

@@ -22,13 +22,15 @@ bool between(const QString& line, QLatin1String prefix, QLatin1String suffix, QS
 } // namespace
 
 // Plain string matching: every line the plug-in logs passes through here.
-void EnumerationLog::feed(const QString& line)
+bool EnumerationLog::feed(const QString& line)
 {
     static const QString found = QStringLiteral("Find KORUX/KORUX\u00B2 Series port A #");
     QStringRef middle;
     if (line.startsWith(QLatin1String("enumKORUXPlugIn with"))) {
         *this = EnumerationLog();
-    } else if (between(line, QLatin1String("GetDeviceInfoDetail of device "), QLatin1String("."), &middle)) {
+        return true;
+    }
+    if (between(line, QLatin1String("GetDeviceInfoDetail of device "), QLatin1String("."), &middle)) {
         current_ = PortRecord();
     } else if (between(line, QLatin1String("SerialNumber: "), QLatin1String(""), &middle)) {
         current_.serial = middle.toString();
@@ -41,12 +43,13 @@ void EnumerationLog::feed(const QString& line)
     } else if (line.startsWith(found) && line.endsWith(QLatin1Char('.'))) {
         bool ok = false;
         const int index = line.midRef(found.size(), line.size() - found.size() - 1).toInt(&ok) - 1;
-        if (!ok || index < 0 || index > 255)
-            return;
-        if (portA_.size() <= index)
-            portA_.resize(index + 1);
-        portA_[index] = current_;
+        if (ok && index >= 0 && index < 256) {
+            if (portA_.size() <= index)
+                portA_.resize(index + 1);
+            portA_[index] = current_;
+        }
     }
+    return false;
 }
 
 PortRecord EnumerationLog::portA(int index) const

@@ -24,7 +24,9 @@ struct PortRecord {
 // S") and then, for a port it takes, "Find KORUX/KORUX² Series port A #k.".
 class EnumerationLog {
 public:
-    void feed(const QString& line);
+    // True when the line starts a new enumeration (the units of the last
+    // one are gone).
+    bool feed(const QString& line);
     // Port A of sensor `index` (0-based); known is false when the enumeration
     // did not log it.
     PortRecord portA(int index) const;

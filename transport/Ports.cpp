@@ -10,7 +10,8 @@ namespace {
 constexpr ULONG kPortTimeoutMs = 900;
 constexpr char kPortLetters[] = "ABCD";
 
-// Chip-select lines of the bridge's SPI master, one per interface.
+// Chip-select lines of the bridge's SPI master, one per interface (port A's
+// is kSsoMapPortA of the sensor protocol).
 constexpr uint8 kSsoMapPortB = 4;
 constexpr uint8 kSsoMapPortC = 2;
 

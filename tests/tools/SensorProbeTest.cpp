@@ -83,7 +83,8 @@ TEST(EnumerationLog, ANewEnumerationForgetsTheLastOne)
 {
     EnumerationLog log;
     feedDevice(log, 0, "1011", "KX0001A", "Find KORUX/KORUX² Series port A #1.");
-    log.feed(QStringLiteral("enumKORUXPlugIn with "));
+    EXPECT_FALSE(log.feed(QStringLiteral("SerialNumber: KX0001B")));
+    EXPECT_TRUE(log.feed(QStringLiteral("enumKORUXPlugIn with ")));
     EXPECT_FALSE(log.portA(0).known);
 }
 
