@@ -70,11 +70,8 @@ protected:
 
     void start(int sensors)
     {
-        host.addSensors(sensors);
-        host.initialize();
+        host.startWith(sensors);
         ASSERT_EQ(host.unitCount(), sensors);
-        host.seen().clear();
-        host.bridge().clearTrace();
     }
 
 };

@@ -22,12 +22,9 @@ protected:
 
     void start(int sensors)
     {
-        host.addSensors(sensors);
-        host.initialize();
+        host.startWith(sensors);
         ASSERT_EQ(host.unitCount(), sensors);
         ASSERT_EQ(host.family().status(), statusSensorFound);
-        host.seen().clear();
-        host.bridge().clearTrace();
     }
 
     // A host event, run at the next turn of the event loop the plug-in gives.

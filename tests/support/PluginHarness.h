@@ -190,6 +190,16 @@ public:
         return result;
     }
 
+    // n stand-alone sensors, enumerated, with the start-up's log and trace
+    // cleared: what a test then sees is what its own commands did.
+    void startWith(int n)
+    {
+        addSensors(n);
+        initialize();
+        seen().clear();
+        bridge().clearTrace();
+    }
+
     QVeltraXRayKORUXPlugInUnit* unit(int index = 0) { return family_->deviceUnit(index); }
     int unitCount() { return family_->numberOfKorux3(); }
 
