@@ -138,6 +138,24 @@ public:
         return true;
     }
 
+    // An image-block read whose picture is still rendering waits for it with
+    // the bridge let go (as a bulk read waits for the device's data), then
+    // finds its handle again: the sensor may have gone meanwhile.
+    uint32_t awaitPicture(FT_HANDLE handle, const uint8_t* out, size_t count)
+    {
+        if (!sensor_ || record_->port != 0)
+            return 0;
+        const auto rendering = sensor_->logic.pictureToWaitFor(out, count);
+        if (!rendering)
+            return 0;
+        lock_.unlock();
+        rendering->wait();
+        lock_.lock();
+        sensor_ = nullptr;
+        record_ = nullptr;
+        return identify(handle, Api::LibFt4222);
+    }
+
     void addWireTime(size_t singleBytes, size_t multiBytes)
     {
         if (bridge_.linkTiming && sensor_)
@@ -518,6 +536,8 @@ FT4222_STATUS FT4222_SPIMaster_SingleRead(
     call.args({ bufferSize, isEndTransaction });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
+    if (const uint32_t status = call.awaitPicture(handle, nullptr, 0))
+        return call.finish4222(status);
     TransferFault fault;
     if (call.transferFault(&fault, true)) {
         if (fault.stuck)
@@ -562,6 +582,8 @@ FT4222_STATUS FT4222_SPIMaster_SingleReadWrite(FT_HANDLE handle, uint8* readBuff
     call.written(writeBuffer, bufferSize);
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
+    if (const uint32_t status = call.awaitPicture(handle, writeBuffer, bufferSize))
+        return call.finish4222(status);
     TransferFault fault;
     if (call.transferFault(&fault, true)) {
         if (fault.stuck)
@@ -585,6 +607,8 @@ FT4222_STATUS FT4222_SPIMaster_MultiReadWrite(FT_HANDLE handle, uint8* readBuffe
     call.args({ singleWriteBytes, multiWriteBytes, multiReadBytes });
     call.written(writeBuffer, static_cast<size_t>(singleWriteBytes) + multiWriteBytes);
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
+        return call.finish4222(status);
+    if (const uint32_t status = call.awaitPicture(handle, writeBuffer, singleWriteBytes))
         return call.finish4222(status);
     TransferFault fault;
     if (call.transferFault(&fault, multiReadBytes > 0)) {

@@ -287,7 +287,9 @@ ArmRecord VirtualBridge::lastArm(int sensor) const
 std::vector<uint16_t> VirtualBridge::lastImage(int sensor) const
 {
     Locked locked;
-    return locked.bridge.sensor(sensor).logic.image();
+    SensorLogic& logic = locked.bridge.sensor(sensor).logic;
+    logic.settleImage();
+    return logic.image();
 }
 
 int VirtualBridge::imageWidth(int sensor) const
