@@ -32,10 +32,11 @@ constexpr uint8_t kLatticeEnable = 0xC6;
 constexpr uint8_t kLatticeBurst = 0x7A;
 constexpr uint8_t kLatticeReadStatus = 0x3C;
 constexpr uint8_t kLatticeDisable = 0x26;
-// Status register (0x3C): DONE, ISC enabled, Fail, and the error code in
-// bits 25-23.
+// Status register (0x3C): DONE, ISC enabled, Busy, Fail, and the error code
+// in bits 25-23.
 constexpr uint32_t kLatticeDone = 0x100;
 constexpr uint32_t kLatticeEnabled = 0x200;
+constexpr uint32_t kLatticeBusy = 0x1000;
 constexpr uint32_t kLatticeFail = 0x2000;
 constexpr int kLatticeErrorShift = 23;
 
@@ -439,22 +440,21 @@ void SensorLogic::decodeConfigFrame()
     target_ = Target::Config;
     answerFill_ = 0xFF;
     const Clock::time_point now = Clock::now();
-    // Still settling after entering or leaving configuration: the port
-    // ignores the frame.
-    if (now < configBusyUntil_) {
-        answerLines_ = Lines::Single;
-        return;
-    }
     // The configuration port is a plain SPI slave: it answers on one line.
     answerLines_ = Lines::Single;
+    const bool busy = now < configBusyUntil_;
+    // Still settling after entering or leaving configuration: the port takes
+    // nothing but a status read, which shows it busy and not done.
+    if (busy && frame_[0] != kLatticeReadStatus)
+        return;
     switch (frame_[0]) {
     case kLatticeReadId:
         answerStore_ = { static_cast<uint8_t>(fpgaDeviceId >> 24), static_cast<uint8_t>(fpgaDeviceId >> 16),
             static_cast<uint8_t>(fpgaDeviceId >> 8), static_cast<uint8_t>(fpgaDeviceId) };
         break;
     case kLatticeReadStatus: {
-        const uint32_t status = (done_ ? kLatticeDone : 0) | (configMode_ ? kLatticeEnabled : 0)
-            | (error_ != ConfigError::None ? kLatticeFail : 0)
+        const uint32_t status = (done_ && !busy ? kLatticeDone : 0) | (configMode_ ? kLatticeEnabled : 0)
+            | (busy ? kLatticeBusy : 0) | (error_ != ConfigError::None ? kLatticeFail : 0)
             | (static_cast<uint32_t>(error_) << kLatticeErrorShift);
         answerStore_ = { static_cast<uint8_t>(status >> 24), static_cast<uint8_t>(status >> 16),
             static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status) };
