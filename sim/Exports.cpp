@@ -15,9 +15,27 @@ namespace {
 
 enum class Api { D2xx, LibFt4222 };
 
+// What one call to the chip costs at realistic timing: a request and its
+// answer in USB 2.0 high-speed microframes of 125 us (our assumption of the
+// driver's round trip; docs/scenario.md).
+constexpr double kUsbTransactionUs = 125;
+
+// Lets the time pass. A sleep overshoots by the kernel's timer slack (50 us
+// by default), as much as a call costs: the last stretch is waited out.
+void spend(std::chrono::microseconds time)
+{
+    const auto until = std::chrono::steady_clock::now() + time;
+    constexpr auto kSlack = std::chrono::microseconds(150);
+    if (time > kSlack)
+        std::this_thread::sleep_for(time - kSlack);
+    while (std::chrono::steady_clock::now() < until)
+        std::this_thread::yield();
+}
+
 // One bridge call: holds the lock, numbers the call, and records the trace
-// entry when it ends. The wire time of a transfer is slept after the lock is
-// given back, so other threads are not held up by it.
+// entry when it ends. At realistic timing every call costs a USB transaction,
+// and a transfer its data's time too; both are spent after the lock is given
+// back, so other threads are not held up by them.
 class Call {
 public:
     explicit Call(const char* function)
@@ -38,10 +56,10 @@ public:
     ~Call()
     {
         bridge_.record(std::move(entry_));
-        const double wireUs = wireUs_;
+        const double costUs = wireUs_ + (bridge_.linkTiming ? kUsbTransactionUs : 0);
         lock_.unlock();
-        if (wireUs > 0)
-            std::this_thread::sleep_for(std::chrono::microseconds(static_cast<long long>(wireUs)));
+        if (costUs > 0)
+            spend(std::chrono::microseconds(static_cast<long long>(costUs)));
     }
 
     Call(const Call&) = delete;

@@ -13,8 +13,18 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// These take the realistic machine's waits: run with the CTest label
+// "realistic" (KORUX_TIMING=realistic), skipped otherwise.
 class VbTimingFigures : public VbTest {
 protected:
+    void SetUp() override
+    {
+        const char* timing = std::getenv("KORUX_TIMING");
+        if (!timing || std::string(timing) != "realistic")
+            GTEST_SKIP() << "realistic timing only (ctest -L realistic)";
+        VbTest::SetUp();
+    }
+
     void load(const std::string& text)
     {
         std::string error;
@@ -51,6 +61,30 @@ protected:
             FT4222_SPIMaster_SingleWrite(handle, frame.data(), static_cast<uint16>(frame.size()), &done, 1),
             FT4222_OK);
     }
+};
+
+// The machine a host gets when KORUX_SCENARIO names a file that cannot be
+// loaded; the environment is put back afterwards.
+class VbStartUpFallback : public VbTest {
+protected:
+    void SetUp() override
+    {
+        VbTest::SetUp();
+        if (const char* timing = std::getenv("KORUX_TIMING"))
+            savedTiming_ = timing;
+    }
+    void TearDown() override
+    {
+        unsetenv("KORUX_SCENARIO");
+        if (savedTiming_.empty())
+            unsetenv("KORUX_TIMING");
+        else
+            setenv("KORUX_TIMING", savedTiming_.c_str(), 1);
+        VbTest::TearDown();
+    }
+
+private:
+    std::string savedTiming_;
 };
 
 } // namespace
@@ -133,27 +167,24 @@ TEST_F(VbTimingFigures, FpgaSettleFigureKeepsTheProgramPulseMinimum)
     EXPECT_FALSE(bridge().fpgaConfigured(0));
 }
 
-TEST_F(VbTimingFigures, ScenarioThatFailsToLoadGivesTheRealisticDefault)
+TEST_F(VbStartUpFallback, ScenarioThatFailsToLoadGivesTheRealisticDefault)
 {
     const char* file = "/nonexistent/korux-scenario.json";
     setenv("KORUX_SCENARIO", file, 1);
     unsetenv("KORUX_TIMING");
     std::string error;
     const bool loaded = bridge().resetFromEnvironment(&error);
-    unsetenv("KORUX_SCENARIO");
     EXPECT_FALSE(loaded);
     EXPECT_NE(error.find(file), std::string::npos) << error;
     ASSERT_EQ(bridge().sensorCount(), 1);
     EXPECT_EQ(bridge().timing(), vbridge::Timing::Realistic);
 }
 
-TEST_F(VbTimingFigures, ScenarioThatFailsToLoadIsInstantWhenAskedFor)
+TEST_F(VbStartUpFallback, ScenarioThatFailsToLoadIsInstantWhenAskedFor)
 {
     setenv("KORUX_SCENARIO", "/nonexistent/korux-scenario.json", 1);
     setenv("KORUX_TIMING", "instant", 1);
     const bool loaded = bridge().resetFromEnvironment();
-    unsetenv("KORUX_SCENARIO");
-    unsetenv("KORUX_TIMING");
     EXPECT_FALSE(loaded);
     EXPECT_EQ(bridge().timing(), vbridge::Timing::Instant);
 }
