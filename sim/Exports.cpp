@@ -15,9 +15,9 @@ namespace {
 
 enum class Api { D2xx, LibFt4222 };
 
-// What one call to the chip costs at realistic timing: a request and its
-// answer in USB 2.0 high-speed microframes of 125 us (our assumption of the
-// driver's round trip; docs/scenario.md).
+// What one call to the chip costs at realistic timing: its request and its
+// answer in one USB 2.0 high-speed microframe of 125 us (our assumption of
+// the driver's round trip; docs/scenario.md).
 constexpr double kUsbTransactionUs = 125;
 
 // Lets the time pass. A sleep overshoots by the kernel's timer slack (50 us
