@@ -15,9 +15,27 @@ namespace {
 
 enum class Api { D2xx, LibFt4222 };
 
+// What one call to the chip costs at realistic timing: its request and its
+// answer in one USB 2.0 high-speed microframe of 125 us (our assumption of
+// the driver's round trip; docs/scenario.md).
+constexpr double kUsbTransactionUs = 125;
+
+// Lets the time pass. A sleep overshoots by the kernel's timer slack (50 us
+// by default), as much as a call costs: the last stretch is waited out.
+void spend(std::chrono::microseconds time)
+{
+    const auto until = std::chrono::steady_clock::now() + time;
+    constexpr auto kSlack = std::chrono::microseconds(150);
+    if (time > kSlack)
+        std::this_thread::sleep_for(time - kSlack);
+    while (std::chrono::steady_clock::now() < until)
+        std::this_thread::yield();
+}
+
 // One bridge call: holds the lock, numbers the call, and records the trace
-// entry when it ends. The wire time of a transfer is slept after the lock is
-// given back, so other threads are not held up by it.
+// entry when it ends. At realistic timing every call costs a USB transaction,
+// and a transfer its data's time too; both are spent after the lock is given
+// back, so other threads are not held up by them.
 class Call {
 public:
     explicit Call(const char* function)
@@ -38,10 +56,10 @@ public:
     ~Call()
     {
         bridge_.record(std::move(entry_));
-        const double wireUs = wireUs_;
+        const double costUs = wireUs_ + (bridge_.linkTiming ? kUsbTransactionUs : 0);
         lock_.unlock();
-        if (wireUs > 0)
-            std::this_thread::sleep_for(std::chrono::microseconds(static_cast<long long>(wireUs)));
+        if (costUs > 0)
+            spend(std::chrono::microseconds(static_cast<long long>(costUs)));
     }
 
     Call(const Call&) = delete;
@@ -136,6 +154,24 @@ public:
             wireUs_ += 1000.0 * (timeoutMs ? timeoutMs : 10000);
         }
         return true;
+    }
+
+    // An image-block read whose picture is still rendering waits for it with
+    // the bridge let go (as a bulk read waits for the device's data), then
+    // finds its handle again: the sensor may have gone meanwhile.
+    uint32_t awaitPicture(FT_HANDLE handle, const uint8_t* out, size_t count)
+    {
+        if (!sensor_ || record_->port != 0)
+            return 0;
+        const auto rendering = sensor_->logic.pictureToWaitFor(out, count);
+        if (!rendering)
+            return 0;
+        lock_.unlock();
+        rendering->wait();
+        lock_.lock();
+        sensor_ = nullptr;
+        record_ = nullptr;
+        return identify(handle, Api::LibFt4222);
     }
 
     void addWireTime(size_t singleBytes, size_t multiBytes)
@@ -518,6 +554,8 @@ FT4222_STATUS FT4222_SPIMaster_SingleRead(
     call.args({ bufferSize, isEndTransaction });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
+    if (const uint32_t status = call.awaitPicture(handle, nullptr, 0))
+        return call.finish4222(status);
     TransferFault fault;
     if (call.transferFault(&fault, true)) {
         if (fault.stuck)
@@ -562,6 +600,8 @@ FT4222_STATUS FT4222_SPIMaster_SingleReadWrite(FT_HANDLE handle, uint8* readBuff
     call.written(writeBuffer, bufferSize);
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
+    if (const uint32_t status = call.awaitPicture(handle, writeBuffer, bufferSize))
+        return call.finish4222(status);
     TransferFault fault;
     if (call.transferFault(&fault, true)) {
         if (fault.stuck)
@@ -585,6 +625,8 @@ FT4222_STATUS FT4222_SPIMaster_MultiReadWrite(FT_HANDLE handle, uint8* readBuffe
     call.args({ singleWriteBytes, multiWriteBytes, multiReadBytes });
     call.written(writeBuffer, static_cast<size_t>(singleWriteBytes) + multiWriteBytes);
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
+        return call.finish4222(status);
+    if (const uint32_t status = call.awaitPicture(handle, writeBuffer, singleWriteBytes))
         return call.finish4222(status);
     TransferFault fault;
     if (call.transferFault(&fault, multiReadBytes > 0)) {

@@ -9,8 +9,6 @@ namespace {
 
 // System clock of each FT4222_ClockRate value (not in order of frequency).
 constexpr double kSystemClockMHz[] = { 60, 24, 48, 80 };
-// Every USB transaction costs a few hundred microseconds on top of the wire.
-constexpr double kUsbTransactionUs = 250;
 // What a master reads from data lines that nothing drives.
 constexpr uint8_t kFloatingBus = 0xFF;
 
@@ -291,11 +289,14 @@ void Ft4222Port::dropPower()
     clear();
 }
 
+// The clock moves one bit a line; the chip's data path moves no more than its
+// rated throughput, whatever the clock and the lines.
 double Ft4222Port::wireMicroseconds(size_t singleBytes, size_t multiBytes) const
 {
     const double clockMHz = spiClockMHz();
-    const double bits = singleBytes * 8.0 + multiBytes * 8.0 / static_cast<int>(multiLines());
-    return bits / clockMHz + kUsbTransactionUs;
+    const double onWire = (singleBytes * 8.0 + multiBytes * 8.0 / static_cast<int>(multiLines())) / clockMHz;
+    const double throughput = (singleBytes + multiBytes) * 8.0 / kRatedThroughputMbps;
+    return std::max(onWire, throughput);
 }
 
 SpiEngine Ft4222Port::engine() const

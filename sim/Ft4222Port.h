@@ -110,12 +110,15 @@ public:
     const std::array<GPIO_Dir, 4>& gpioDirections() const { return directions_; }
     bool inTransaction() const { return selected_; }
 
-    // How long a transfer of these sizes holds the wire at the current clock
-    // and line mode, USB overhead included.
+    // How long the data of a transfer of these sizes take at the current
+    // clock and line mode: no less than on the wire, and no faster than the
+    // chip's rated SPI master throughput (the USB transaction is extra).
     double wireMicroseconds(size_t singleBytes, size_t multiBytes) const;
     // The SPI clock the master drives now, and the bridge's rated maximum.
     double spiClockMHz() const;
     static constexpr double kRatedSpiClockMHz = 30;
+    // "Up to 53.8Mbps data transfer rate in SPI master with quad mode".
+    static constexpr double kRatedThroughputMbps = 53.8;
 
 private:
     FT4222_STATUS spiReady(bool single) const;

@@ -27,10 +27,23 @@ constexpr uint8_t kReadUniqueId = 0x4B;
 constexpr uint8_t kReadJedecId = 0x9F;
 constexpr uint8_t kRead = 0x03;
 constexpr uint8_t kQuadIoFastRead = 0xEB;
+constexpr uint8_t kWriteStatus1 = 0x01;
+constexpr uint8_t kWriteStatus2 = 0x31;
+constexpr uint8_t kPowerDown = 0xB9;
+constexpr uint8_t kReleasePowerDown = 0xAB;
 
 constexpr uint8_t kStatusBusy = 0x01;
 constexpr uint8_t kStatusWriteEnable = 0x02;
 constexpr uint8_t kStatus2QuadEnable = 0x02;
+// Writable bits: BP2-0, TB, SEC, SRP of register 1; SRL, QE, LB3-1, CMP of
+// register 2. LB3-1 are one-time: once set they stay.
+constexpr uint8_t kStatus1Writable = 0xFC;
+constexpr uint8_t kStatus2Writable = 0x7B;
+constexpr uint8_t kStatus2LockBits = 0x38;
+constexpr uint8_t kStatus2Complement = 0x40;
+// 0xAB answers three dummy bytes, then the device id of the 128 Mbit part.
+constexpr uint64_t kDeviceIdDummyBytes = 3;
+constexpr uint8_t kDeviceId = 0x17;
 
 // Mode bits M5-4 = 10 after the address of 0xEB keep the chip in
 // continuous-read mode: the next frame starts with the address.
@@ -47,6 +60,19 @@ constexpr uint64_t kInstructionClocks = 8;
 constexpr uint64_t kSectorEraseClocks = 32;
 
 } // namespace
+
+// The datasheets give only the typical and the largest time. We take most
+// cycles near the typical time and a few towards the largest (the cube of an
+// even draw), so that a driver that sleeps the typical time instead of
+// polling the busy bit fails at once, while a whole update takes about as
+// long as the typical figures say.
+uint32_t drawBusyTime(uint32_t typical, uint32_t maximum, uint32_t key)
+{
+    if (maximum <= typical)
+        return typical;
+    const double u = (mix(key) & 0xFFFFFF) / double(1 << 24);
+    return typical + static_cast<uint32_t>((maximum - typical) * u * u * u);
+}
 
 NorFlash::NorFlash()
     : memory_(kSize, 0xFF)
@@ -68,12 +94,42 @@ bool NorFlash::busy() const
 
 uint8_t NorFlash::statusRegister1() const
 {
-    return static_cast<uint8_t>((busy() ? kStatusBusy : 0) | (writeEnable_ ? kStatusWriteEnable : 0));
+    const bool latch = writeEnable_ && !cycleOver();
+    return static_cast<uint8_t>(
+        (busy() ? kStatusBusy : 0) | (latch ? kStatusWriteEnable : 0) | (status1Bits & kStatus1Writable));
 }
 
 uint8_t NorFlash::statusRegister2() const
 {
-    return quadEnable ? kStatus2QuadEnable : 0;
+    return static_cast<uint8_t>(
+        (quadEnable ? kStatus2QuadEnable : 0) | (status2Bits & kStatus2Writable & ~kStatus2QuadEnable));
+}
+
+// The protected area of the block-protect bits (CMP = 0): none, the upper or
+// lower (TB) 1/64 to 1/2 of the chip in 64 KiB blocks, the whole chip (BP =
+// 111), or with SEC the top or bottom 4 to 32 KiB. CMP = 1 protects the rest
+// instead.
+bool NorFlash::isProtected(uint32_t address) const
+{
+    address %= kSize;
+    const int bp = (status1Bits >> 2) & 7;
+    const bool bottom = status1Bits & 0x20;
+    const bool sectors = status1Bits & 0x40;
+    uint32_t size = 0;
+    if (bp == 7)
+        size = kSize;
+    else if (bp != 0 && !sectors)
+        size = (kSize / 128) << bp; // 001: 256 KiB ... 110: 8 MiB
+    else if (bp != 0)
+        size = kSectorSize << std::min(bp - 1, 3); // 001: 4 KiB ... 1xx: 32 KiB
+    const bool inside = bottom ? address < size : address >= kSize - size;
+    const bool complement = status2Bits & kStatus2Complement;
+    return complement ? !inside : inside;
+}
+
+bool NorFlash::anyProtected() const
+{
+    return isProtected(0) || isProtected(kSize - 1);
 }
 
 void NorFlash::powerDown()
@@ -85,6 +141,10 @@ void NorFlash::powerDown()
 
 void NorFlash::powerUp()
 {
+    poweredAt_ = Clock::now();
+    powerUpWriteUs_ = drawBusyTime(timing.powerUpWriteUs, timing.powerUpWriteMaxUs, seed ^ ++powerUps_);
+    cycleRunning_ = false;
+    deepPowerDown_ = false;
     writeEnable_ = false;
     resetEnabled_ = false;
     continuous_ = false;
@@ -106,8 +166,35 @@ void NorFlash::memoryChanged()
 
 void NorFlash::startBusy(uint32_t microseconds, uint32_t polls)
 {
+    cycleRunning_ = true;
     busyPollsLeft_ = polls;
     busyUntil_ = Clock::now() + std::chrono::microseconds(microseconds);
+}
+
+uint32_t NorFlash::drawn(uint32_t typical, uint32_t maximum)
+{
+    return drawBusyTime(typical, maximum, seed + 0x9E3779B9u * ++cycles_);
+}
+
+void NorFlash::endCycle()
+{
+    if (!cycleOver())
+        return;
+    cycleRunning_ = false;
+    writeEnable_ = false;
+}
+
+// Write instructions need the latch, and are refused for tPUW after power-up.
+bool NorFlash::writeAllowed()
+{
+    if (Clock::now() < poweredAt_ + std::chrono::microseconds(powerUpWriteUs_)) {
+        ++stats.ignoredBeforePowerUpWrite;
+        return false;
+    }
+    if (writeEnable_)
+        return true;
+    ++stats.ignoredWithoutWriteEnable;
+    return false;
 }
 
 bool NorFlash::powerFailsNow()
@@ -141,13 +228,16 @@ void NorFlash::enterPhase(Phase phase, Lines lines)
 
 void NorFlash::select()
 {
+    endCycle();
     selected_ = true;
     clocks_ = 0;
     dataBytes_ = 0;
+    registerBytes_.clear();
     std::fill(pageBuffer_.begin(), pageBuffer_.end(), int16_t(-1));
     if (continuous_) {
         // The instruction is implied: the frame starts with the address.
         instruction_ = kQuadIoFastRead;
+        resetEnabled_ = false;
         enterPhase(Phase::Address, Lines::Quad);
     } else {
         instruction_ = 0;
@@ -163,7 +253,18 @@ bool NorFlash::acceptsWhileBusy(uint8_t instruction) const
 
 void NorFlash::instructionDone()
 {
+    // "Any other commands other than Reset (99h) after the Enable Reset
+    // (66h) command will disable the Reset Enable state."
+    if (instruction_ != kReset)
+        resetEnabled_ = false;
     if (Clock::now() < recoveringUntil_) {
+        phase_ = Phase::Ignored;
+        return;
+    }
+    // Deep power-down: the release is the only instruction the chip takes,
+    // status reads included.
+    if (deepPowerDown_ && instruction_ != kReleasePowerDown) {
+        ++stats.ignoredPoweredDown;
         phase_ = Phase::Ignored;
         return;
     }
@@ -177,8 +278,14 @@ void NorFlash::instructionDone()
     case kReadStatus2:
     case kReadUniqueId:
     case kReadJedecId:
+    case kReleasePowerDown:
         enterPhase(Phase::DataOut, Lines::Single);
         return;
+    case kWriteStatus1:
+    case kWriteStatus2:
+        enterPhase(Phase::Register, Lines::Single);
+        return;
+    case kPowerDown:
     case kWriteEnable:
     case kWriteDisable:
     case kChipErase:
@@ -236,6 +343,9 @@ void NorFlash::phaseByteDone(uint8_t byte)
         modeBits_ = byte;
         enterPhase(Phase::Dummy, Lines::Quad);
         return;
+    case Phase::Register:
+        registerBytes_.push_back(byte);
+        return;
     case Phase::DataIn:
         // Past the end of the page the address wraps to the page's start.
         pageBuffer_[(header_[2] + dataBytes_) % kPageSize] = byte;
@@ -263,6 +373,8 @@ uint8_t NorFlash::outputByte(uint64_t index)
         return static_cast<uint8_t>(uniqueId >> (8 * (kUniqueIdDummyBytes + 7 - index)));
     case kReadJedecId:
         return index < 3 ? kJedecId[index] : 0xFF;
+    case kReleasePowerDown:
+        return index < kDeviceIdDummyBytes ? 0xFF : kDeviceId;
     case kRead:
     case kQuadIoFastRead:
         // Reads run on across the end of the chip back to address 0.
@@ -290,6 +402,7 @@ void NorFlash::clockIn(uint8_t levels)
     case Phase::Address:
     case Phase::Mode:
     case Phase::DataIn:
+    case Phase::Register:
         shift_ = static_cast<uint8_t>((shift_ << wire::width(phaseLines_))
             | wire::fromLevels(levels, phaseLines_, Direction::ToDevice));
         bitsIn_ += wire::width(phaseLines_);
@@ -426,7 +539,7 @@ void NorFlash::program()
     if (raises)
         ++stats.zeroToOneAttempts;
     ++stats.pagePrograms;
-    startBusy(timing.programUs, timing.busyPolls);
+    startBusy(drawn(timing.programUs, timing.programMaxUs), timing.busyPolls);
     if (powerFailsNow()) {
         interrupt();
         if (onPowerCut)
@@ -447,7 +560,7 @@ void NorFlash::eraseSector(uint32_t address)
     std::fill_n(memory_.begin() + operation_.start, kSectorSize, 0xFF);
     ++stats.sectorErases[sector];
     ++stats.sectorEraseCommands;
-    startBusy(timing.eraseUs, timing.busyPolls);
+    startBusy(drawn(timing.eraseUs, timing.eraseMaxUs), timing.busyPolls);
     if (powerFailsNow()) {
         interrupt();
         if (onPowerCut)
@@ -467,13 +580,33 @@ void NorFlash::eraseChip()
     for (uint32_t& count : stats.sectorErases)
         ++count;
     ++stats.chipErases;
-    startBusy(timing.chipEraseUs, timing.busyPolls);
+    startBusy(drawn(timing.chipEraseUs, timing.chipEraseMaxUs), timing.busyPolls);
     if (powerFailsNow()) {
         interrupt();
         if (onPowerCut)
             onPowerCut();
     }
     memoryChanged();
+}
+
+void NorFlash::writeStatus(size_t bytes)
+{
+    uint8_t two = statusRegister2();
+    if (instruction_ == kWriteStatus1) {
+        status1Bits = registerBytes_[0] & kStatus1Writable;
+        if (bytes == 2)
+            two = registerBytes_[1];
+    } else {
+        two = registerBytes_[0];
+    }
+    if (instruction_ == kWriteStatus2 || bytes == 2) {
+        const uint8_t locks = static_cast<uint8_t>((status2Bits | two) & kStatus2LockBits);
+        status2Bits = static_cast<uint8_t>((two & kStatus2Writable & ~kStatus2LockBits) | locks);
+        quadEnable = two & kStatus2QuadEnable;
+    }
+    ++stats.statusWrites;
+    operation_ = Operation();
+    startBusy(drawn(timing.writeStatusUs, timing.writeStatusMaxUs), timing.busyPolls);
 }
 
 // A program or erase stopped before its time: a program has cleared only some
@@ -531,14 +664,11 @@ void NorFlash::deselect()
     resetEnabled_ = false;
     // Write enable, erases and resets count only when chip select rises
     // right after the frame's last bit; a program after a whole data byte.
+    // The write-enable latch stays set through the cycle and clears at its
+    // end.
     const bool wholeInstruction = phase_ == Phase::Trailing && clocks_ == kInstructionClocks;
     const auto inexact = [this] { ++stats.ignoredInexactFrames; };
-    const auto writeEnabled = [this] {
-        if (writeEnable_)
-            return true;
-        ++stats.ignoredWithoutWriteEnable;
-        return false;
-    };
+    const auto refusedProtected = [this] { ++stats.ignoredProtected; };
 
     switch (instruction_) {
     case kWriteEnable:
@@ -555,27 +685,55 @@ void NorFlash::deselect()
     case kChipEraseAlt:
         if (!wholeInstruction)
             return inexact();
-        if (!writeEnabled())
+        if (!writeAllowed())
             return;
-        writeEnable_ = false;
+        // Not executed when any area is protected.
+        if (anyProtected())
+            return refusedProtected();
         eraseChip();
         return;
     case kSectorErase:
         if (phase_ != Phase::Trailing || clocks_ != kSectorEraseClocks)
             return inexact();
-        if (!writeEnabled())
+        if (!writeAllowed())
             return;
-        writeEnable_ = false;
+        if (isProtected(address()))
+            return refusedProtected();
         eraseSector(address());
         return;
     case kPageProgram:
     case kQuadPageProgram:
         if (phase_ != Phase::DataIn || bitsIn_ != 0 || dataBytes_ == 0)
             return inexact();
-        if (!writeEnabled())
+        if (!writeAllowed())
             return;
-        writeEnable_ = false;
+        if (isProtected(address()))
+            return refusedProtected();
         program();
+        return;
+    case kWriteStatus1:
+    case kWriteStatus2: {
+        // 0x01 takes register 1, or registers 1 and 2; 0x31 register 2.
+        const size_t most = instruction_ == kWriteStatus1 ? 2 : 1;
+        if (phase_ != Phase::Register || bitsIn_ != 0 || registerBytes_.empty()
+            || registerBytes_.size() > most)
+            return inexact();
+        if (!writeAllowed())
+            return;
+        writeStatus(registerBytes_.size());
+        return;
+    }
+    case kPowerDown:
+        if (!wholeInstruction)
+            return inexact();
+        deepPowerDown_ = true;
+        recoveringUntil_ = Clock::now() + std::chrono::microseconds(timing.powerDownUs);
+        return;
+    case kReleasePowerDown:
+        if (deepPowerDown_) {
+            deepPowerDown_ = false;
+            recoveringUntil_ = Clock::now() + std::chrono::microseconds(timing.releaseUs);
+        }
         return;
     case kResetEnable:
         if (!wholeInstruction)
@@ -592,6 +750,7 @@ void NorFlash::deselect()
         if (busy())
             interrupt();
         writeEnable_ = false;
+        cycleRunning_ = false;
         continuous_ = false;
         recoveringUntil_ = Clock::now() + std::chrono::microseconds(timing.resetUs);
         return;

@@ -5,9 +5,12 @@
 // phase of a command (instruction, address, mode bits, dummy clocks, data) on
 // the lines its datasheet gives for that command, so a master that sends on
 // other lines gets other bits in. Programming only clears bits; erase sets
-// 0xFF; program and erase need the write-enable latch, clear it, and take
-// effect only when chip select rises at the end of a whole frame; while busy
-// the chip answers nothing but status reads (and a reset, which aborts).
+// 0xFF; program, erase and status writes need the write-enable latch, which
+// clears when their cycle ends, and take effect only when chip select rises
+// at the end of a whole frame; while busy the chip answers nothing but status
+// reads (and a reset, which aborts). The block-protect bits of the status
+// registers keep areas from program and erase; in deep power-down the chip
+// takes nothing but the release instruction.
 #pragma once
 
 #include <chrono>
@@ -20,6 +23,9 @@
 #include "sim/VirtualBridge.h"
 
 namespace vbridge {
+
+// A busy time between typical and largest, the same for the same key.
+uint32_t drawBusyTime(uint32_t typical, uint32_t maximum, uint32_t key);
 
 class NorFlash : public SpiDevice {
 public:
@@ -48,6 +54,10 @@ public:
     // flash leaves the factory with it set). Clear: 0x32 and 0xEB are not
     // accepted.
     bool quadEnable = true;
+    // The other non-volatile bits the status registers keep: of register 1
+    // BP2-0, TB, SEC and SRP (bits 7-2), of register 2 SRL, LB3-1 and CMP.
+    uint8_t status1Bits = 0;
+    uint8_t status2Bits = 0;
     // Seed of what an interrupted program or erase leaves behind.
     uint32_t seed = 1;
 
@@ -62,6 +72,11 @@ public:
     uint8_t statusRegister1() const;
     uint8_t statusRegister2() const;
     bool continuousRead() const { return continuous_; }
+    bool poweredDown() const { return deepPowerDown_; }
+    // Whether the block-protect bits keep this address from program and
+    // erase, and whether they keep any of the chip.
+    bool isProtected(uint32_t address) const;
+    bool anyProtected() const;
     // Power gone: a program or erase in progress stops where it is.
     void powerDown();
     // Power-on: the latches are clear and nothing is in progress; the array
@@ -69,7 +84,7 @@ public:
     void powerUp();
 
 private:
-    enum class Phase { Instruction, Address, Mode, Dummy, DataIn, DataOut, Trailing, Ignored };
+    enum class Phase { Instruction, Address, Mode, Dummy, DataIn, Register, DataOut, Trailing, Ignored };
 
     // What the chip is doing after a program or erase started, until its busy
     // time is over: enough to leave it half done.
@@ -91,6 +106,14 @@ private:
     void enterPhase(Phase phase, Lines lines);
     void memoryChanged();
     void startBusy(uint32_t microseconds, uint32_t polls);
+    // A busy time between typical and largest, from the seed and the cycles
+    // so far.
+    uint32_t drawn(uint32_t typical, uint32_t maximum);
+    // The write-enable latch clears when a cycle is over, not when it starts.
+    bool cycleOver() const { return cycleRunning_ && !busy(); }
+    void endCycle();
+    bool writeAllowed();
+    void writeStatus(size_t bytes);
     void program();
     void eraseSector(uint32_t address);
     void eraseChip();
@@ -104,8 +127,15 @@ private:
     bool continuous_ = false; // 0xEB continuous-read mode: the next frame starts at the address
     Clock::time_point busyUntil_ {};
     uint32_t busyPollsLeft_ = 0;
-    Clock::time_point recoveringUntil_ {}; // after a software reset
+    Clock::time_point recoveringUntil_ {}; // after a software reset or a power-down change
     Operation operation_;
+    bool cycleRunning_ = false; // a program, erase or status write began and may still run
+    uint32_t cycles_ = 0; // busy times drawn so far
+    Clock::time_point poweredAt_ {};
+    uint32_t powerUpWriteUs_ = 0; // this power-up's tPUW
+    uint32_t powerUps_ = 0;
+    bool deepPowerDown_ = false;
+    std::vector<uint8_t> registerBytes_; // data of a status write
 
     // One transaction.
     bool selected_ = false;

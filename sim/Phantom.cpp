@@ -335,11 +335,13 @@ Scene buildScene(int width, int rows)
     return scene;
 }
 
-// The scene depends on the size only: built once per size and process.
+// The scene depends on the size only: built once per size and process. The
+// cache is never destroyed: a picture may still be rendering on its own
+// thread while the process exits.
 std::shared_ptr<const Scene> sceneFor(int width, int rows)
 {
-    static std::mutex mutex;
-    static std::vector<std::shared_ptr<const Scene>> scenes;
+    static std::mutex& mutex = *new std::mutex;
+    static std::vector<std::shared_ptr<const Scene>>& scenes = *new std::vector<std::shared_ptr<const Scene>>;
     std::lock_guard<std::mutex> lock(mutex);
     for (const auto& scene : scenes)
         if (scene->width == width && scene->rows == rows)

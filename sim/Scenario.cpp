@@ -125,6 +125,18 @@ public:
         return true;
     }
 
+    // A figure that keeps its absence: left empty when the key is not there.
+    bool optional(const QString& key, int64_t minimum, int64_t maximum, std::optional<uint32_t>* value)
+    {
+        if (!object_.contains(key))
+            return true;
+        int64_t v = 0;
+        if (!integer(key, minimum, maximum, &v))
+            return false;
+        *value = static_cast<uint32_t>(v);
+        return true;
+    }
+
     template <typename T> bool number(const QString& key, int64_t minimum, int64_t maximum, T* value)
     {
         int64_t v = static_cast<int64_t>(*value);
@@ -312,14 +324,15 @@ bool readFlash(Reader& r, const QString& baseDirectory, ScenarioSensor& sensor)
             sensor.files.push_back(ScenarioFile { kCounterAddress, counterAreaImage(values) });
         }
         if (!f.object("timing", [&](Reader& t) {
-                sensor.hasTiming = true;
                 // No longer than the datasheet's largest figures.
-                return t.allowOnly({ "busyPolls", "programUs", "eraseUs", "chipEraseUs", "resetUs" })
-                    && t.number("busyPolls", 0, 1000000, &sensor.timing.busyPolls)
-                    && t.number("programUs", 0, FlashTiming::kProgramMaxUs, &sensor.timing.programUs)
-                    && t.number("eraseUs", 0, FlashTiming::kEraseMaxUs, &sensor.timing.eraseUs)
-                    && t.number("chipEraseUs", 0, FlashTiming::kChipEraseMaxUs, &sensor.timing.chipEraseUs)
-                    && t.number("resetUs", 0, FlashTiming::kResetUs, &sensor.timing.resetUs);
+                return t.allowOnly(
+                           { "busyPolls", "programUs", "eraseUs", "chipEraseUs", "resetUs", "writeStatusUs" })
+                    && t.optional("busyPolls", 0, 1000000, &sensor.busyPolls)
+                    && t.optional("programUs", 0, FlashTiming::kProgramMaxUs, &sensor.programUs)
+                    && t.optional("eraseUs", 0, FlashTiming::kEraseMaxUs, &sensor.eraseUs)
+                    && t.optional("chipEraseUs", 0, FlashTiming::kChipEraseMaxUs, &sensor.chipEraseUs)
+                    && t.optional("resetUs", 0, FlashTiming::kResetUs, &sensor.resetUs)
+                    && t.optional("writeStatusUs", 0, FlashTiming::kWriteStatusMaxUs, &sensor.writeStatusUs);
             }))
             return false;
         return readFile(f, "PRD", kPrdAddress, sensor) && readFile(f, "ASS", kAssAddress, sensor)
@@ -469,21 +482,19 @@ bool readSensor(
     if (!readImageSource(r, baseDirectory, c))
         return false;
     if (!r.object("delays", [&](Reader& d) {
-            sensor.hasDelays = true;
             return d.allowOnly({ "readyMs", "armMs", "imageLeadMs", "readoutMs" })
-                && d.number("readyMs", 0, 60000, &c.readyDelayMs)
-                && d.number("armMs", 0, 60000, &c.armDelayMs)
-                && d.number("imageLeadMs", 0, 60000, &c.imageLeadMs)
-                && d.number("readoutMs", 0, 60000, &c.readoutMs);
+                && d.optional("readyMs", 0, 60000, &sensor.readyMs)
+                && d.optional("armMs", 0, 60000, &sensor.armMs)
+                && d.optional("imageLeadMs", 0, 60000, &sensor.imageLeadMs)
+                && d.optional("readoutMs", 0, 60000, &sensor.readoutMs);
         }))
         return false;
     if (!r.object("fpga", [&](Reader& f) {
-            sensor.hasFpgaDelays = f.has("settleUs") || f.has("programLowUs");
             return f.allowOnly({ "configured", "deviceId", "settleUs", "programLowUs" })
                 && f.boolean("configured", &c.fpgaConfigured)
                 && f.number("deviceId", 0, 0xFFFFFFFF, &c.fpgaDeviceId)
-                && f.number("settleUs", 0, 1000000, &sensor.fpgaSettleUs)
-                && f.number("programLowUs", 0, 1000000, &sensor.programLowUs);
+                && f.optional("settleUs", 0, 1000000, &sensor.fpgaSettleUs)
+                && f.optional("programLowUs", 0, 1000000, &sensor.programLowUs);
         }))
         return false;
     return readFlash(r, baseDirectory, sensor);
@@ -748,6 +759,41 @@ bool parseScenario(
 
 namespace {
 
+// The figures a scenario names replace the machine's; those it leaves out
+// stay as the machine's timing made them. A figure given for a flash busy
+// time is that time exactly (not drawn between typical and maximum).
+void applyFigures(const ScenarioSensor& s, VirtualSensor& sensor)
+{
+    SensorLogic& logic = sensor.logic;
+    if (s.readyMs) {
+        logic.readyDelayMs = *s.readyMs;
+        logic.powerOn(SensorLogic::Clock::now());
+    }
+    if (s.armMs)
+        logic.armDelayMs = *s.armMs;
+    if (s.imageLeadMs)
+        logic.imageLeadMs = *s.imageLeadMs;
+    if (s.readoutMs)
+        logic.readoutMs = *s.readoutMs;
+    if (s.fpgaSettleUs)
+        logic.configSettleUs = *s.fpgaSettleUs;
+    if (s.programLowUs)
+        logic.programLowMinUs = *s.programLowUs;
+    FlashTiming& t = sensor.flash.timing;
+    if (s.busyPolls)
+        t.busyPolls = *s.busyPolls;
+    if (s.programUs)
+        t.programUs = t.programMaxUs = *s.programUs;
+    if (s.eraseUs)
+        t.eraseUs = t.eraseMaxUs = *s.eraseUs;
+    if (s.chipEraseUs)
+        t.chipEraseUs = t.chipEraseMaxUs = *s.chipEraseUs;
+    if (s.resetUs)
+        t.resetUs = *s.resetUs;
+    if (s.writeStatusUs)
+        t.writeStatusUs = t.writeStatusMaxUs = *s.writeStatusUs;
+}
+
 // Replaces the whole machine with the scenario's, or says what is wrong with
 // it and changes nothing.
 bool load(
@@ -774,13 +820,9 @@ bool load(
     control.setTiming(scenario.timing);
     for (const ScenarioSensor& sensor : scenario.sensors) {
         const int index = control.addSensor(sensor.config);
-        if (sensor.hasDelays)
-            control.setSensorDelays(index, sensor.config.readyDelayMs, sensor.config.armDelayMs,
-                sensor.config.imageLeadMs, sensor.config.readoutMs);
+        applyFigures(sensor, bridge.sensor(index));
         if (sensor.hasQuadEnable)
             control.setFlashQuadEnable(index, sensor.quadEnable);
-        if (sensor.hasFpgaDelays)
-            control.setFpgaDelays(index, sensor.fpgaSettleUs, sensor.programLowUs);
         // The described contents, unless an image file holds the flash as
         // the last run left it: whether it does is seen only once this
         // process holds the file (another may be creating it right now).
@@ -794,8 +836,6 @@ bool load(
                 *error = "scenario " + name + ": " + imageError;
             return false;
         }
-        if (sensor.hasTiming)
-            control.setFlashTiming(index, sensor.timing);
         if (sensor.hasStatus)
             control.setStatusWord(index, sensor.status);
         if (!sensor.statusQueue.empty())

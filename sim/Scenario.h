@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,14 +26,12 @@ struct ScenarioSensor {
     bool eraseFlash = false;
     std::vector<ScenarioFile> files;
     std::string flashImage; // resolved path
-    bool hasTiming = false;
-    FlashTiming timing;
+    // Figures the file names; the others stay those of the machine's timing.
+    std::optional<uint32_t> busyPolls, programUs, eraseUs, chipEraseUs, resetUs, writeStatusUs;
     bool hasQuadEnable = false;
     bool quadEnable = true;
-    bool hasDelays = false;
-    bool hasFpgaDelays = false;
-    uint32_t fpgaSettleUs = 0;
-    uint32_t programLowUs = 0;
+    std::optional<uint32_t> readyMs, armMs, imageLeadMs, readoutMs;
+    std::optional<uint32_t> fpgaSettleUs, programLowUs;
 };
 
 struct ScenarioFault {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
 
 #include "sim/FlashContent.h"
 #include "sim/Phantom.h"
@@ -31,10 +32,11 @@ constexpr uint8_t kLatticeEnable = 0xC6;
 constexpr uint8_t kLatticeBurst = 0x7A;
 constexpr uint8_t kLatticeReadStatus = 0x3C;
 constexpr uint8_t kLatticeDisable = 0x26;
-// Status register (0x3C): DONE, ISC enabled, Fail, and the error code in
-// bits 25-23.
+// Status register (0x3C): DONE, ISC enabled, Busy, Fail, and the error code
+// in bits 25-23.
 constexpr uint32_t kLatticeDone = 0x100;
 constexpr uint32_t kLatticeEnabled = 0x200;
+constexpr uint32_t kLatticeBusy = 0x1000;
 constexpr uint32_t kLatticeFail = 0x2000;
 constexpr int kLatticeErrorShift = 23;
 
@@ -54,6 +56,15 @@ void putBigEndian16(uint8_t* bytes, uint16_t value)
 {
     bytes[0] = static_cast<uint8_t>(value >> 8);
     bytes[1] = static_cast<uint8_t>(value);
+}
+
+// Pixels as the image blocks send them: 16 bits each, high byte first.
+std::vector<uint8_t> wireOrder(const std::vector<uint16_t>& pixels)
+{
+    std::vector<uint8_t> bytes(pixels.size() * 2);
+    for (size_t i = 0; i < pixels.size(); ++i)
+        putBigEndian16(&bytes[2 * i], pixels[i]);
+    return bytes;
 }
 
 } // namespace
@@ -81,6 +92,7 @@ void SensorLogic::configurationReset()
     error_ = ConfigError::None;
     burst_ = false;
     phase_ = Phase::Idle;
+    rendering_.reset();
 }
 
 void SensorLogic::setImageSizeCode(int code)
@@ -158,6 +170,69 @@ void SensorLogic::startExposure(Clock::time_point start, uint32_t durationMs, ui
         samples_.push_back(static_cast<uint16_t>(std::clamp(value, 0x100, 0x3FF)));
     }
     lastOscilloscope = samples_;
+    startRendering();
+}
+
+// Everything the picture depends on is known when the exposure starts: it is
+// rendered from then on, away from the bridge's lock.
+void SensorLogic::startRendering()
+{
+    auto rendering = std::make_shared<Rendering>();
+    rendering_ = rendering;
+    std::thread([rendering, source = imageSource, width = width(), height = height(),
+                    dose = exposureDose(exposureLevel_, exposureMs_), seed = seed_,
+                    shot = static_cast<uint32_t>(exposures)] {
+        std::vector<uint8_t> bytes = wireOrder(renderSensorImage(source, width, height, dose, seed, shot));
+        std::lock_guard<std::mutex> lock(rendering->mutex);
+        rendering->bytes = std::move(bytes);
+        rendering->done = true;
+        rendering->finished.notify_all();
+    }).detach();
+}
+
+bool SensorLogic::rendered() const
+{
+    if (!rendering_)
+        return true;
+    std::lock_guard<std::mutex> lock(rendering_->mutex);
+    return rendering_->done;
+}
+
+void SensorLogic::Rendering::wait()
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    finished.wait(lock, [this] { return done; });
+}
+
+SensorLogic::Clock::time_point SensorLogic::imageComplete() const
+{
+    return exposureEnd_ + std::chrono::milliseconds(readoutMs);
+}
+
+std::shared_ptr<SensorLogic::Rendering> SensorLogic::pictureToWaitFor(const uint8_t* out, size_t count)
+{
+    const bool heldFrame = frame_.size() == 4 && target_ == Target::Logic;
+    const uint8_t* frame = heldFrame ? frame_.data() : out;
+    if (!frame || (!heldFrame && count < 2) || frame[0] != kClassData || frame[1] < kCodeImageBlock
+        || frame[1] == kCodeOscilloscope)
+        return nullptr;
+    return pictureDue();
+}
+
+std::shared_ptr<SensorLogic::Rendering> SensorLogic::pictureDue()
+{
+    const Clock::time_point now = Clock::now();
+    update(now);
+    if (phase_ != Phase::ImageReady || !imageBytes_.empty() || now < imageComplete() || rendered())
+        return nullptr;
+    return rendering_;
+}
+
+void SensorLogic::settleImage()
+{
+    if (const auto rendering = pictureDue())
+        rendering->wait();
+    update(Clock::now());
 }
 
 void SensorLogic::update(Clock::time_point now)
@@ -182,12 +257,25 @@ void SensorLogic::update(Clock::time_point now)
     if (phase_ == Phase::Exposing && now >= exposureEnd_)
         phase_ = Phase::Integrated;
     // The image-ready value may be up before the last image data are in.
-    const auto complete = exposureEnd_ + std::chrono::milliseconds(readoutMs);
+    // The picture comes from its rendering thread; an image-block read that
+    // comes before it is done waits for it (pictureToWaitFor).
+    const auto complete = imageComplete();
     const auto announced = complete - std::chrono::milliseconds(std::min(imageLeadMs, readoutMs));
     if (phase_ == Phase::Integrated && now >= announced)
         phase_ = Phase::ImageReady;
-    if (phase_ == Phase::ImageReady && imageBytes_.empty() && now >= complete)
-        finishImage();
+    if (phase_ == Phase::ImageReady && imageBytes_.empty() && now >= complete && rendered()) {
+        if (!rendering_) {
+            finishImage();
+            return;
+        }
+        std::vector<uint8_t> bytes;
+        {
+            std::lock_guard<std::mutex> lock(rendering_->mutex);
+            bytes.swap(rendering_->bytes);
+        }
+        rendering_.reset();
+        installImage(std::move(bytes));
+    }
 }
 
 void SensorLogic::ensureImage()
@@ -207,14 +295,16 @@ void SensorLogic::ensureImage()
 // order, with the size code in the top bits of the first pixel.
 void SensorLogic::finishImage()
 {
+    installImage(wireOrder(renderSensorImage(imageSource, width(), height(),
+        exposureDose(exposureLevel_, exposureMs_), seed_, static_cast<uint32_t>(exposures))));
+}
+
+void SensorLogic::installImage(std::vector<uint8_t> bytes)
+{
     imageWidth_ = width();
     imageHeight_ = height();
     imageCode_ = imageSizeCodeOverride >= 0 ? imageSizeCodeOverride : sizeCode;
-    const std::vector<uint16_t> pixels = renderSensorImage(imageSource, imageWidth_, imageHeight_,
-        exposureDose(exposureLevel_, exposureMs_), seed_, static_cast<uint32_t>(exposures));
-    imageBytes_.resize(pixels.size() * 2);
-    for (size_t i = 0; i < pixels.size(); ++i)
-        putBigEndian16(&imageBytes_[2 * i], pixels[i]);
+    imageBytes_ = std::move(bytes);
     imageBytes_[0] = static_cast<uint8_t>((imageBytes_[0] & 0x3F) | (imageCode_ << 6));
 }
 
@@ -350,22 +440,21 @@ void SensorLogic::decodeConfigFrame()
     target_ = Target::Config;
     answerFill_ = 0xFF;
     const Clock::time_point now = Clock::now();
-    // Still settling after entering or leaving configuration: the port
-    // ignores the frame.
-    if (now < configBusyUntil_) {
-        answerLines_ = Lines::Single;
-        return;
-    }
     // The configuration port is a plain SPI slave: it answers on one line.
     answerLines_ = Lines::Single;
+    const bool busy = now < configBusyUntil_;
+    // Still settling after entering or leaving configuration: the port takes
+    // nothing but a status read, which shows it busy and not done.
+    if (busy && frame_[0] != kLatticeReadStatus)
+        return;
     switch (frame_[0]) {
     case kLatticeReadId:
         answerStore_ = { static_cast<uint8_t>(fpgaDeviceId >> 24), static_cast<uint8_t>(fpgaDeviceId >> 16),
             static_cast<uint8_t>(fpgaDeviceId >> 8), static_cast<uint8_t>(fpgaDeviceId) };
         break;
     case kLatticeReadStatus: {
-        const uint32_t status = (done_ ? kLatticeDone : 0) | (configMode_ ? kLatticeEnabled : 0)
-            | (error_ != ConfigError::None ? kLatticeFail : 0)
+        const uint32_t status = (done_ && !busy ? kLatticeDone : 0) | (configMode_ ? kLatticeEnabled : 0)
+            | (busy ? kLatticeBusy : 0) | (error_ != ConfigError::None ? kLatticeFail : 0)
             | (static_cast<uint32_t>(error_) << kLatticeErrorShift);
         answerStore_ = { static_cast<uint8_t>(status >> 24), static_cast<uint8_t>(status >> 16),
             static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status) };
@@ -504,6 +593,7 @@ void SensorLogic::exchange(const uint8_t* out, uint8_t* in, size_t count, Lines 
                     armTime_ = Clock::now();
                     // A new acquisition: the last image is gone.
                     imageBytes_.clear();
+                    rendering_.reset();
                     samples_.clear();
                     samplesRead_ = 0;
                 }

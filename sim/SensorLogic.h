@@ -8,6 +8,9 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 #include <vector>
 
 #include "sim/SpiDevice.h"
@@ -78,6 +81,25 @@ public:
     // Holds a dark image unless an image is there already.
     void holdDarkImage() { ensureImage(); }
 
+    // A picture rendered on a thread of its own while the exposure and the
+    // read-out run, so that no bridge call holds the bridge while it renders.
+    struct Rendering {
+        std::mutex mutex;
+        std::condition_variable finished;
+        bool done = false;
+        std::vector<uint8_t> bytes; // in wire order
+        void wait();
+    };
+    // The picture an image-block read (the frame of `out`, or the frame the
+    // held chip select carries) must wait for: its read-out is over but it
+    // is still rendering. The caller waits for it away from the bridge's
+    // lock; null when nothing is to be waited for. Status and other reads
+    // never wait.
+    std::shared_ptr<Rendering> pictureToWaitFor(const uint8_t* out, size_t count);
+    // The image as complete as the clock says, waiting for its picture if
+    // need be (for the control API).
+    void settleImage();
+
     ArmRecord arm;
     int exposures = 0;
     std::vector<uint16_t> lastOscilloscope;
@@ -90,8 +112,14 @@ private:
     enum class Target { None, Logic, Config };
 
     void update(Clock::time_point now);
+    Clock::time_point imageComplete() const;
+    std::shared_ptr<Rendering> pictureDue();
     void startExposure(Clock::time_point now, uint32_t durationMs, uint16_t level);
+    void startRendering();
+    // The picture of the exposure is rendered (or none is on its way).
+    bool rendered() const;
     void finishImage();
+    void installImage(std::vector<uint8_t> bytes);
     void decodeLogicFrame();
     void decodeConfigFrame();
     uint8_t flags(Clock::time_point now) const;
@@ -112,6 +140,8 @@ private:
     uint16_t exposureLevel_ = kDarkLevel;
     bool pendingTrigger_ = false;
     Exposure pending_;
+
+    std::shared_ptr<Rendering> rendering_;
 
     // Image in wire order (big-endian pixels) and its size code.
     std::vector<uint8_t> imageBytes_;

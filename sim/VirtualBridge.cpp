@@ -91,21 +91,20 @@ bool VirtualBridge::resetFromEnvironment(std::string* error)
 {
     Locked locked(false);
     const char* path = std::getenv("KORUX_SCENARIO");
-    if (path && *path) {
-        std::string reason;
-        if (loadScenario(path, &reason))
-            return true;
-        resetToDefault();
-        if (error)
-            *error = reason;
-        return false;
-    }
+    std::string reason;
+    if (path && *path && loadScenario(path, &reason))
+        return true;
+    // No scenario, or one that cannot be loaded: the default machine. A host
+    // meets the sensor as it is, delays and busy times included; tests that
+    // want it fast say so.
     resetToDefault();
-    // A host without a scenario meets the sensor as it is, delays and busy
-    // times included; tests that want it fast say so.
     const char* timing = std::getenv("KORUX_TIMING");
     setTiming(timing && std::string(timing) == "instant" ? Timing::Instant : Timing::Realistic);
-    return true;
+    if (reason.empty())
+        return true;
+    if (error)
+        *error = reason;
+    return false;
 }
 
 int VirtualBridge::addSensor(const SensorConfig& config)
@@ -288,7 +287,9 @@ ArmRecord VirtualBridge::lastArm(int sensor) const
 std::vector<uint16_t> VirtualBridge::lastImage(int sensor) const
 {
     Locked locked;
-    return locked.bridge.sensor(sensor).logic.image();
+    SensorLogic& logic = locked.bridge.sensor(sensor).logic;
+    logic.settleImage();
+    return logic.image();
 }
 
 int VirtualBridge::imageWidth(int sensor) const

@@ -60,14 +60,28 @@ struct ImageSource {
 };
 
 // How long the NOR flash is busy. Instant timing: no time passes, but the
-// first busyPolls status reads after a program or erase still see the busy
-// bit. Realistic timing: the datasheet's typical times.
+// first busyPolls status reads after a program, erase or status write still
+// see the busy bit. Realistic timing: each cycle takes a time drawn between
+// the datasheet's typical and largest figure (from the chip's seed, so a run
+// repeats); a figure whose largest equals its typical is taken as it is.
 struct FlashTiming {
     uint32_t busyPolls = 2; // status reads that see the busy bit after a program or erase
     uint32_t programUs = 0; // and at least this long after a page program
+    uint32_t programMaxUs = 0;
     uint32_t eraseUs = 0; // after a sector erase
+    uint32_t eraseMaxUs = 0;
     uint32_t chipEraseUs = 0; // after a chip erase
+    uint32_t chipEraseMaxUs = 0;
+    uint32_t writeStatusUs = 0; // after a write of the status registers (tW)
+    uint32_t writeStatusMaxUs = 0;
     uint32_t resetUs = 0; // after a software reset, before the chip takes a command
+    // After power-up the chip refuses write instructions for tPUW, a time
+    // between these two.
+    uint32_t powerUpWriteUs = 0;
+    uint32_t powerUpWriteMaxUs = 0;
+    // Deep power-down: entering (tDP) and leaving it (tRES1).
+    uint32_t powerDownUs = 0;
+    uint32_t releaseUs = 0;
 
     // Typical and largest figures of the datasheet (25Q128 class).
     static constexpr uint32_t kProgramTypicalUs = 700;
@@ -76,12 +90,33 @@ struct FlashTiming {
     static constexpr uint32_t kEraseMaxUs = 400000;
     static constexpr uint32_t kChipEraseTypicalUs = 25000000;
     static constexpr uint32_t kChipEraseMaxUs = 200000000;
+    static constexpr uint32_t kWriteStatusTypicalUs = 10000;
+    static constexpr uint32_t kWriteStatusMaxUs = 15000;
     static constexpr uint32_t kResetUs = 30;
+    static constexpr uint32_t kPowerUpWriteMinUs = 1000;
+    static constexpr uint32_t kPowerUpWriteMaxUs = 10000;
+    static constexpr uint32_t kPowerDownUs = 3;
+    static constexpr uint32_t kReleaseUs = 3;
 
     static FlashTiming instant() { return FlashTiming(); }
     static FlashTiming realistic()
     {
-        return FlashTiming { 0, kProgramTypicalUs, kEraseTypicalUs, kChipEraseTypicalUs, kResetUs };
+        FlashTiming t;
+        t.busyPolls = 0;
+        t.programUs = kProgramTypicalUs;
+        t.programMaxUs = kProgramMaxUs;
+        t.eraseUs = kEraseTypicalUs;
+        t.eraseMaxUs = kEraseMaxUs;
+        t.chipEraseUs = kChipEraseTypicalUs;
+        t.chipEraseMaxUs = kChipEraseMaxUs;
+        t.writeStatusUs = kWriteStatusTypicalUs;
+        t.writeStatusMaxUs = kWriteStatusMaxUs;
+        t.resetUs = kResetUs;
+        t.powerUpWriteUs = kPowerUpWriteMinUs;
+        t.powerUpWriteMaxUs = kPowerUpWriteMaxUs;
+        t.powerDownUs = kPowerDownUs;
+        t.releaseUs = kReleaseUs;
+        return t;
     }
 };
 
@@ -95,6 +130,10 @@ struct FlashStats {
     uint64_t ignoredWithoutWriteEnable = 0;
     uint64_t ignoredInexactFrames = 0; // chip select not released right after the frame's last bit
     uint64_t interrupted = 0; // programs and erases cut short by a reset or a power loss
+    uint64_t ignoredProtected = 0; // programs and erases of protected areas
+    uint64_t statusWrites = 0; // executed writes of the status registers
+    uint64_t ignoredPoweredDown = 0; // instructions in deep power-down
+    uint64_t ignoredBeforePowerUpWrite = 0; // write instructions within tPUW of power-up
 };
 
 struct SensorConfig {

@@ -54,13 +54,14 @@ VirtualSensor::VirtualSensor(const SensorConfig& sensorConfig)
     converter.raw = config.adcRaw;
     chip.sharedSpi = config.sharedSpiEngine;
     // The sensor logic sits on SS0 and follows the 40 MHz the system runs it
-    // at; the flash on SS1 (up to 104 MHz); the converter on SS2, specified
-    // up to 3.6 MHz at 5 V. All take SPI mode 0.
+    // at; the flash on SS1 (up to 104 MHz); the converter on SS2, whose
+    // datasheet gives 3.6 MHz at 5 V and 1.35 MHz at 2.7 V: on the board's
+    // 3.3 V only the lower figure is assured. All take SPI mode 0.
     logic.profile.maxClockMHz = 40;
     logic.profile.chipSelect = 0x01;
     flash.profile.maxClockMHz = 104;
     flash.profile.chipSelect = 0x02;
-    converter.profile.maxClockMHz = 3.6;
+    converter.profile.maxClockMHz = 1.35;
     converter.profile.chipSelect = 0x04;
     if (config.uniqueId == 0)
         config.uniqueId = serialHash(config.serial);

@@ -118,3 +118,20 @@ TEST_F(VbFpgaPort, AnswerReadOnFourLinesIsNotTheIdentifier)
     EXPECT_EQ(hex(answer, 4).substr(0, 2), "df");
     EXPECT_NE(hex(answer, 4), "41 2b 40 43");
 }
+
+TEST_F(VbFpgaPort, StatusWhileSettlingShowsBusyAndNotDone)
+{
+    bridge().setFpgaDelays(0, 20000, 0);
+    send(bytes({ 0xC6, 0, 0, 0 }));
+    // Entering configuration: Busy (bit 12) and ISC enabled, a defined value.
+    EXPECT_EQ(classA(0x3C), 0x1200u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    EXPECT_EQ(classA(0x3C), 0x200u);
+    load(vbridge::makeBitstream(vbridge::BitstreamHeader(), 4000, 1));
+    EXPECT_EQ(classA(0x3C), 0x300u);
+    send(bytes({ 0x26, 0, 0, 0 }));
+    // Leaving it: busy, and DONE only once the port has settled.
+    EXPECT_EQ(classA(0x3C), 0x1000u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    EXPECT_EQ(classA(0x3C), 0x100u);
+}

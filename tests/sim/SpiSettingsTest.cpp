@@ -74,6 +74,15 @@ TEST_F(VbSpiSettings, ConverterClockedAboveItsMaximumGarblesItsAnswer)
     EXPECT_NE(channelZero(fast), 620);
 }
 
+// The board runs the converter at 3.3 V, where its datasheet assures
+// 1.35 MHz, not the 3.6 MHz of a 5 V supply.
+TEST_F(VbSpiSettings, ConverterAtTheBoardsSupplyTakesNoMoreThanItsLowVoltageClock)
+{
+    bridge().setAdcRaw(0, { { 620, 310, 775, 560 } });
+    FT_HANDLE handle = portWith(kPortB, CLK_DIV_32, CLK_IDLE_LOW, CLK_LEADING, 4); // 2.5 MHz
+    EXPECT_NE(channelZero(handle), 620);
+}
+
 TEST_F(VbSpiSettings, AnotherChipSelectLineReachesNoDevice)
 {
     EXPECT_EQ(jedecId(portWith(kPortC, CLK_DIV_2, CLK_IDLE_LOW, CLK_LEADING, 1)), "ff ff ff");
