@@ -17,6 +17,9 @@ install(TARGETS VeltraXRayKORUX
 
 install(TARGETS virtualbridge
   LIBRARY DESTINATION ${KORUX_INSTALL_BRIDGEDIR} COMPONENT tool NAMELINK_SKIP)
+# The recording bridge, beside it (korux --record).
+install(TARGETS recordbridge
+  LIBRARY DESTINATION ${KORUX_INSTALL_RECORDDIR} COMPONENT tool NAMELINK_SKIP)
 
 if(TARGET korux)
   install(TARGETS korux RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "sim/Bridge.h"
+#include "sim/Replay.h"
 #include "transport/BridgeApi.h"
 
 using namespace vbridge;
@@ -213,6 +214,8 @@ extern "C" {
 
 FT_STATUS WINAPI FT_CreateDeviceInfoList(DWORD* numDevs)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_CreateDeviceInfoList(numDevs);
     Call call("FT_CreateDeviceInfoList");
     if (const uint32_t fault = call.check())
         return call.finish(fault);
@@ -241,6 +244,8 @@ FT_STATUS WINAPI FT_CreateDeviceInfoList(DWORD* numDevs)
 FT_STATUS WINAPI FT_GetDeviceInfoDetail(DWORD index, DWORD* flags, DWORD* type, DWORD* id, DWORD* locId,
     void* serialNumber, void* description, FT_HANDLE* handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_GetDeviceInfoDetail(index, flags, type, id, locId, serialNumber, description, handle);
     Call call("FT_GetDeviceInfoDetail");
     call.args({ index });
     Bridge& bridge = call.bridge();
@@ -305,6 +310,8 @@ FT_STATUS WINAPI FT_GetDeviceInfoDetail(DWORD index, DWORD* flags, DWORD* type, 
 
 FT_STATUS WINAPI FT_OpenEx(void* arg, DWORD flags, FT_HANDLE* handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_OpenEx(arg, flags, handle);
     Call call("FT_OpenEx");
     if (flags == FT_OPEN_BY_LOCATION) {
         call.args({ static_cast<int64_t>(reinterpret_cast<uintptr_t>(arg)), flags });
@@ -359,6 +366,8 @@ FT_STATUS WINAPI FT_OpenEx(void* arg, DWORD flags, FT_HANDLE* handle)
 // open; it replaces the one registered before.
 FT_STATUS WINAPI FT_SetVIDPID(DWORD vid, DWORD pid)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_SetVIDPID(vid, pid);
     Call call("FT_SetVIDPID");
     call.args({ vid, pid });
     if (const uint32_t fault = call.check())
@@ -372,6 +381,8 @@ FT_STATUS WINAPI FT_SetVIDPID(DWORD vid, DWORD pid)
 
 FT_STATUS WINAPI FT_GetVIDPID(DWORD* vid, DWORD* pid)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_GetVIDPID(vid, pid);
     Call call("FT_GetVIDPID");
     if (const uint32_t fault = call.check())
         return call.finish(fault);
@@ -388,6 +399,8 @@ FT_STATUS WINAPI FT_GetVIDPID(DWORD* vid, DWORD* pid)
 
 FT_STATUS WINAPI FT_SetTimeouts(FT_HANDLE handle, ULONG readTimeoutMs, ULONG writeTimeoutMs)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_SetTimeouts(handle, readTimeoutMs, writeTimeoutMs);
     Call call("FT_SetTimeouts");
     call.args({ readTimeoutMs, writeTimeoutMs });
     if (const uint32_t status = call.check(handle, Api::D2xx))
@@ -399,6 +412,8 @@ FT_STATUS WINAPI FT_SetTimeouts(FT_HANDLE handle, ULONG readTimeoutMs, ULONG wri
 
 FT_STATUS WINAPI FT_Purge(FT_HANDLE handle, ULONG mask)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_Purge(handle, mask);
     Call call("FT_Purge");
     call.args({ mask });
     if (const uint32_t status = call.check(handle, Api::D2xx))
@@ -410,6 +425,8 @@ FT_STATUS WINAPI FT_Purge(FT_HANDLE handle, ULONG mask)
 
 FT_STATUS WINAPI FT_ResetDevice(FT_HANDLE handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_ResetDevice(handle);
     Call call("FT_ResetDevice");
     if (const uint32_t status = call.check(handle, Api::D2xx))
         return call.finish(status);
@@ -418,6 +435,8 @@ FT_STATUS WINAPI FT_ResetDevice(FT_HANDLE handle)
 
 FT_STATUS WINAPI FT_Close(FT_HANDLE handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_Close(handle);
     Call call("FT_Close");
     const uint32_t status = call.identify(handle, Api::D2xx);
     if (const uint32_t fault = call.check())
@@ -447,6 +466,8 @@ FT_STATUS WINAPI FT_Close(FT_HANDLE handle)
 
 FT4222_STATUS FT4222_UnInitialize(FT_HANDLE handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_UnInitialize(handle);
     Call call("FT4222_UnInitialize");
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
@@ -455,6 +476,8 @@ FT4222_STATUS FT4222_UnInitialize(FT_HANDLE handle)
 
 FT4222_STATUS FT4222_SetClock(FT_HANDLE handle, FT4222_ClockRate clk)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SetClock(handle, clk);
     Call call("FT4222_SetClock");
     call.args({ asInt(clk) });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -464,6 +487,8 @@ FT4222_STATUS FT4222_SetClock(FT_HANDLE handle, FT4222_ClockRate clk)
 
 FT4222_STATUS FT4222_GetClock(FT_HANDLE handle, FT4222_ClockRate* clk)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_GetClock(handle, clk);
     Call call("FT4222_GetClock");
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
@@ -475,6 +500,8 @@ FT4222_STATUS FT4222_GetClock(FT_HANDLE handle, FT4222_ClockRate* clk)
 
 FT4222_STATUS FT4222_SetSuspendOut(FT_HANDLE handle, BOOL enable)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SetSuspendOut(handle, enable);
     Call call("FT4222_SetSuspendOut");
     call.args({ enable });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -484,6 +511,8 @@ FT4222_STATUS FT4222_SetSuspendOut(FT_HANDLE handle, BOOL enable)
 
 FT4222_STATUS FT4222_SetWakeUpInterrupt(FT_HANDLE handle, BOOL enable)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SetWakeUpInterrupt(handle, enable);
     Call call("FT4222_SetWakeUpInterrupt");
     call.args({ enable });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -494,6 +523,8 @@ FT4222_STATUS FT4222_SetWakeUpInterrupt(FT_HANDLE handle, BOOL enable)
 FT4222_STATUS FT4222_SPIMaster_Init(FT_HANDLE handle, FT4222_SPIMode ioLine, FT4222_SPIClock clock,
     FT4222_SPICPOL cpol, FT4222_SPICPHA cpha, uint8 ssoMap)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_Init(handle, ioLine, clock, cpol, cpha, ssoMap);
     Call call("FT4222_SPIMaster_Init");
     call.args({ asInt(ioLine), asInt(clock), asInt(cpol), asInt(cpha), ssoMap });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -504,6 +535,8 @@ FT4222_STATUS FT4222_SPIMaster_Init(FT_HANDLE handle, FT4222_SPIMode ioLine, FT4
 
 FT4222_STATUS FT4222_SPIMaster_SetLines(FT_HANDLE handle, FT4222_SPIMode spiMode)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_SetLines(handle, spiMode);
     Call call("FT4222_SPIMaster_SetLines");
     call.args({ asInt(spiMode) });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -514,6 +547,8 @@ FT4222_STATUS FT4222_SPIMaster_SetLines(FT_HANDLE handle, FT4222_SPIMode spiMode
 FT4222_STATUS FT4222_SPIMaster_SingleRead(
     FT_HANDLE handle, uint8* buffer, uint16 bufferSize, uint16* sizeOfRead, BOOL isEndTransaction)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_SingleRead(handle, buffer, bufferSize, sizeOfRead, isEndTransaction);
     Call call("FT4222_SPIMaster_SingleRead");
     call.args({ bufferSize, isEndTransaction });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -536,6 +571,8 @@ FT4222_STATUS FT4222_SPIMaster_SingleRead(
 FT4222_STATUS FT4222_SPIMaster_SingleWrite(
     FT_HANDLE handle, uint8* buffer, uint16 bufferSize, uint16* sizeTransferred, BOOL isEndTransaction)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_SingleWrite(handle, buffer, bufferSize, sizeTransferred, isEndTransaction);
     Call call("FT4222_SPIMaster_SingleWrite");
     call.args({ bufferSize, isEndTransaction });
     call.written(buffer, bufferSize);
@@ -557,6 +594,8 @@ FT4222_STATUS FT4222_SPIMaster_SingleWrite(
 FT4222_STATUS FT4222_SPIMaster_SingleReadWrite(FT_HANDLE handle, uint8* readBuffer, uint8* writeBuffer,
     uint16 bufferSize, uint16* sizeTransferred, BOOL isEndTransaction)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_SingleReadWrite(handle, readBuffer, writeBuffer, bufferSize, sizeTransferred, isEndTransaction);
     Call call("FT4222_SPIMaster_SingleReadWrite");
     call.args({ bufferSize, isEndTransaction });
     call.written(writeBuffer, bufferSize);
@@ -581,6 +620,8 @@ FT4222_STATUS FT4222_SPIMaster_SingleReadWrite(FT_HANDLE handle, uint8* readBuff
 FT4222_STATUS FT4222_SPIMaster_MultiReadWrite(FT_HANDLE handle, uint8* readBuffer, uint8* writeBuffer,
     uint8 singleWriteBytes, uint16 multiWriteBytes, uint16 multiReadBytes, uint32* sizeOfRead)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_MultiReadWrite(handle, readBuffer, writeBuffer, singleWriteBytes, multiWriteBytes, multiReadBytes, sizeOfRead);
     Call call("FT4222_SPIMaster_MultiReadWrite");
     call.args({ singleWriteBytes, multiWriteBytes, multiReadBytes });
     call.written(writeBuffer, static_cast<size_t>(singleWriteBytes) + multiWriteBytes);
@@ -606,6 +647,8 @@ FT4222_STATUS FT4222_SPIMaster_MultiReadWrite(FT_HANDLE handle, uint8* readBuffe
 
 FT4222_STATUS FT4222_SPI_Reset(FT_HANDLE handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPI_Reset(handle);
     Call call("FT4222_SPI_Reset");
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
@@ -614,6 +657,8 @@ FT4222_STATUS FT4222_SPI_Reset(FT_HANDLE handle)
 
 FT4222_STATUS FT4222_SPI_ResetTransaction(FT_HANDLE handle, uint8 spiIdx)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPI_ResetTransaction(handle, spiIdx);
     Call call("FT4222_SPI_ResetTransaction");
     call.args({ spiIdx });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -624,6 +669,8 @@ FT4222_STATUS FT4222_SPI_ResetTransaction(FT_HANDLE handle, uint8 spiIdx)
 FT4222_STATUS FT4222_SPI_SetDrivingStrength(FT_HANDLE handle, SPI_DrivingStrength clkStrength,
     SPI_DrivingStrength ioStrength, SPI_DrivingStrength ssoStrength)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPI_SetDrivingStrength(handle, clkStrength, ioStrength, ssoStrength);
     Call call("FT4222_SPI_SetDrivingStrength");
     call.args({ asInt(clkStrength), asInt(ioStrength), asInt(ssoStrength) });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -634,6 +681,8 @@ FT4222_STATUS FT4222_SPI_SetDrivingStrength(FT_HANDLE handle, SPI_DrivingStrengt
 
 FT4222_STATUS FT4222_GPIO_Init(FT_HANDLE handle, GPIO_Dir gpioDir[4])
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_GPIO_Init(handle, gpioDir);
     Call call("FT4222_GPIO_Init");
     int directions[4] = {};
     if (gpioDir) {
@@ -647,6 +696,8 @@ FT4222_STATUS FT4222_GPIO_Init(FT_HANDLE handle, GPIO_Dir gpioDir[4])
 
 FT4222_STATUS FT4222_GPIO_Read(FT_HANDLE handle, GPIO_Port portNum, BOOL* value)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_GPIO_Read(handle, portNum, value);
     Call call("FT4222_GPIO_Read");
     call.args({ asInt(portNum) });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -659,6 +710,8 @@ FT4222_STATUS FT4222_GPIO_Read(FT_HANDLE handle, GPIO_Port portNum, BOOL* value)
 
 FT4222_STATUS FT4222_GPIO_Write(FT_HANDLE handle, GPIO_Port portNum, BOOL bValue)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_GPIO_Write(handle, portNum, bValue);
     Call call("FT4222_GPIO_Write");
     call.args({ asInt(portNum), bValue });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))

@@ -33,6 +33,9 @@ options:
   --serial SERIAL               the unit a * command is for, by its board serial (korux serial
                                 prints it)
   --transcript FILE             write every signal and command as JSON lines to FILE
+  --record FILE                 record the bridge traffic (every call to the bridge library,
+                                vendor or virtual) to the trace FILE (docs/trace.md)
+  --record-mask-serials         with --record: serial numbers in the trace are stand-ins
   --color auto|always|never     render the log lines' style tags as colours (auto: on a
                                 terminal, unless NO_COLOR is set)
   --time-scale X                stretch every framework sleep by X (0: no waits)

@@ -23,6 +23,7 @@
 #include "tools/Interrupt.h"
 #include "tools/Options.h"
 #include "tools/PluginHost.h"
+#include "tools/Record.h"
 #include "tools/ShotOutput.h"
 #include "tools/Transcript.h"
 
@@ -68,6 +69,8 @@ int finish(Session& session, Transcript& transcript, int result, const BridgeInf
     }
     // The virtual sensor's flash is kept in a file: one that fell behind is
     // a write error like any other.
+    if (bridge)
+        result = finishBridge(*bridge, session.console, session.options.quiet || session.options.json, result);
     const QString image = bridge ? flashImageFailure(*bridge) : QString();
     if (!image.isEmpty()) {
         session.console.error(QStringLiteral("korux: the virtual bridge: %1").arg(image));
