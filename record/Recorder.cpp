@@ -15,8 +15,10 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <condition_variable>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "record/Trace.h"
 #include "transport/BridgeApi.h"
@@ -101,12 +103,16 @@ public:
         if (mask_)
             maskCall(call);
         writer_.write(call);
-        if (call.function == "FT_Close")
+        dirty_ = true;
+        if (call.function == "FT_Close") {
             writer_.flush();
+            dirty_ = false;
+        }
     }
 
     bool finish(std::string* error)
     {
+        stopFlusher();
         std::lock_guard<std::mutex> lock(mutex_);
         if (finished_)
             return finishError_.empty() || (*error = finishError_, false);
@@ -188,7 +194,35 @@ private:
         writer_.flush();
         real_ = real;
         library_ = handle;
+        flusher_ = std::thread([this] { flushLoop(); });
     }
+
+    // What was written reaches the file within kFlushInterval, calls or
+    // none: a killed host leaves a trace that ends no earlier than that.
+    void flushLoop()
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!stopping_) {
+            wake_.wait_for(lock, kFlushInterval);
+            if (dirty_ && !finished_) {
+                writer_.flush();
+                dirty_ = false;
+            }
+        }
+    }
+
+    void stopFlusher()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        if (flusher_.joinable() && flusher_.get_id() != std::this_thread::get_id())
+            flusher_.join();
+    }
+
+    static constexpr std::chrono::milliseconds kFlushInterval { 200 };
 
     // The serial numbers of the interfaces stand for the site's sensors: a
     // masked trace gives each one a stand-in of the same length, the port
@@ -246,6 +280,10 @@ private:
     bool mask_ = false;
     std::map<std::string, std::string> masks_;
     bool finished_ = false;
+    bool dirty_ = false;
+    bool stopping_ = false;
+    std::condition_variable wake_;
+    std::thread flusher_;
     std::string finishError_;
 };
 
