@@ -259,8 +259,41 @@ private:
         }
     }
 
+    // The board's serial is its flash's unique ID, read with the SPI NOR
+    // command 4Bh on port C: the command byte and four dummy bytes, then
+    // the ID. Each ID gets a stand-in of its length; its text in hex is
+    // masked wherever it appears later.
+    void maskUniqueId(ktrace::TraceCall& call)
+    {
+        const bool single = call.function == "FT4222_SPIMaster_SingleReadWrite";
+        const bool multi = call.function == "FT4222_SPIMaster_MultiReadWrite";
+        const size_t offset = single ? 5 : 0;
+        if (call.port != 'C' || !(single || multi) || call.written.size() < 5 || call.written[0] != 0x4B
+            || call.read.size() <= offset)
+            return;
+        const std::vector<uint8_t> id(
+            call.read.begin() + static_cast<std::ptrdiff_t>(offset), call.read.end());
+        auto it = idMasks_.find(id);
+        if (it == idMasks_.end()) {
+            std::vector<uint8_t> stand(id.size(), 0x5A);
+            stand.back() = static_cast<uint8_t>(idMasks_.size() + 1);
+            it = idMasks_.emplace(id, stand).first;
+            for (const char* digits : { "0123456789ABCDEF", "0123456789abcdef" }) {
+                std::string from, to;
+                for (size_t i = 0; i < id.size(); ++i) {
+                    from += { digits[id[i] >> 4], digits[id[i] & 15] };
+                    to += { digits[stand[i] >> 4], digits[stand[i] & 15] };
+                }
+                masks_.emplace(from, to);
+            }
+        }
+        std::copy(
+            it->second.begin(), it->second.end(), call.read.begin() + static_cast<std::ptrdiff_t>(offset));
+    }
+
     void maskCall(ktrace::TraceCall& call)
     {
+        maskUniqueId(call);
         if (call.function == "FT_GetDeviceInfoDetail" && !call.outputTexts.empty())
             call.outputTexts[0] = maskSerial(call.outputTexts[0]);
         if (call.function == "FT_OpenEx" && call.hasText && !call.args.empty()
@@ -279,6 +312,7 @@ private:
     ktrace::TraceWriter writer_;
     bool mask_ = false;
     std::map<std::string, std::string> masks_;
+    std::map<std::vector<uint8_t>, std::vector<uint8_t>> idMasks_;
     bool finished_ = false;
     bool dirty_ = false;
     bool stopping_ = false;

@@ -327,7 +327,7 @@ TEST_F(KoruxRecord, MaskedSerialsLeaveTheSiteAsStandIns)
 {
     freshSession();
     const KoruxRun plain = run(session({ QStringLiteral("list") }));
-    ASSERT_TRUE(plain.out.contains(QStringLiteral("port A KX0001A"))) << plain.out;
+    ASSERT_TRUE(plain.out.contains(QStringLiteral("board 59881DA3846E4A89, port A KX0001A"))) << plain.out;
     freshSession();
     ASSERT_EQ(run(session({ QStringLiteral("--record"), QStringLiteral("masked.trace"),
                       QStringLiteral("--record-mask-serials"), QStringLiteral("list") }))
@@ -335,6 +335,7 @@ TEST_F(KoruxRecord, MaskedSerialsLeaveTheSiteAsStandIns)
         0);
     const std::string text = traceText(QStringLiteral("masked.trace"));
     EXPECT_EQ(text.find("KX0001"), std::string::npos);
+    EXPECT_EQ(text.find("59881da3846e4a89"), std::string::npos); // the board's, in the bytes read
     EXPECT_NE(text.find("meta masked yes"), std::string::npos);
     EXPECT_NE(text.find("S00001A"), std::string::npos);
 
@@ -342,7 +343,7 @@ TEST_F(KoruxRecord, MaskedSerialsLeaveTheSiteAsStandIns)
     const KoruxRun replayed = run(session({ QStringLiteral("--scenario"),
         replayScenario(QStringLiteral("masked.trace")), QStringLiteral("list") }));
     EXPECT_EQ(replayed.exitCode, 0) << replayed.err;
-    EXPECT_TRUE(replayed.out.contains(QStringLiteral("port A S00001A"))) << replayed.out;
+    EXPECT_TRUE(replayed.out.contains(QStringLiteral("board 5A5A5A5A5A5A5A01, port A S00001A"))) << replayed.out;
 }
 
 TEST_F(KoruxRecord, ATraceThatCannotBeWrittenStopsBeforeTheCommand)
