@@ -193,6 +193,10 @@ const std::vector<Command>& commandTable()
             "--keep-going", "", true, false, runScript },
         { "shell", "", "read commands at a prompt and run them with one family, until exit or end of input",
             0, 0, "", "", true, false, runShell },
+        { "selftest", "[--expose] [--out DIR] [--no-trace]",
+            "a safe bring-up of the sensor, step by step with PASS/FAIL/SKIP, cause and fix; nothing written "
+            "to the flash, no arming without --expose; the bridge traffic is recorded",
+            0, 0, "--expose --no-trace", "--out", true, false, runSelftest },
         { "doctor", "[--sysfs-root DIR] [--dev-root DIR] [--rules-dirs DIR:...]",
             "check bridge library, USB devices, their access, kernel drivers, udev rule and sensors", 0, 0,
             "", "--sysfs-root --dev-root --rules-dirs", false, false, runDoctor },

@@ -24,6 +24,7 @@
 #include "tools/Options.h"
 #include "tools/PluginHost.h"
 #include "tools/Record.h"
+#include "tools/Selftest.h"
 #include "tools/ShotOutput.h"
 #include "tools/Transcript.h"
 
@@ -158,6 +159,10 @@ int main(int argc, char** argv)
         console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
+
+    // A self-test records the bridge traffic unless told not to.
+    if (command->run == runSelftest && options.record.isEmpty() && !line.has(QStringLiteral("--no-trace")))
+        options.record = defaultSelftestTrace();
 
     console.setColour(wantColour(options.color));
     console.setTerminal(isatty(STDOUT_FILENO));
