@@ -94,8 +94,9 @@ TEST_F(KoruxSelftest, AHealthySensorPassesEveryStepAndTheTrafficIsRecorded)
     // Read-only: nothing programmed or erased in the flash (no write enable,
     // 06h, on port C).
     for (const ktrace::TraceCall& call : trace.calls) {
-        if (call.port == 'C' && !call.written.empty())
+        if (call.port == 'C' && !call.written.empty()) {
             EXPECT_NE(call.written[0], 0x06) << call.index;
+        }
     }
 }
 
