@@ -4,6 +4,7 @@
 #include <QJsonObject>
 
 #include "tools/ExitCodes.h"
+#include "tools/Report.h"
 #include "tools/ShotOutput.h"
 #include "tools/Transcript.h"
 
@@ -181,8 +182,10 @@ const std::vector<Command>& commandTable()
             "--yes", "", true, true, runFormatFlash },
         { "flash-page", "ADDRESS", "* print the flash page at ADDRESS (command 3001 with FlashAddress)", 1, 1,
             "", "", true, true, runFlashPage },
-        { "report", "", "the family report: every family parameter (command 1010)", 0, 0, "", "", true, false,
-            runReport },
+        { "report", "[--out FILE.tar.gz] [--with-images] [--family]",
+            "the support bundle (doctor, list, selftest with its trace, the family's files; README: \"First "
+            "contact with a real sensor\"); in a script or with --family: the family report (command 1010)",
+            0, 0, "--with-images --family", "--out", true, false, runReportCommand },
         { "set", "[--string] [--force] KEY VALUE",
             "set a family parameter, typed and ranged as the plug-in reads it", 2, 2, "--string --force", "",
             true, false, runSet },
