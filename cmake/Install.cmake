@@ -41,7 +41,7 @@ if(EXISTS ${CMAKE_SOURCE_DIR}/packaging/bash-completion/korux)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/bash-completion/korux
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tool)
 endif()
-install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/scenario.md
+install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/scenario.md ${CMAKE_SOURCE_DIR}/docs/trace.md
   DESTINATION ${KORUX_INSTALL_DOCDIR} COMPONENT tool)
 
 # The CMake package: the framework as an imported target, and where the
