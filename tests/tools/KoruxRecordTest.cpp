@@ -128,12 +128,17 @@ QString withoutClockReadings(QString log)
 
 } // namespace
 
+// The session is recorded in front of the virtual bridge standing in for the
+// vendor's library (found by the library path, as the vendor's is), and
+// replayed by the virtual bridge.
 TEST_F(KoruxRecord, ARecordedShotReplaysWithTheSameLogAndImage)
 {
     freshSession();
     const KoruxRun recorded
-        = run(session({ QStringLiteral("-v"), QStringLiteral("--record"), QStringLiteral("shot.trace"),
-            QStringLiteral("acquire"), QStringLiteral("--out"), QStringLiteral("images") }));
+        = run(session({ QStringLiteral("--bridge"), QStringLiteral("vendor"), QStringLiteral("-v"),
+                  QStringLiteral("--record"), QStringLiteral("shot.trace"), QStringLiteral("acquire"),
+                  QStringLiteral("--out"), QStringLiteral("images") }),
+            { QStringLiteral("LD_LIBRARY_PATH=") + buildDirectory() + QStringLiteral("/lib/virtual") });
     ASSERT_EQ(recorded.exitCode, 0) << recorded.err;
     EXPECT_TRUE(recorded.err.contains(
         QStringLiteral("bridge traffic recorded to ") + path(QStringLiteral("shot.trace"))))
@@ -343,7 +348,8 @@ TEST_F(KoruxRecord, MaskedSerialsLeaveTheSiteAsStandIns)
     const KoruxRun replayed = run(session({ QStringLiteral("--scenario"),
         replayScenario(QStringLiteral("masked.trace")), QStringLiteral("list") }));
     EXPECT_EQ(replayed.exitCode, 0) << replayed.err;
-    EXPECT_TRUE(replayed.out.contains(QStringLiteral("board 5A5A5A5A5A5A5A01, port A S00001A"))) << replayed.out;
+    EXPECT_TRUE(replayed.out.contains(QStringLiteral("board 5A5A5A5A5A5A5A01, port A S00001A")))
+        << replayed.out;
 }
 
 TEST_F(KoruxRecord, ATraceThatCannotBeWrittenStopsBeforeTheCommand)
