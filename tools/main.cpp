@@ -178,8 +178,13 @@ int main(int argc, char** argv)
     Session session { options, console, nullptr, nullptr, QString(), false, 0, 0, QString() };
     if (transcript.isOpen())
         session.transcript = &transcript;
-    if (!command->needsPlugin)
+    if (!command->needsPlugin) {
+        // No bridge is loaded: there is nothing to record.
+        if (!options.record.isEmpty())
+            console.error(QStringLiteral("korux: --record: %1 makes no bridge calls; no trace is written")
+                              .arg(command->name));
         return finish(session, transcript, runCommand(session, *command, line));
+    }
 
     // The bridge goes first: the plug-in's "libft4222.so" is bound to
     // whichever library of that name is loaded when the plug-in is.

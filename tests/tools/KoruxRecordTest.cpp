@@ -375,3 +375,14 @@ TEST_F(KoruxRecord, TheRecordingBridgeDoesNotRecordItself)
     EXPECT_TRUE(result.err.contains(QStringLiteral("is the recording bridge itself, not the one to record")))
         << result.err;
 }
+
+TEST_F(KoruxRecord, ACommandWithoutBridgeCallsSaysThatNothingIsRecorded)
+{
+    const KoruxRun result
+        = run({ QStringLiteral("--record"), QStringLiteral("help.trace"), QStringLiteral("help") });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(result.err.contains(
+        QStringLiteral("korux: --record: help makes no bridge calls; no trace is written")))
+        << result.err;
+    EXPECT_FALSE(QFile::exists(path(QStringLiteral("help.trace"))));
+}
