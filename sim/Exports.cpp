@@ -245,7 +245,8 @@ FT_STATUS WINAPI FT_GetDeviceInfoDetail(DWORD index, DWORD* flags, DWORD* type, 
     void* serialNumber, void* description, FT_HANDLE* handle)
 {
     if (Replay* replay = activeReplay())
-        return replay->FT_GetDeviceInfoDetail(index, flags, type, id, locId, serialNumber, description, handle);
+        return replay->FT_GetDeviceInfoDetail(
+            index, flags, type, id, locId, serialNumber, description, handle);
     Call call("FT_GetDeviceInfoDetail");
     call.args({ index });
     Bridge& bridge = call.bridge();
@@ -572,7 +573,8 @@ FT4222_STATUS FT4222_SPIMaster_SingleWrite(
     FT_HANDLE handle, uint8* buffer, uint16 bufferSize, uint16* sizeTransferred, BOOL isEndTransaction)
 {
     if (Replay* replay = activeReplay())
-        return replay->FT4222_SPIMaster_SingleWrite(handle, buffer, bufferSize, sizeTransferred, isEndTransaction);
+        return replay->FT4222_SPIMaster_SingleWrite(
+            handle, buffer, bufferSize, sizeTransferred, isEndTransaction);
     Call call("FT4222_SPIMaster_SingleWrite");
     call.args({ bufferSize, isEndTransaction });
     call.written(buffer, bufferSize);
@@ -595,7 +597,8 @@ FT4222_STATUS FT4222_SPIMaster_SingleReadWrite(FT_HANDLE handle, uint8* readBuff
     uint16 bufferSize, uint16* sizeTransferred, BOOL isEndTransaction)
 {
     if (Replay* replay = activeReplay())
-        return replay->FT4222_SPIMaster_SingleReadWrite(handle, readBuffer, writeBuffer, bufferSize, sizeTransferred, isEndTransaction);
+        return replay->FT4222_SPIMaster_SingleReadWrite(
+            handle, readBuffer, writeBuffer, bufferSize, sizeTransferred, isEndTransaction);
     Call call("FT4222_SPIMaster_SingleReadWrite");
     call.args({ bufferSize, isEndTransaction });
     call.written(writeBuffer, bufferSize);
@@ -621,7 +624,8 @@ FT4222_STATUS FT4222_SPIMaster_MultiReadWrite(FT_HANDLE handle, uint8* readBuffe
     uint8 singleWriteBytes, uint16 multiWriteBytes, uint16 multiReadBytes, uint32* sizeOfRead)
 {
     if (Replay* replay = activeReplay())
-        return replay->FT4222_SPIMaster_MultiReadWrite(handle, readBuffer, writeBuffer, singleWriteBytes, multiWriteBytes, multiReadBytes, sizeOfRead);
+        return replay->FT4222_SPIMaster_MultiReadWrite(
+            handle, readBuffer, writeBuffer, singleWriteBytes, multiWriteBytes, multiReadBytes, sizeOfRead);
     Call call("FT4222_SPIMaster_MultiReadWrite");
     call.args({ singleWriteBytes, multiWriteBytes, multiReadBytes });
     call.written(writeBuffer, static_cast<size_t>(singleWriteBytes) + multiWriteBytes);

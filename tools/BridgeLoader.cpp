@@ -94,8 +94,8 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
     // tells the two apart, whichever way the library was chosen.
     auto loadScenario = reinterpret_cast<LoadScenario>(dlsym(info->control, kScenarioEntry));
     info->virtualBridge = loadScenario != nullptr;
-    info->flashImageFailure
-        = reinterpret_cast<int (*)(char*, unsigned long)>(dlsym(info->control, "vbridge_flash_image_failure"));
+    info->flashImageFailure = reinterpret_cast<int (*)(char*, unsigned long)>(
+        dlsym(info->control, "vbridge_flash_image_failure"));
     // korux tells a replay's divergence itself, as one line at the end.
     info->replayDivergence
         = reinterpret_cast<int (*)(char*, unsigned long)>(dlsym(info->control, "vbridge_replay_divergence"));

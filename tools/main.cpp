@@ -68,10 +68,12 @@ int finish(Session& session, Transcript& transcript, int result, const BridgeInf
         session.console.error(QStringLiteral("korux: interrupted"));
         result = stopExitStatus(signal);
     }
+    // A replay that left its recording, a trace not put in place.
+    if (bridge)
+        result
+            = finishBridge(*bridge, session.console, session.options.quiet || session.options.json, result);
     // The virtual sensor's flash is kept in a file: one that fell behind is
     // a write error like any other.
-    if (bridge)
-        result = finishBridge(*bridge, session.console, session.options.quiet || session.options.json, result);
     const QString image = bridge ? flashImageFailure(*bridge) : QString();
     if (!image.isEmpty()) {
         session.console.error(QStringLiteral("korux: the virtual bridge: %1").arg(image));
