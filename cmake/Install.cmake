@@ -17,6 +17,9 @@ install(TARGETS VeltraXRayKORUX
 
 install(TARGETS virtualbridge
   LIBRARY DESTINATION ${KORUX_INSTALL_BRIDGEDIR} COMPONENT tool NAMELINK_SKIP)
+# The recording bridge, beside it (korux --record).
+install(TARGETS recordbridge
+  LIBRARY DESTINATION ${KORUX_INSTALL_RECORDDIR} COMPONENT tool NAMELINK_SKIP)
 
 if(TARGET korux)
   install(TARGETS korux RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
@@ -38,7 +41,7 @@ if(EXISTS ${CMAKE_SOURCE_DIR}/packaging/bash-completion/korux)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/bash-completion/korux
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tool)
 endif()
-install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/scenario.md
+install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/scenario.md ${CMAKE_SOURCE_DIR}/docs/trace.md
   DESTINATION ${KORUX_INSTALL_DOCDIR} COMPONENT tool)
 
 # The CMake package: the framework as an imported target, and where the

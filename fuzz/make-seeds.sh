@@ -118,3 +118,30 @@ echo '{ "sensors": [ {}, { "location": "0x1012" } ] }' | seed scenario location-
 echo '{ "sensors": [ { "flash": { "DPL": { "hex": "0g" }, "BTS": { "text": "" } } } ], "order": ["S1A", 3] }' \
     | seed scenario bad-hex
 echo '{ "sensors": [ { "location": 4113.5 } ], "faults": [ { "unplug": 0 } ] ' | seed scenario truncated
+
+# --- traces of bridge traffic (text, gzip, cut short) ---
+trace_text() {
+    cat <<'TRACE'
+korux-trace 1
+meta recorder korux-record%201
+meta library /usr/local/lib/libft4222.so
+call 1 t=869 d=19 f=FT_SetVIDPID a=7398,3 st=0
+call 2 t=20399 d=9 f=FT_CreateDeviceInfoList st=0 o=4
+call 3 t=20438 d=4 f=FT_GetDeviceInfoDetail a=0 st=0 o=2,11,484835331,4113 ot=KX0001A,KORUX/KORUX%b2%20A
+call 4 t=71203 d=18 f=FT_OpenEx p=A a=4113,4 st=0 oh=0x5000
+call 5 t=71210 d=3 f=FT_OpenEx s=KX0001A a=1 st=3
+call 6 t=71234 d=2 f=FT4222_SetClock h=0x5000 p=A a=3 st=0
+call 7 t=71241 d=8 f=FT4222_SPIMaster_MultiReadWrite h=0x5000 p=A a=4,0,3 w=a180cafe st=0 o=3 r=406b09
+call 8 t=71245 d=1 f=FT4222_SPIMaster_Init h=0x5000 p=A a=4,1,0,0,1 st=-1000
+call 9 t=71253 d=1 f=FT_Close h=0x5000 p=A st=0
+end 9
+TRACE
+}
+trace_text | seed trace session-text
+trace_text | gzip -9 -n | seed trace session-gzip
+trace_text | gzip -9 -n | head -c 150 | seed trace session-gzip-cut
+trace_text | head -c 400 | seed trace session-text-cut
+printf 'korux-trace 2\ncall 1 t=0 f=FT_Close st=0\n' | seed trace other-version
+printf 'korux-trace 1\ncall 1 t=0 f=FT_Close st=0 w=0g r=%%zz\n' | seed trace bad-hex
+printf 'korux-trace 1\ncall 1 t=0 f=FT_Close st=0 ot=%%41,,%%\nend 1\n' | seed trace bad-escape
+printf '\x1f\x8b\x08\x00garbage' | seed trace damaged-gzip

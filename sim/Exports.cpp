@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "sim/Bridge.h"
+#include "sim/Replay.h"
 #include "transport/BridgeApi.h"
 
 using namespace vbridge;
@@ -249,6 +250,8 @@ extern "C" {
 
 FT_STATUS WINAPI FT_CreateDeviceInfoList(DWORD* numDevs)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_CreateDeviceInfoList(numDevs);
     Call call("FT_CreateDeviceInfoList");
     if (const uint32_t fault = call.check())
         return call.finish(fault);
@@ -277,6 +280,9 @@ FT_STATUS WINAPI FT_CreateDeviceInfoList(DWORD* numDevs)
 FT_STATUS WINAPI FT_GetDeviceInfoDetail(DWORD index, DWORD* flags, DWORD* type, DWORD* id, DWORD* locId,
     void* serialNumber, void* description, FT_HANDLE* handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_GetDeviceInfoDetail(
+            index, flags, type, id, locId, serialNumber, description, handle);
     Call call("FT_GetDeviceInfoDetail");
     call.args({ index });
     Bridge& bridge = call.bridge();
@@ -341,6 +347,8 @@ FT_STATUS WINAPI FT_GetDeviceInfoDetail(DWORD index, DWORD* flags, DWORD* type, 
 
 FT_STATUS WINAPI FT_OpenEx(void* arg, DWORD flags, FT_HANDLE* handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_OpenEx(arg, flags, handle);
     Call call("FT_OpenEx");
     if (flags == FT_OPEN_BY_LOCATION) {
         call.args({ static_cast<int64_t>(reinterpret_cast<uintptr_t>(arg)), flags });
@@ -395,6 +403,8 @@ FT_STATUS WINAPI FT_OpenEx(void* arg, DWORD flags, FT_HANDLE* handle)
 // open; it replaces the one registered before.
 FT_STATUS WINAPI FT_SetVIDPID(DWORD vid, DWORD pid)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_SetVIDPID(vid, pid);
     Call call("FT_SetVIDPID");
     call.args({ vid, pid });
     if (const uint32_t fault = call.check())
@@ -408,6 +418,8 @@ FT_STATUS WINAPI FT_SetVIDPID(DWORD vid, DWORD pid)
 
 FT_STATUS WINAPI FT_GetVIDPID(DWORD* vid, DWORD* pid)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_GetVIDPID(vid, pid);
     Call call("FT_GetVIDPID");
     if (const uint32_t fault = call.check())
         return call.finish(fault);
@@ -424,6 +436,8 @@ FT_STATUS WINAPI FT_GetVIDPID(DWORD* vid, DWORD* pid)
 
 FT_STATUS WINAPI FT_SetTimeouts(FT_HANDLE handle, ULONG readTimeoutMs, ULONG writeTimeoutMs)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_SetTimeouts(handle, readTimeoutMs, writeTimeoutMs);
     Call call("FT_SetTimeouts");
     call.args({ readTimeoutMs, writeTimeoutMs });
     if (const uint32_t status = call.check(handle, Api::D2xx))
@@ -435,6 +449,8 @@ FT_STATUS WINAPI FT_SetTimeouts(FT_HANDLE handle, ULONG readTimeoutMs, ULONG wri
 
 FT_STATUS WINAPI FT_Purge(FT_HANDLE handle, ULONG mask)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_Purge(handle, mask);
     Call call("FT_Purge");
     call.args({ mask });
     if (const uint32_t status = call.check(handle, Api::D2xx))
@@ -446,6 +462,8 @@ FT_STATUS WINAPI FT_Purge(FT_HANDLE handle, ULONG mask)
 
 FT_STATUS WINAPI FT_ResetDevice(FT_HANDLE handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_ResetDevice(handle);
     Call call("FT_ResetDevice");
     if (const uint32_t status = call.check(handle, Api::D2xx))
         return call.finish(status);
@@ -454,6 +472,8 @@ FT_STATUS WINAPI FT_ResetDevice(FT_HANDLE handle)
 
 FT_STATUS WINAPI FT_Close(FT_HANDLE handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT_Close(handle);
     Call call("FT_Close");
     const uint32_t status = call.identify(handle, Api::D2xx);
     if (const uint32_t fault = call.check())
@@ -483,6 +503,8 @@ FT_STATUS WINAPI FT_Close(FT_HANDLE handle)
 
 FT4222_STATUS FT4222_UnInitialize(FT_HANDLE handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_UnInitialize(handle);
     Call call("FT4222_UnInitialize");
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
@@ -491,6 +513,8 @@ FT4222_STATUS FT4222_UnInitialize(FT_HANDLE handle)
 
 FT4222_STATUS FT4222_SetClock(FT_HANDLE handle, FT4222_ClockRate clk)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SetClock(handle, clk);
     Call call("FT4222_SetClock");
     call.args({ asInt(clk) });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -500,6 +524,8 @@ FT4222_STATUS FT4222_SetClock(FT_HANDLE handle, FT4222_ClockRate clk)
 
 FT4222_STATUS FT4222_GetClock(FT_HANDLE handle, FT4222_ClockRate* clk)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_GetClock(handle, clk);
     Call call("FT4222_GetClock");
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
@@ -511,6 +537,8 @@ FT4222_STATUS FT4222_GetClock(FT_HANDLE handle, FT4222_ClockRate* clk)
 
 FT4222_STATUS FT4222_SetSuspendOut(FT_HANDLE handle, BOOL enable)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SetSuspendOut(handle, enable);
     Call call("FT4222_SetSuspendOut");
     call.args({ enable });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -520,6 +548,8 @@ FT4222_STATUS FT4222_SetSuspendOut(FT_HANDLE handle, BOOL enable)
 
 FT4222_STATUS FT4222_SetWakeUpInterrupt(FT_HANDLE handle, BOOL enable)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SetWakeUpInterrupt(handle, enable);
     Call call("FT4222_SetWakeUpInterrupt");
     call.args({ enable });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -530,6 +560,8 @@ FT4222_STATUS FT4222_SetWakeUpInterrupt(FT_HANDLE handle, BOOL enable)
 FT4222_STATUS FT4222_SPIMaster_Init(FT_HANDLE handle, FT4222_SPIMode ioLine, FT4222_SPIClock clock,
     FT4222_SPICPOL cpol, FT4222_SPICPHA cpha, uint8 ssoMap)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_Init(handle, ioLine, clock, cpol, cpha, ssoMap);
     Call call("FT4222_SPIMaster_Init");
     call.args({ asInt(ioLine), asInt(clock), asInt(cpol), asInt(cpha), ssoMap });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -540,6 +572,8 @@ FT4222_STATUS FT4222_SPIMaster_Init(FT_HANDLE handle, FT4222_SPIMode ioLine, FT4
 
 FT4222_STATUS FT4222_SPIMaster_SetLines(FT_HANDLE handle, FT4222_SPIMode spiMode)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_SetLines(handle, spiMode);
     Call call("FT4222_SPIMaster_SetLines");
     call.args({ asInt(spiMode) });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -550,6 +584,8 @@ FT4222_STATUS FT4222_SPIMaster_SetLines(FT_HANDLE handle, FT4222_SPIMode spiMode
 FT4222_STATUS FT4222_SPIMaster_SingleRead(
     FT_HANDLE handle, uint8* buffer, uint16 bufferSize, uint16* sizeOfRead, BOOL isEndTransaction)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_SingleRead(handle, buffer, bufferSize, sizeOfRead, isEndTransaction);
     Call call("FT4222_SPIMaster_SingleRead");
     call.args({ bufferSize, isEndTransaction });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -574,6 +610,9 @@ FT4222_STATUS FT4222_SPIMaster_SingleRead(
 FT4222_STATUS FT4222_SPIMaster_SingleWrite(
     FT_HANDLE handle, uint8* buffer, uint16 bufferSize, uint16* sizeTransferred, BOOL isEndTransaction)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_SingleWrite(
+            handle, buffer, bufferSize, sizeTransferred, isEndTransaction);
     Call call("FT4222_SPIMaster_SingleWrite");
     call.args({ bufferSize, isEndTransaction });
     call.written(buffer, bufferSize);
@@ -595,6 +634,9 @@ FT4222_STATUS FT4222_SPIMaster_SingleWrite(
 FT4222_STATUS FT4222_SPIMaster_SingleReadWrite(FT_HANDLE handle, uint8* readBuffer, uint8* writeBuffer,
     uint16 bufferSize, uint16* sizeTransferred, BOOL isEndTransaction)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_SingleReadWrite(
+            handle, readBuffer, writeBuffer, bufferSize, sizeTransferred, isEndTransaction);
     Call call("FT4222_SPIMaster_SingleReadWrite");
     call.args({ bufferSize, isEndTransaction });
     call.written(writeBuffer, bufferSize);
@@ -621,6 +663,9 @@ FT4222_STATUS FT4222_SPIMaster_SingleReadWrite(FT_HANDLE handle, uint8* readBuff
 FT4222_STATUS FT4222_SPIMaster_MultiReadWrite(FT_HANDLE handle, uint8* readBuffer, uint8* writeBuffer,
     uint8 singleWriteBytes, uint16 multiWriteBytes, uint16 multiReadBytes, uint32* sizeOfRead)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPIMaster_MultiReadWrite(
+            handle, readBuffer, writeBuffer, singleWriteBytes, multiWriteBytes, multiReadBytes, sizeOfRead);
     Call call("FT4222_SPIMaster_MultiReadWrite");
     call.args({ singleWriteBytes, multiWriteBytes, multiReadBytes });
     call.written(writeBuffer, static_cast<size_t>(singleWriteBytes) + multiWriteBytes);
@@ -648,6 +693,8 @@ FT4222_STATUS FT4222_SPIMaster_MultiReadWrite(FT_HANDLE handle, uint8* readBuffe
 
 FT4222_STATUS FT4222_SPI_Reset(FT_HANDLE handle)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPI_Reset(handle);
     Call call("FT4222_SPI_Reset");
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
         return call.finish4222(status);
@@ -656,6 +703,8 @@ FT4222_STATUS FT4222_SPI_Reset(FT_HANDLE handle)
 
 FT4222_STATUS FT4222_SPI_ResetTransaction(FT_HANDLE handle, uint8 spiIdx)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPI_ResetTransaction(handle, spiIdx);
     Call call("FT4222_SPI_ResetTransaction");
     call.args({ spiIdx });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -666,6 +715,8 @@ FT4222_STATUS FT4222_SPI_ResetTransaction(FT_HANDLE handle, uint8 spiIdx)
 FT4222_STATUS FT4222_SPI_SetDrivingStrength(FT_HANDLE handle, SPI_DrivingStrength clkStrength,
     SPI_DrivingStrength ioStrength, SPI_DrivingStrength ssoStrength)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_SPI_SetDrivingStrength(handle, clkStrength, ioStrength, ssoStrength);
     Call call("FT4222_SPI_SetDrivingStrength");
     call.args({ asInt(clkStrength), asInt(ioStrength), asInt(ssoStrength) });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -676,6 +727,8 @@ FT4222_STATUS FT4222_SPI_SetDrivingStrength(FT_HANDLE handle, SPI_DrivingStrengt
 
 FT4222_STATUS FT4222_GPIO_Init(FT_HANDLE handle, GPIO_Dir gpioDir[4])
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_GPIO_Init(handle, gpioDir);
     Call call("FT4222_GPIO_Init");
     int directions[4] = {};
     if (gpioDir) {
@@ -689,6 +742,8 @@ FT4222_STATUS FT4222_GPIO_Init(FT_HANDLE handle, GPIO_Dir gpioDir[4])
 
 FT4222_STATUS FT4222_GPIO_Read(FT_HANDLE handle, GPIO_Port portNum, BOOL* value)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_GPIO_Read(handle, portNum, value);
     Call call("FT4222_GPIO_Read");
     call.args({ asInt(portNum) });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))
@@ -701,6 +756,8 @@ FT4222_STATUS FT4222_GPIO_Read(FT_HANDLE handle, GPIO_Port portNum, BOOL* value)
 
 FT4222_STATUS FT4222_GPIO_Write(FT_HANDLE handle, GPIO_Port portNum, BOOL bValue)
 {
+    if (Replay* replay = activeReplay())
+        return replay->FT4222_GPIO_Write(handle, portNum, bValue);
     Call call("FT4222_GPIO_Write");
     call.args({ asInt(portNum), bValue });
     if (const uint32_t status = call.check(handle, Api::LibFt4222))

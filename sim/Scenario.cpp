@@ -20,6 +20,7 @@
 #include "sim/FlashContent.h"
 #include "sim/NorFlash.h"
 #include "sim/Phantom.h"
+#include "sim/Replay.h"
 
 namespace vbridge {
 
@@ -807,6 +808,9 @@ bool load(
                 = "scenario " + name + ": larger than 1 MiB; a scenario describes a machine in a few lines";
         return false;
     }
+    // A recorded session in place of a machine (sim/Replay.cpp).
+    if (const int replay = loadReplayScenario(text, name, baseDirectory, error); replay >= 0)
+        return replay == 1;
     if (!parseScenario(text, baseDirectory, &scenario, &reason)) {
         if (error)
             *error = "scenario " + name + ": " + reason;

@@ -11,6 +11,7 @@
 
 #include "sim/Bridge.h"
 #include "sim/FlashContent.h"
+#include "sim/Replay.h"
 
 namespace vbridge {
 
@@ -55,6 +56,7 @@ void VirtualBridge::reset()
 {
     Locked locked(false);
     Bridge& b = locked.bridge;
+    stopReplay();
     b.saveFlashImages();
     b.configured = true;
     b.sensors.clear();

@@ -9,6 +9,7 @@
 #include "tools/ExitCodes.h"
 #include "tools/InstallLayout.h"
 #include "tools/Interrupt.h"
+#include "tools/Record.h"
 
 namespace korux {
 
@@ -55,7 +56,11 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
 {
     const int flags = RTLD_NOW | RTLD_GLOBAL;
     QString requested;
-    if (options.bridge == QLatin1String("virtual")) {
+    if (!options.record.isEmpty()) {
+        const int recording = loadRecordingBridge(options, executableDirectory, console, info);
+        if (recording != kExitOk)
+            return recording;
+    } else if (options.bridge == QLatin1String("virtual")) {
         requested = virtualBridgeFileFrom(executableDirectory);
         info->handle = dlopen(QFile::encodeName(requested).constData(), flags);
         if (!info->handle) {
@@ -80,17 +85,25 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
             return kExitNoBridge;
         }
     }
-    info->file = loadedFile(info->handle, requested);
+    if (!info->control) {
+        info->control = info->handle;
+        info->file = loadedFile(info->handle, requested);
+    }
 
     // Only the virtual bridge has a control entry; its presence is what
     // tells the two apart, whichever way the library was chosen.
-    auto loadScenario = reinterpret_cast<LoadScenario>(dlsym(info->handle, kScenarioEntry));
+    auto loadScenario = reinterpret_cast<LoadScenario>(dlsym(info->control, kScenarioEntry));
     info->virtualBridge = loadScenario != nullptr;
-    info->flashImageFailure
-        = reinterpret_cast<int (*)(char*, unsigned long)>(dlsym(info->handle, "vbridge_flash_image_failure"));
+    info->flashImageFailure = reinterpret_cast<int (*)(char*, unsigned long)>(
+        dlsym(info->control, "vbridge_flash_image_failure"));
+    // korux tells a replay's divergence itself, as one line at the end.
+    info->replayDivergence
+        = reinterpret_cast<int (*)(char*, unsigned long)>(dlsym(info->control, "vbridge_replay_divergence"));
+    if (auto quiet = reinterpret_cast<void (*)(int)>(dlsym(info->control, "vbridge_replay_report_on_stderr")))
+        quiet(0);
     // A first Ctrl-C ends the virtual bridge's wait for a flash image that
     // another process holds.
-    if (auto interruptWait = reinterpret_cast<void (*)()>(dlsym(info->handle, "vbridge_interrupt_wait")))
+    if (auto interruptWait = reinterpret_cast<void (*)()>(dlsym(info->control, "vbridge_interrupt_wait")))
         setStopHook(interruptWait);
     if (options.scenario.isEmpty())
         return kExitOk;

@@ -17,6 +17,14 @@ struct BridgeInfo {
     // The virtual bridge's account of a flash image it could not save;
     // null for the vendor's library.
     int (*flashImageFailure)(char* error, unsigned long errorSize) = nullptr;
+    // The library whose own entries (vbridge_...) korux uses: the one
+    // loaded, or the one behind the recording bridge.
+    void* control = nullptr;
+    // The virtual bridge's account of a replay that left its recording.
+    int (*replayDivergence)(char* error, unsigned long errorSize) = nullptr;
+    // With --record: ends the trace (tools/Record.h).
+    int (*finishRecording)(char* error, unsigned long errorSize, unsigned long long* calls) = nullptr;
+    QString recordFile;
 };
 
 // Why the virtual bridge's flash image is behind the sensor's flash (a save

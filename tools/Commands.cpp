@@ -4,6 +4,7 @@
 #include <QJsonObject>
 
 #include "tools/ExitCodes.h"
+#include "tools/Report.h"
 #include "tools/ShotOutput.h"
 #include "tools/Transcript.h"
 
@@ -33,6 +34,9 @@ options:
   --serial SERIAL               the unit a * command is for, by its board serial (korux serial
                                 prints it)
   --transcript FILE             write every signal and command as JSON lines to FILE
+  --record FILE                 record the bridge traffic (every call to the bridge library,
+                                vendor or virtual) to the trace FILE (docs/trace.md)
+  --record-mask-serials         with --record: serial numbers in the trace are stand-ins
   --color auto|always|never     render the log lines' style tags as colours (auto: on a
                                 terminal, unless NO_COLOR is set)
   --time-scale X                stretch every framework sleep by X (0: no waits)
@@ -178,8 +182,10 @@ const std::vector<Command>& commandTable()
             "--yes", "", true, true, runFormatFlash },
         { "flash-page", "ADDRESS", "* print the flash page at ADDRESS (command 3001 with FlashAddress)", 1, 1,
             "", "", true, true, runFlashPage },
-        { "report", "", "the family report: every family parameter (command 1010)", 0, 0, "", "", true, false,
-            runReport },
+        { "report", "[--out FILE.tar.gz] [--with-images] [--family]",
+            "the support bundle (doctor, list, selftest with its trace, the family's files; README: \"First "
+            "contact with a real sensor\"); in a script or with --family: the family report (command 1010)",
+            0, 0, "--with-images --family", "--out", true, false, runReportCommand },
         { "set", "[--string] [--force] KEY VALUE",
             "set a family parameter, typed and ranged as the plug-in reads it", 2, 2, "--string --force", "",
             true, false, runSet },
@@ -190,6 +196,10 @@ const std::vector<Command>& commandTable()
             "--keep-going", "", true, false, runScript },
         { "shell", "", "read commands at a prompt and run them with one family, until exit or end of input",
             0, 0, "", "", true, false, runShell },
+        { "selftest", "[--expose] [--out DIR] [--no-trace]",
+            "a safe bring-up of the sensor, step by step with PASS/FAIL/SKIP, cause and fix; nothing written "
+            "to the flash, no arming without --expose; the bridge traffic is recorded",
+            0, 0, "--expose --no-trace", "--out", true, false, runSelftest },
         { "doctor", "[--sysfs-root DIR] [--dev-root DIR] [--rules-dirs DIR:...]",
             "check bridge library, USB devices, their access, kernel drivers, udev rule and sensors", 0, 0,
             "", "--sysfs-root --dev-root --rules-dirs", false, false, runDoctor },

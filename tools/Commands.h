@@ -113,6 +113,7 @@ int runDicom(Session& session, const CommandLine& line);
 int runScript(Session& session, const CommandLine& line);
 int runDoctor(Session& session, const CommandLine& line);
 int runShell(Session& session, const CommandLine& line);
+int runSelftest(Session& session, const CommandLine& line);
 
 // Splits a script line into words as a POSIX shell does (quotes, escapes,
 // comments); false with the reason in error.

@@ -15,6 +15,7 @@ const QStringList kValueOptions = {
     QStringLiteral("--time-scale"),
     QStringLiteral("--serial"),
     QStringLiteral("--transcript"),
+    QStringLiteral("--record"),
 };
 
 // A negative number ("-1") is an argument, not an option.
@@ -42,6 +43,8 @@ bool applyValue(const QString& name, const QString& value, Options* options, QSt
         options->serial = value;
     } else if (name == QLatin1String("--transcript")) {
         options->transcript = value;
+    } else if (name == QLatin1String("--record")) {
+        options->record = value;
     } else if (name == QLatin1String("--color")) {
         if (value == QLatin1String("auto"))
             options->color = ColorMode::Auto;
@@ -94,6 +97,8 @@ bool parseOptions(const QStringList& arguments, Options* options, QString* error
             options->json = true;
         } else if (word == QLatin1String("--version")) {
             options->version = true;
+        } else if (word == QLatin1String("--record-mask-serials")) {
+            options->recordMaskSerials = true;
         } else {
             const int equals = word.indexOf('=');
             const QString name = equals < 0 ? word : word.left(equals);

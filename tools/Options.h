@@ -17,6 +17,8 @@ struct Options {
     QString directory; // family directory; empty: the framework's default
     QString serial; // the one unit a command is for; empty: every unit
     QString transcript; // file that receives every signal as JSON lines
+    QString record; // trace of the bridge traffic (docs/trace.md); empty: none
+    bool recordMaskSerials = false;
     ColorMode color = ColorMode::Auto;
     bool verbose = false;
     bool quiet = false; // only results and errors

@@ -23,6 +23,8 @@
 #include "tools/Interrupt.h"
 #include "tools/Options.h"
 #include "tools/PluginHost.h"
+#include "tools/Record.h"
+#include "tools/Selftest.h"
 #include "tools/ShotOutput.h"
 #include "tools/Transcript.h"
 
@@ -66,6 +68,10 @@ int finish(Session& session, Transcript& transcript, int result, const BridgeInf
         session.console.error(QStringLiteral("korux: interrupted"));
         result = stopExitStatus(signal);
     }
+    // A replay that left its recording, a trace not put in place.
+    if (bridge)
+        result
+            = finishBridge(*bridge, session.console, session.options.quiet || session.options.json, result);
     // The virtual sensor's flash is kept in a file: one that fell behind is
     // a write error like any other.
     const QString image = bridge ? flashImageFailure(*bridge) : QString();
@@ -156,6 +162,10 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
 
+    // A self-test records the bridge traffic unless told not to.
+    if (command->run == runSelftest && options.record.isEmpty() && !line.has(QStringLiteral("--no-trace")))
+        options.record = defaultSelftestTrace();
+
     console.setColour(wantColour(options.color));
     console.setTerminal(isatty(STDOUT_FILENO));
     console.setJsonMode(options.json);
@@ -170,8 +180,13 @@ int main(int argc, char** argv)
     Session session { options, console, nullptr, nullptr, QString(), false, 0, 0, QString() };
     if (transcript.isOpen())
         session.transcript = &transcript;
-    if (!command->needsPlugin)
+    if (!command->needsPlugin) {
+        // No bridge is loaded: there is nothing to record.
+        if (!options.record.isEmpty())
+            console.error(QStringLiteral("korux: --record: %1 makes no bridge calls; no trace is written")
+                              .arg(command->name));
         return finish(session, transcript, runCommand(session, *command, line));
+    }
 
     // The bridge goes first: the plug-in's "libft4222.so" is bound to
     // whichever library of that name is loaded when the plug-in is.
