@@ -10,9 +10,9 @@
 #include <cstring>
 
 #include "sim/Phantom.h"
-#include "tools/DicomExport.h"
-#include "tools/ImageFiles.h"
-#include "tools/ShotPictures.h"
+#include "imaging/DicomExport.h"
+#include "imaging/ImageFiles.h"
+#include "imaging/ShotPictures.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/DicomExport.h"
+#include "imaging/DicomExport.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdatset.h>
@@ -15,7 +15,7 @@
 #include <cstring>
 #include <vector>
 
-#include "tools/ImageFiles.h"
+#include "imaging/ImageFiles.h"
 
 namespace korux {
 

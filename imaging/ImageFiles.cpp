@@ -1,4 +1,4 @@
-#include "tools/ImageFiles.h"
+#include "imaging/ImageFiles.h"
 
 #include <png.h>
 #include <zlib.h>

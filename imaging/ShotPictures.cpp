@@ -1,10 +1,10 @@
-#include "tools/ShotPictures.h"
+#include "imaging/ShotPictures.h"
 
 #include <QFileInfo>
 #include <QHash>
 
-#include "tools/OscilloscopePlot.h"
-#include "tools/ShotDescription.h"
+#include "imaging/OscilloscopePlot.h"
+#include "imaging/ShotDescription.h"
 
 namespace korux {
 

@@ -11,8 +11,8 @@
 #include <QStringList>
 #include <QVector>
 
-#include "tools/DicomExport.h"
-#include "tools/ImageFiles.h"
+#include "imaging/DicomExport.h"
+#include "imaging/ImageFiles.h"
 
 namespace korux {
 

@@ -15,7 +15,7 @@
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
 #include "tools/Interrupt.h"
-#include "tools/ShotFiles.h"
+#include "imaging/ShotFiles.h"
 #include "tools/ShotOutput.h"
 
 namespace korux {

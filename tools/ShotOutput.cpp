@@ -11,7 +11,7 @@
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
 #include "tools/Interrupt.h"
-#include "tools/ShotDescription.h"
+#include "imaging/ShotDescription.h"
 
 namespace korux {
 

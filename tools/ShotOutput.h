@@ -1,9 +1,9 @@
-// korux's side of a shot's picture files (tools/ShotPictures.h): the
+// korux's side of a shot's picture files (imaging/ShotPictures.h): the
 // command-line options that ask for them, their checks, and korux dicom.
 #pragma once
 
 #include "tools/Commands.h"
-#include "tools/ShotPictures.h"
+#include "imaging/ShotPictures.h"
 
 namespace korux {
 

@@ -16,8 +16,8 @@
 #include <gtest/gtest.h>
 
 #include "sim/Phantom.h"
-#include "tools/DicomExport.h"
-#include "tools/ImageFiles.h"
+#include "imaging/DicomExport.h"
+#include "imaging/ImageFiles.h"
 
 using namespace korux;
 

@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "sim/Phantom.h"
-#include "tools/ImageFiles.h"
+#include "imaging/ImageFiles.h"
 
 using namespace korux;
 

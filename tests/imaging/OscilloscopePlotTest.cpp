@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/OscilloscopePlot.h"
-#include "tools/ShotDescription.h"
-#include "tools/ShotPictures.h"
+#include "imaging/OscilloscopePlot.h"
+#include "imaging/ShotDescription.h"
+#include "imaging/ShotPictures.h"
 
 using namespace korux;
 

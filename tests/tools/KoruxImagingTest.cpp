@@ -15,9 +15,9 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/ImageFiles.h"
+#include "imaging/ImageFiles.h"
 #include "tools/KoruxRunner.h"
-#include "tools/OscilloscopePlot.h"
+#include "imaging/OscilloscopePlot.h"
 
 using namespace korux_test;
 
