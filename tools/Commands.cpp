@@ -136,7 +136,8 @@ const std::vector<Command>& commandTable()
     // needs the plug-in, --serial applies, handler
     static const std::vector<Command> table = {
         { "list", "",
-            "enumerate the sensors and print each unit: board serial, port A's USB serial and location, size, "
+            "enumerate the sensors and print each unit: board serial, port A's USB serial and location, "
+            "size, "
             "Inside or stand-alone, FPGA configured or not",
             0, 0, "", "", true, false, runList },
         { "enumerate", "", "enumerate the sensors again (command 1; in statusAcquired: back to statusReady)",
@@ -152,15 +153,22 @@ const std::vector<Command>& commandTable()
             false, runAbort },
         { "acquire",
             "[--out DIR] [--count N] [--oscilloscope] [--timeout S] [--overwrite] [--dicom] "
-            "[--dicom-presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT]",
+            "[--dicom-presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT] [--study-uid UID] "
+            "[--teeth N,N] [--region JAW] [--laterality SIDE] [--send PEER]",
             "arm, follow the exposure and write image, black image, description, preview, oscilloscope plot "
             "(and DICOM)",
             0, 0, "--oscilloscope --overwrite --dicom --dicom-presentation",
-            "--out --count --timeout --patient-name --patient-id --study", true, false, runAcquire },
+            "--out --count --timeout --patient-name --patient-id --study --study-uid --teeth --region "
+            "--laterality "
+            "--send --called-ae --calling-ae",
+            true, false, runAcquire },
         { "dicom",
-            "[--presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT] [--overwrite] SHOT.png",
+            "[--presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT] [--study-uid UID] "
+            "[--teeth N,N] [--region JAW] [--laterality SIDE] [--overwrite] SHOT.png",
             "write SHOT.dcm, the DICOM intra-oral image of a saved shot (SHOT.png and SHOT.txt)", 1, 1,
-            "--presentation --overwrite", "--patient-name --patient-id --study", false, false, runDicom },
+            "--presentation --overwrite",
+            "--patient-name --patient-id --study --study-uid --teeth --region --laterality", false, false,
+            runDicom },
         { "params", "", "* parameter report of each unit (command 1000)", 0, 0, "", "", true, true,
             runParams },
         { "voltages", "", "* voltage report of each unit (command 1001)", 0, 0, "", "", true, true,

@@ -18,6 +18,11 @@ PictureOptions pictureOptions(const CommandLine& line);
 bool checkPictureOptions(const QString& command, const CommandLine& line, bool dicomAsked, QString* error);
 bool checkDicom(const CommandLine& line, QString* error);
 
+// The picture options for a shot of unit: as given, or, when they name no
+// anatomy and the unit is a virtual sensor showing the phantom, with what
+// the phantom shows. A real sensor's shots get no anatomy unless given.
+PictureOptions picturesFor(const PictureOptions& options, const DicomUnit& unit);
+
 // Before the application is made: korux runs a GUI application (text in the
 // oscilloscope plot needs one) on Qt's minimal platform with its fonts (no
 // display, nothing left allocated at exit), without Qt's complaint about a

@@ -50,6 +50,9 @@ DicomShot shot(const QImage& raw)
     s.unit.sensorSerial = QStringLiteral("S-77");
     s.unit.firmware = QStringLiteral("2A");
     s.unit.technology = QStringLiteral("CsI");
+    s.identity = DicomSession::instance().nextShot(
+        QStringLiteral("P-42"), QStringLiteral("Doe^Jane"), QString(), s.unit.boardSerial, s.acquired);
+    s.anatomy.teeth = QStringList { QStringLiteral("44"), QStringLiteral("45") };
     return s;
 }
 
@@ -117,8 +120,6 @@ TEST_F(DicomExport, ReadBackGivesTheRawPixelsAndTheListedAttributes)
     const QImage raw = phantomRaw();
     ASSERT_EQ(raw.size(), QSize(1000, 1496));
     DicomShot s = shot(raw);
-    s.patient.name = QStringLiteral("Doe^Jane");
-    s.patient.id = QStringLiteral("P-42");
     s.patient.study = QStringLiteral("Check-up");
     QString error;
     const QString path = save(encodeDicom(s, DicomIntent::ForProcessing, &error), "shot.dcm");
@@ -139,7 +140,8 @@ TEST_F(DicomExport, ReadBackGivesTheRawPixelsAndTheListedAttributes)
     EXPECT_EQ(text(data, DCM_PatientName), "Doe^Jane");
     EXPECT_EQ(text(data, DCM_PatientID), "P-42");
     EXPECT_EQ(text(data, DCM_StudyDescription), "Check-up");
-    EXPECT_EQ(text(data, DCM_AcquisitionDateTime), "20260304101112");
+    EXPECT_EQ(text(data, DCM_AcquisitionDateTime).substr(0, 14), "20260304101112");
+    EXPECT_EQ(text(data, DCM_AcquisitionDateTime).size(), 19u); // with its offset from UTC
     EXPECT_EQ(text(data, DCM_ImageComments), kDescription.toStdString());
     EXPECT_FALSE(text(data, DCM_StudyInstanceUID).empty());
     EXPECT_FALSE(text(data, DCM_SOPInstanceUID).empty());
@@ -160,15 +162,20 @@ TEST_F(DicomExport, ReadBackGivesTheRawPixelsAndTheListedAttributes)
             << "row " << y;
 }
 
-TEST_F(DicomExport, WithoutPatientDataAViewerGetsPlaceholders)
+TEST_F(DicomExport, WithoutPatientDataTheStudyHasAnAnonymousPatientOfItsOwn)
 {
+    DicomShot s = shot(phantomRaw());
+    s.identity
+        = DicomSession::instance().nextShot(QString(), QString(), QString(), QStringLiteral("B"), s.acquired);
     QString error;
-    const QString path
-        = save(encodeDicom(shot(phantomRaw()), DicomIntent::ForProcessing, &error), "anon.dcm");
+    const QString path = save(encodeDicom(s, DicomIntent::ForProcessing, &error), "anon.dcm");
     DcmFileFormat file;
     ASSERT_TRUE(file.loadFile(path.toStdString().c_str()).good());
     EXPECT_EQ(text(file.getDataset(), DCM_PatientName), kDicomAnonymousName);
-    EXPECT_EQ(text(file.getDataset(), DCM_PatientID), kDicomAnonymousId);
+    const std::string id = text(file.getDataset(), DCM_PatientID);
+    EXPECT_EQ(id.rfind("KORUX-ANON-", 0), 0u) << id;
+    EXPECT_EQ(id.size(), 23u) << id;
+    EXPECT_TRUE(validationErrors(path).isEmpty());
 }
 
 TEST_F(DicomExport, PresentationCarriesTheWindow)
