@@ -12,6 +12,7 @@
 #include <QVector>
 
 #include "imaging/DicomExport.h"
+#include "imaging/DicomSend.h"
 #include "imaging/ImageFiles.h"
 
 namespace korux {
@@ -27,6 +28,8 @@ struct PictureOptions {
     DicomPatient patient;
     QString studyUid; // join this study; empty: the patient's study of the session
     DicomAnatomy anatomy;
+    bool send = false; // send the DICOM files to peer once written
+    DicomPeer peer;
 };
 
 // The unit as the description's SENSOR section gives it, with its firmware.

@@ -236,7 +236,7 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
         return false;
     }
     writeAll(pictureFiles);
-    return written;
+    return sendShotFiles(session, pictures, pictureFiles) && written;
 }
 
 // One shot: arm, wait for every unit, stop on time-out.

@@ -50,11 +50,46 @@ PictureOptions pictureOptions(const CommandLine& line)
     options.patient.id = line.value(QStringLiteral("--patient-id"));
     options.patient.study = line.value(QStringLiteral("--study"));
     options.studyUid = line.value(QStringLiteral("--study-uid"));
+    options.send = line.has(QStringLiteral("--send"));
     QString error;
+    parsePeer(line.value(QStringLiteral("--send")), &options.peer, &error);
+    options.peer.calledAe = line.value(QStringLiteral("--called-ae"), options.peer.calledAe);
+    options.peer.callingAe = line.value(QStringLiteral("--calling-ae"), options.peer.callingAe);
     parseAnatomy(line.value(QStringLiteral("--teeth")), line.value(QStringLiteral("--region")),
         line.value(QStringLiteral("--laterality")), &options.anatomy, &error);
     return options;
 }
+
+namespace {
+
+// The peer option (peerOption: --send or --peer) and the AE titles.
+bool checkPeerOptions(
+    const QString& command, const CommandLine& line, const QString& peerOption, QString* error)
+{
+    QString reason;
+    DicomPeer peer;
+    if (line.has(peerOption) && !parsePeer(line.value(peerOption), &peer, &reason)) {
+        *error = QStringLiteral("%1 %2: %3").arg(command, peerOption, reason);
+        return false;
+    }
+    for (const char* option : { "--called-ae", "--calling-ae" }) {
+        const QString name = QString::fromLatin1(option);
+        if (!line.has(name))
+            continue;
+        if (!line.has(peerOption)) {
+            *error = QStringLiteral("%1 %2 names an AE title of the peer %3 gives")
+                         .arg(command, name, peerOption);
+            return false;
+        }
+        if (!checkAeTitle(line.value(name), &reason)) {
+            *error = QStringLiteral("%1 %2: %3").arg(command, name, reason);
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
 
 bool checkPictureOptions(const QString& command, const CommandLine& line, bool dicomAsked, QString* error)
 {
@@ -92,8 +127,16 @@ bool checkPictureOptions(const QString& command, const CommandLine& line, bool d
             return false;
         }
     }
-    DicomAnatomy anatomy;
     QString reason;
+    if (!checkPeerOptions(command, line, QStringLiteral("--send"), &reason)) {
+        *error = reason;
+        return false;
+    }
+    if (line.has(QStringLiteral("--send")) && !dicomAsked) {
+        *error = QStringLiteral("%1 --send sends the DICOM files; add --dicom").arg(command);
+        return false;
+    }
+    DicomAnatomy anatomy;
     if (!parseAnatomy(line.value(QStringLiteral("--teeth")), line.value(QStringLiteral("--region")),
             line.value(QStringLiteral("--laterality")), &anatomy, &reason)) {
         *error = QStringLiteral("%1 %2").arg(command, reason);
@@ -116,6 +159,70 @@ PictureOptions picturesFor(const PictureOptions& options, const DicomUnit& unit)
     PictureOptions phantom = options;
     phantom.anatomy = anatomyFromText(QString::fromLatin1(text));
     return phantom;
+}
+
+namespace {
+
+// Sends paths to peer, saying each file stored and, in one line, why the
+// rest was not.
+bool sendAndReport(Session& session, const DicomPeer& peer, const QStringList& paths)
+{
+    QStringList stored;
+    QString error;
+    const bool sent = sendDicomFiles(peer, paths, &stored, &error);
+    const QString where = QStringLiteral("%1:%2").arg(peer.host).arg(peer.port);
+    for (const QString& file : stored) {
+        session.console.out(QStringLiteral("sent %1 to %2").arg(file, where));
+        session.console.json({ { QStringLiteral("sent"), file }, { QStringLiteral("peer"), where } });
+    }
+    if (!sent)
+        session.console.error(QStringLiteral("korux: ") + error);
+    return sent;
+}
+
+} // namespace
+
+bool sendShotFiles(Session& session, const PictureOptions& options, const QVector<ShotFile>& files)
+{
+    if (!options.send)
+        return true;
+    QStringList dicom;
+    for (const ShotFile& file : files)
+        if (file.path.endsWith(QLatin1String(".dcm")))
+            dicom << file.path;
+    return dicom.isEmpty() || sendAndReport(session, options.peer, dicom);
+}
+
+bool checkSend(const CommandLine& line, QString* error)
+{
+    if (!line.has(QStringLiteral("--peer"))) {
+        *error = QStringLiteral("send needs --peer HOST:PORT, the archive to store the files on");
+        return false;
+    }
+    bool ok = true;
+    const int timeout = line.value(QStringLiteral("--timeout"), QStringLiteral("30")).toInt(&ok);
+    if (!ok || timeout < 1 || timeout > 3600) {
+        *error = QStringLiteral("send --timeout takes 1 to 3600 seconds");
+        return false;
+    }
+    return checkPeerOptions(QStringLiteral("send"), line, QStringLiteral("--peer"), error);
+}
+
+// korux send FILE... --peer HOST:PORT: DICOM files stored on an archive.
+int runSend(Session& session, const CommandLine& line)
+{
+    QString error;
+    if (!checkSend(line, &error)) {
+        session.console.error(QStringLiteral("korux: ") + error);
+        return kExitUsage;
+    }
+    DicomPeer peer;
+    parsePeer(line.value(QStringLiteral("--peer")), &peer, &error);
+    peer.calledAe = line.value(QStringLiteral("--called-ae"), peer.calledAe);
+    peer.callingAe = line.value(QStringLiteral("--calling-ae"), peer.callingAe);
+    peer.timeoutSeconds
+        = line.value(QStringLiteral("--timeout"), QString::number(peer.timeoutSeconds)).toInt();
+    return sendAndReport(session, peer, line.positional) ? kExitOk : kExitFailure;
 }
 
 bool checkDicom(const CommandLine& line, QString* error)

@@ -23,6 +23,15 @@ bool checkDicom(const CommandLine& line, QString* error);
 // the phantom shows. A real sensor's shots get no anatomy unless given.
 PictureOptions picturesFor(const PictureOptions& options, const DicomUnit& unit);
 
+// acquire --send: the shot's DICOM files among files sent to the options'
+// peer, each stored one said on the console. False, having said why in one
+// line, when the peer did not store them all.
+bool sendShotFiles(Session& session, const PictureOptions& options, const QVector<ShotFile>& files);
+
+// korux send FILE... --peer HOST:PORT: checks and the command.
+bool checkSend(const CommandLine& line, QString* error);
+int runSend(Session& session, const CommandLine& line);
+
 // Before the application is made: korux runs a GUI application (text in the
 // oscilloscope plot needs one) on Qt's minimal platform with its fonts (no
 // display, nothing left allocated at exit), without Qt's complaint about a
