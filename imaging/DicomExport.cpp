@@ -280,10 +280,6 @@ QByteArray encodeDicom(const DicomShot& shot, DicomIntent intent, QString* error
     }
 
     DcmFileFormat file;
-    Writer meta(file.getMetaInfo());
-    // korux's own implementation, not the toolkit's.
-    meta.put(DCM_ImplementationClassUID, OFString(kKoruxImplementationClassUid))
-        .put(DCM_ImplementationVersionName, OFString(kKoruxImplementationVersionName));
     DcmDataset* data = file.getDataset();
     Writer w(data);
     // SOP Common
@@ -387,8 +383,8 @@ QByteArray encodeDicom(const DicomShot& shot, DicomIntent intent, QString* error
         .put(DCM_BitsStored, Uint16(bits))
         .put(DCM_HighBit, Uint16(bits - 1))
         .put(DCM_PixelRepresentation, Uint16(0));
-    if (!meta.ok() || !w.ok()) {
-        *error = meta.ok() ? w.error() : meta.error();
+    if (!w.ok()) {
+        *error = w.error();
         return QByteArray();
     }
     std::vector<Uint16> pixels(static_cast<size_t>(raw.width()) * raw.height());
@@ -402,6 +398,30 @@ QByteArray encodeDicom(const DicomShot& shot, DicomIntent intent, QString* error
         return QByteArray();
     }
 
+    // The meta header as the toolkit makes it, but naming korux's own
+    // implementation; written as it stands (the toolkit would put its own
+    // back), its group length counted again.
+    status = file.validateMetaInfo(EXS_LittleEndianExplicit, EWM_createNewMeta);
+    DcmMetaInfo* metaInfo = file.getMetaInfo();
+    Writer meta(metaInfo);
+    meta.put(DCM_ImplementationClassUID, OFString(kKoruxImplementationClassUid))
+        .put(DCM_ImplementationVersionName, OFString(kKoruxImplementationVersionName));
+    if (status.good() && meta.ok()) {
+        DcmElement* groupLength = nullptr;
+        Uint32 length = 0;
+        for (DcmObject* element = metaInfo->nextInContainer(nullptr); element;
+             element = metaInfo->nextInContainer(element))
+            if (element->getTag() != DCM_FileMetaInformationGroupLength)
+                length += element->calcElementLength(EXS_LittleEndianExplicit, EET_ExplicitLength);
+        if (metaInfo->findAndGetElement(DCM_FileMetaInformationGroupLength, groupLength).good())
+            status = groupLength->putUint32(length);
+    }
+    if (status.bad() || !meta.ok()) {
+        *error = QStringLiteral("cannot make the meta header: %1")
+                     .arg(status.bad() ? QString::fromLatin1(status.text()) : meta.error());
+        return QByteArray();
+    }
+
     // Into memory, a buffer at a time.
     QByteArray bytes;
     std::vector<char> buffer(1 << 20);
@@ -409,7 +429,7 @@ QByteArray encodeDicom(const DicomShot& shot, DicomIntent intent, QString* error
     file.transferInit();
     do {
         status = file.write(stream, EXS_LittleEndianExplicit, EET_ExplicitLength, nullptr, EGL_recalcGL,
-            EPD_withoutPadding, 0, 0, 0, EWM_fileformat);
+            EPD_withoutPadding, 0, 0, 0, EWM_dontUpdateMeta);
         void* chunk = nullptr;
         offile_off_t length = 0;
         stream.flushBuffer(chunk, length);
