@@ -252,20 +252,6 @@ int runDicom(Session& session, const CommandLine& line)
         return kExitFailure;
     }
     const QByteArray pngBytes = pngFile.readAll();
-    QFile textFile(stem + QStringLiteral(".txt"));
-    if (!textFile.open(QIODevice::ReadOnly)) {
-        session.console.error(QStringLiteral("korux: cannot read %1, the description of %2: %3")
-                                  .arg(textFile.fileName(), png, textFile.errorString()));
-        return kExitFailure;
-    }
-    const QString description = QString::fromUtf8(textFile.readAll());
-    const Description sections = parseDescription(description);
-    if (!sections.contains(QStringLiteral("SENSOR"))) {
-        session.console.error(
-            QStringLiteral("korux: %1 is no acquisition description (it has no [SENSOR] section)")
-                .arg(textFile.fileName()));
-        return kExitFailure;
-    }
     // What is not a shot's 16-bit PNG is refused from its header, before
     // any pixel is allocated: a preview (8 bits, windowed and inverted)
     // would be labelled as the sensor's values, a negative.
@@ -281,6 +267,20 @@ int runDicom(Session& session, const CommandLine& line)
                 .arg(png)
                 .arg(header.bitDepth)
                 .arg(header.colourType == 0 ? QStringLiteral("grey") : QStringLiteral("colour")));
+        return kExitFailure;
+    }
+    QFile textFile(stem + QStringLiteral(".txt"));
+    if (!textFile.open(QIODevice::ReadOnly)) {
+        session.console.error(QStringLiteral("korux: cannot read %1, the description of %2: %3")
+                                  .arg(textFile.fileName(), png, textFile.errorString()));
+        return kExitFailure;
+    }
+    const QString description = QString::fromUtf8(textFile.readAll());
+    const Description sections = parseDescription(description);
+    if (!sections.contains(QStringLiteral("SENSOR"))) {
+        session.console.error(
+            QStringLiteral("korux: %1 is no acquisition description (it has no [SENSOR] section)")
+                .arg(textFile.fileName()));
         return kExitFailure;
     }
     const QString size = sections.value(QStringLiteral("SENSOR")).value(QStringLiteral("Size"));
