@@ -292,3 +292,16 @@ TEST_F(KoruxDicomSession, SendSaysInOneLineWhyNothingWasStored)
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_TRUE(run.err.contains(QStringLiteral("send needs --peer HOST:PORT"))) << run.err.toStdString();
 }
+
+TEST_F(KoruxDicomSession, ASensorInsideAGeneratorGivesItsKvMaAndExposureTime)
+{
+    const KoruxRun run = koruxOn({ QStringLiteral("acquire"), QStringLiteral("--dicom") },
+        QStringLiteral(
+            R"({ "sensors": [ { "inside": true, "generator": { "kV": 65, "mA": 6, "timeDone": 99 } } ] })"));
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    const QString file = path(written(run.out, QStringLiteral(".dcm")).value(0));
+    EXPECT_EQ(dicomValue(file, DCM_KVP), QStringLiteral("65"));
+    EXPECT_EQ(dicomValue(file, DCM_XRayTubeCurrent), QStringLiteral("6"));
+    EXPECT_EQ(dicomValue(file, DCM_ExposureTime), QStringLiteral("99"));
+    EXPECT_TRUE(dciodvfyErrors(file).isEmpty());
+}
