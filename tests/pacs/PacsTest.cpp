@@ -126,7 +126,14 @@ protected:
         file.close();
         orthanc_.setProcessChannelMode(QProcess::MergedChannels);
         orthanc_.setStandardOutputFile(server_.filePath(QStringLiteral("orthanc.log")));
-        orthanc_.start(orthanc, { configPath });
+        // Through setpriv, when there: the server is killed with the test
+        // program even should that crash (the kernel's parent-death signal).
+        const QString setpriv = QStandardPaths::findExecutable(QStringLiteral("setpriv"));
+        if (setpriv.isEmpty())
+            orthanc_.start(orthanc, { configPath });
+        else
+            orthanc_.start(
+                setpriv, { QStringLiteral("--pdeathsig"), QStringLiteral("KILL"), orthanc, configPath });
         ASSERT_TRUE(orthanc_.waitForStarted(10000)) << orthanc_.errorString().toStdString();
         // Up when its REST API answers.
         QElapsedTimer waited;
