@@ -341,7 +341,14 @@ int runDicom(Session& session, const CommandLine& line)
         if (!options.patient.name.isEmpty())
             shot.identity.patientName = options.patient.name;
     } else {
-        shot.identity = shotIdentity(shot.unit, acquired, options);
+        // Another study for the same patient keeps the patient.
+        PictureOptions who = options;
+        if (hasKept && who.patient.id.isEmpty()) {
+            who.patient.id = kept.patientId;
+            if (who.patient.name.isEmpty())
+                who.patient.name = kept.patientName;
+        }
+        shot.identity = shotIdentity(shot.unit, acquired, who);
     }
     shot.anatomy = line.has(QStringLiteral("--teeth")) || line.has(QStringLiteral("--region"))
             || line.has(QStringLiteral("--laterality"))

@@ -140,6 +140,14 @@ TEST_F(KoruxDicomSession, DicomOfASavedShotGivesAcquiresOwnFiles)
     ASSERT_EQ(other.exitCode, 0) << other.err.toStdString();
     EXPECT_EQ(dicomValue(path(stem + ".dcm"), DCM_PatientID), QStringLiteral("PAT-E"));
     EXPECT_NE(contents(path(stem + ".dcm")), processing);
+
+    // --study-uid: into that study.
+    const QString study = QStringLiteral("2.25.1234567890");
+    const KoruxRun joined = korux({ QStringLiteral("dicom"), QStringLiteral("--overwrite"),
+        QStringLiteral("--study-uid"), study, png });
+    ASSERT_EQ(joined.exitCode, 0) << joined.err.toStdString();
+    EXPECT_EQ(dicomValue(path(stem + ".dcm"), DCM_StudyInstanceUID), study);
+    EXPECT_EQ(dicomValue(path(stem + ".dcm"), DCM_PatientID), QStringLiteral("PAT-D"));
 }
 
 TEST_F(KoruxDicomSession, AnatomyIsThePhantomsOnTheVirtualSensorAndNoneOnAPattern)
