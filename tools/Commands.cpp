@@ -159,8 +159,7 @@ const std::vector<Command>& commandTable()
     // needs the plug-in, --serial applies, handler
     static const std::vector<Command> table = {
         { "list", "",
-            "enumerate the sensors and print each unit: board serial, port A's USB serial and location, "
-            "size, "
+            "enumerate the sensors and print each unit: board serial, port A's USB serial and location, size, "
             "Inside or stand-alone, FPGA configured or not",
             0, 0, "", "", true, false, runList },
         { "enumerate", "", "enumerate the sensors again (command 1; in statusAcquired: back to statusReady)",
@@ -182,8 +181,7 @@ const std::vector<Command>& commandTable()
             "(and DICOM)",
             0, 0, "--oscilloscope --overwrite --dicom --dicom-presentation",
             "--out --count --timeout --patient-name --patient-id --study --study-uid --teeth --region "
-            "--laterality "
-            "--send --called-ae --calling-ae",
+            "--laterality --send --called-ae --calling-ae",
             true, false, runAcquire },
         { "dicom",
             "[--presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT] [--study-uid UID] "

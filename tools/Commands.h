@@ -73,8 +73,8 @@ QString usageText();
 // Splits a command's words into positional arguments and its options and
 // checks them, and that --serial (serial) applies to the command; false
 // with the reason in error.
-bool parseCommandLine(const Command& command, const QStringList& words, const QString& serial,
-    CommandLine* line, QString* error);
+bool parseCommandLine(
+    const Command& command, const QStringList& words, const QString& serial, CommandLine* line, QString* error);
 
 // Checks the values a command was given (ranges, numbers, names) before
 // anything runs: korux's own line before the plug-in loads, every script line

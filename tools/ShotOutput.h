@@ -8,13 +8,16 @@
 namespace korux {
 
 // --dicom, --dicom-presentation (or --presentation), --patient-name,
-// --patient-id, --study.
+// --patient-id, --study, --study-uid, --teeth, --region, --laterality,
+// --send with --called-ae and --calling-ae.
 PictureOptions pictureOptions(const CommandLine& line);
 
-// The picture options of a command line checked: the patient and study
-// options need DICOM files (acquire: --dicom), and each value is one DICOM
-// value (64 characters at most, no backslash, no control character). False
-// with the reason in error.
+// The picture options of a command line checked: the patient, study,
+// anatomy and send options need DICOM files (acquire: --dicom); each value
+// is one DICOM value (64 bytes at most, no backslash, no control character;
+// a person name as DICOM takes it, a UID of digits and dots), the anatomy
+// agrees with itself and the peer is HOST:PORT. False with the reason in
+// error.
 bool checkPictureOptions(const QString& command, const CommandLine& line, bool dicomAsked, QString* error);
 bool checkDicom(const CommandLine& line, QString* error);
 
