@@ -1,7 +1,8 @@
 // Who and what a shot's DICOM files belong to: the patient, the study (one
 // patient in one session: one korux process, script or shell), the two series
-// (For Processing and For Presentation are separate series of the study) and
-// the instance in each. The identity is made when the shot is taken and kept
+// (For Processing and For Presentation are separate series of the study: a
+// series has one Presentation Intent Type, DICOM PS3.3 C.8.11.1.1.1) and the
+// instance in each. The identity is made when the shot is taken and kept
 // in its PNG's text, so that the files made from the PNG later are the same.
 #pragma once
 
