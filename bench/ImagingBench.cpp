@@ -10,9 +10,9 @@
 #include <cstring>
 
 #include "sim/Phantom.h"
-#include "tools/DicomExport.h"
-#include "tools/ImageFiles.h"
-#include "tools/ShotPictures.h"
+#include "imaging/DicomExport.h"
+#include "imaging/ImageFiles.h"
+#include "imaging/ShotPictures.h"
 
 namespace {
 
@@ -61,8 +61,9 @@ void BM_ShotPictureFiles(benchmark::State& state)
     QString error;
     for (auto _ : state) {
         QVector<korux::ShotFile> files;
-        if (!korux::shotPictureFiles(QStringLiteral("/tmp/bench"), image, description,
-                korux::unitFromDescription(description, QStringLiteral("2")), now, options, &files, &error))
+        const korux::DicomUnit unit = korux::unitFromDescription(description, QStringLiteral("2"));
+        if (!korux::shotPictureFiles(QStringLiteral("/tmp/bench"), image, description, unit, now,
+                korux::shotIdentity(unit, now, options), options, &files, &error))
             state.SkipWithError(error.toStdString().c_str());
         benchmark::DoNotOptimize(files);
     }

@@ -12,7 +12,7 @@
 #include <benchmark/benchmark.h>
 
 #include "tools/AtomicFile.h"
-#include "tools/ShotFiles.h"
+#include "imaging/ShotFiles.h"
 
 namespace {
 

@@ -145,3 +145,34 @@ printf 'korux-trace 2\ncall 1 t=0 f=FT_Close st=0\n' | seed trace other-version
 printf 'korux-trace 1\ncall 1 t=0 f=FT_Close st=0 w=0g r=%%zz\n' | seed trace bad-hex
 printf 'korux-trace 1\ncall 1 t=0 f=FT_Close st=0 ot=%%41,,%%\nend 1\n' | seed trace bad-escape
 printf '\x1f\x8b\x08\x00garbage' | seed trace damaged-gzip
+
+# --- a shot's PNG (16-bit grey, sBIT 14, with the text chunks of its DICOM
+# identity and anatomy), small; made with python3's zlib ---
+png() { # name, width, height, bit depth, text chunks as key=value lines
+    python3 - "$@" <<'PY'
+import struct, sys, zlib
+name, width, height, depth = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), int(sys.argv[4])
+def chunk(kind, data):
+    return struct.pack('>I', len(data)) + kind + data + struct.pack('>I', zlib.crc32(kind + data) & 0xffffffff)
+row = bytes(1 + width * depth // 8)
+out = b'\x89PNG\r\n\x1a\n' + chunk(b'IHDR', struct.pack('>IIBBBBB', width, height, depth, 0, 0, 0, 0))
+out += chunk(b'sBIT', bytes([14 if depth == 16 else 8]))
+for line in sys.argv[5:]:
+    key, value = line.split('=', 1)
+    out += chunk(b'tEXt', key.encode('latin-1') + b'\0' + value.encode('latin-1'))
+out += chunk(b'IDAT', zlib.compress(row * height)) + chunk(b'IEND', b'')
+sys.stdout.buffer.write(out)
+PY
+}
+identity=("DICOM Patient ID=PAT-A" "DICOM Patient Name=Able^Ann" "DICOM Study UID=2.25.1" "DICOM Study ID=20260304-101112"
+    "DICOM Study Time=2026-03-04T10:11:12.000+01:00" "DICOM Processing Series UID=2.25.2"
+    "DICOM Processing Series Number=1" "DICOM Processing Series Time=2026-03-04T10:11:12.000+01:00"
+    "DICOM Processing Instance Number=1" "DICOM Processing Instance UID=2.25.3" "DICOM Presentation Series UID=2.25.4"
+    "DICOM Presentation Series Number=2" "DICOM Presentation Series Time=2026-03-04T10:11:12.000+01:00"
+    "DICOM Presentation Instance Number=1" "DICOM Presentation Instance UID=2.25.5")
+png shot 16 20 16 "Creation Time=2026-03-04T10:11:12+01:00" "Anatomy=teeth=44,45;region=mandible;laterality=R" \
+    "${identity[@]}" | seed shot_png shot
+png preview 16 10 8 "Software=korux" | seed shot_png preview
+png bad-anatomy 4 4 16 "Anatomy=teeth=99,14,44;region=jaw" "DICOM Patient ID=" | seed shot_png bad-anatomy
+# A header that declares 16384 x 16384 16-bit pixels, and nothing after it.
+printf '\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\x40\0\0\0\x40\0\x10\0\0\0\0\0\0\0\0' | seed shot_png huge-header

@@ -36,6 +36,9 @@ constexpr int kBottomCoveredRows = 6;
 constexpr double kPixelPitchMm = 0.020;
 // The dose of the default exposure (photodiode level 700 for 120 ms, dark
 // level 428): the unit of the dose argument below.
+// What the phantom shows, in the anatomy text korux keeps with a shot: the
+// right lower first and second premolars (ISO 3950 44 and 45).
+constexpr const char* kAnatomy = "teeth=44,45;region=mandible;laterality=R";
 constexpr double kReferenceDose = (700 - 428) * 120.0;
 // Signal above the dark offset of an uncovered pixel in the middle of the
 // field at the reference dose; it grows in proportion to the dose and

@@ -9,8 +9,11 @@
 #include <fstream>
 #include <iterator>
 
+#include <strings.h>
+
 #include "sim/Bridge.h"
 #include "sim/FlashContent.h"
+#include "sim/Phantom.h"
 #include "sim/Replay.h"
 
 namespace vbridge {
@@ -696,6 +699,25 @@ extern "C" int vbridge_flash_image_failure(char* error, unsigned long errorSize)
         error[errorSize - 1] = '\0';
     }
     return 1;
+}
+
+extern "C" int vbridge_picture_anatomy(const char* boardSerial, char* text, unsigned long textSize)
+{
+    if (!boardSerial || !text || !textSize)
+        return 0;
+    vbridge::Locked locked;
+    for (const auto& sensor : locked.bridge.sensors) {
+        char serial[17] = {};
+        std::snprintf(
+            serial, sizeof serial, "%016llX", static_cast<unsigned long long>(sensor->flash.uniqueId));
+        if (strcasecmp(serial, boardSerial) != 0
+            || sensor->config.image.kind != vbridge::ImageSource::Kind::Phantom)
+            continue;
+        std::strncpy(text, vbridge::phantom::kAnatomy, textSize - 1);
+        text[textSize - 1] = '\0';
+        return 1;
+    }
+    return 0;
 }
 
 extern "C" int vbridge_load_scenario(const char* path, char* error, unsigned long errorSize)

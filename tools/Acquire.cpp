@@ -15,7 +15,7 @@
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
 #include "tools/Interrupt.h"
-#include "tools/ShotFiles.h"
+#include "imaging/ShotFiles.h"
 #include "tools/ShotOutput.h"
 
 namespace korux {
@@ -181,9 +181,12 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
     QString error;
     const QDateTime acquired = QDateTime::currentDateTime();
     const DicomUnit identity = unitFromDescription(description, unit->firmware());
+    const PictureOptions pictures = picturesFor(settings.pictures, identity);
+    const DicomIdentity dicomIdentity = shotIdentity(identity, acquired, pictures);
     QByteArray imagePng;
     QByteArray blackPng;
-    if (!encodeShot(image, black, shotPngText(identity, acquired), &imagePng, &blackPng, &error)) {
+    if (!encodeShot(image, black, shotPngText(identity, acquired, dicomIdentity, pictures.anatomy), &imagePng,
+            &blackPng, &error)) {
         session.console.error(
             QStringLiteral("korux: cannot encode the image of unit %1: %2").arg(host.unitName(unit), error));
         return false;
@@ -226,14 +229,14 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
     // Then the files people open: preview, oscilloscope plot, DICOM.
     if (image.isNull())
         return written;
-    QVector<ShotFile> pictures;
+    QVector<ShotFile> pictureFiles;
     if (!shotPictureFiles(
-            stem, image, description, identity, acquired, settings.pictures, &pictures, &error)) {
+            stem, image, description, identity, acquired, dicomIdentity, pictures, &pictureFiles, &error)) {
         session.console.error(QStringLiteral("korux: the pictures of %1.png: %2").arg(stem, error));
         return false;
     }
-    writeAll(pictures);
-    return written;
+    writeAll(pictureFiles);
+    return sendShotFiles(session, pictures, pictureFiles) && written;
 }
 
 // One shot: arm, wait for every unit, stop on time-out.

@@ -88,16 +88,39 @@ constexpr CommandDetails kDetails[] = {
                   and the For Presentation one with its window (-presentation.dcm);
                   implies --dicom
   --patient-name NAME, --patient-id ID, --study TEXT
-                  the DICOM files' patient and study (default: an anonymous patient,
-                  no study description); 64 characters at most, no backslash
+                  the DICOM files' patient and study (default: an anonymous patient
+                  with an ID made up for the study, no study description); 64 bytes
+                  at most, no backslash; a name has at most four '^' and two '='
+  --study-uid UID join that study (default: one study per patient in a session)
+  --teeth N,N     the teeth shown, ISO 3950 numbers (11-48, deciduous 51-85)
+  --region JAW    maxilla or mandible (default: the teeth's jaw)
+  --laterality SIDE
+                  R, L or B (default: from the teeth); without --teeth, --region and
+                  --laterality R or L; no anatomy given: none written (a virtual
+                  sensor's phantom shots carry the phantom's)
+  --send HOST:PORT
+                  store the DICOM files on that archive once written (korux send),
+                  with --called-ae AE and --calling-ae AE
 files: <board serial>-<shot counter after the shot>.png, -black.png, .txt,
--preview.png (8 bits, windowed as film), -oscilloscope.png (with --oscilloscope),
-and with --dicom .dcm and -presentation.dcm)" },
+-preview.png (8 bits, the raw area through the window's sigmoid, as film),
+-oscilloscope.png (the exposure's dose rate, when the sensor sent it), and with
+--dicom .dcm and -presentation.dcm)" },
+    { "send", R"(  FILE...          DICOM files (.dcm), stored in the order given on one association
+  --peer HOST:PORT the archive's DICOM port
+  --called-ae AE   the archive's AE title (default ANY-SCP)
+  --calling-ae AE  korux's AE title (default KORUX); AE titles are 1 to 16 characters
+  --timeout S      seconds to connect and for each answer, 1 to 3600 (default 30)
+a C-ECHO first; a refused association, no answer in time or a store the archive
+does not confirm ends the command with one line and status 1)" },
     { "dicom", R"(  SHOT.png        a shot acquire wrote; its description SHOT.txt must be beside it
   --presentation  also write the For Presentation file, SHOT-presentation.dcm
-  --patient-name NAME, --patient-id ID, --study TEXT
-                  the patient and study (default: an anonymous patient, no study
-                  description); 64 characters at most, no backslash
+  --patient-name NAME, --patient-id ID, --study TEXT, --study-uid UID
+                  the patient and study (default: those the shot was taken with,
+                  kept in SHOT.png, so that the files are acquire's own)
+  --teeth N,N, --region JAW, --laterality SIDE
+                  the anatomy (default: the shot's, kept in SHOT.png)
+refused: 8-bit PNGs (previews), sizes that are not the description's Size, and
+PNGs that do not say when the shot was taken
   --overwrite     replace SHOT.dcm; without it an existing file is kept and nothing
                   is written
 needs no sensor: the plug-in is not loaded)" },
@@ -156,15 +179,24 @@ const std::vector<Command>& commandTable()
             false, runAbort },
         { "acquire",
             "[--out DIR] [--count N] [--oscilloscope] [--timeout S] [--overwrite] [--dicom] "
-            "[--dicom-presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT]",
+            "[--dicom-presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT] [--study-uid UID] "
+            "[--teeth N,N] [--region JAW] [--laterality SIDE] [--send PEER]",
             "arm, follow the exposure and write image, black image, description, preview, oscilloscope plot "
             "(and DICOM)",
             0, 0, "--oscilloscope --overwrite --dicom --dicom-presentation",
-            "--out --count --timeout --patient-name --patient-id --study", true, false, runAcquire },
+            "--out --count --timeout --patient-name --patient-id --study --study-uid --teeth --region "
+            "--laterality --send --called-ae --calling-ae",
+            true, false, runAcquire },
         { "dicom",
-            "[--presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT] [--overwrite] SHOT.png",
+            "[--presentation] [--patient-name NAME] [--patient-id ID] [--study TEXT] [--study-uid UID] "
+            "[--teeth N,N] [--region JAW] [--laterality SIDE] [--overwrite] SHOT.png",
             "write SHOT.dcm, the DICOM intra-oral image of a saved shot (SHOT.png and SHOT.txt)", 1, 1,
-            "--presentation --overwrite", "--patient-name --patient-id --study", false, false, runDicom },
+            "--presentation --overwrite",
+            "--patient-name --patient-id --study --study-uid --teeth --region --laterality", false, false,
+            runDicom },
+        { "send", "--peer HOST:PORT [--called-ae AE] [--calling-ae AE] [--timeout S] FILE...",
+            "store DICOM files on an archive (PACS): C-ECHO, then a C-STORE a file", 1, 100000, "",
+            "--peer --called-ae --calling-ae --timeout", false, false, runSend },
         { "params", "", "* parameter report of each unit (command 1000)", 0, 0, "", "", true, true,
             runParams },
         { "voltages", "", "* voltage report of each unit (command 1001)", 0, 0, "", "", true, true,
@@ -281,6 +313,8 @@ bool checkArguments(const Command& command, const CommandLine& line, QString* er
         return checkAcquire(line, error);
     if (command.run == runDicom)
         return checkDicom(line, error);
+    if (command.run == runSend)
+        return checkSend(line, error);
     if (command.run == runCounter)
         return checkCounter(line, error);
     if (command.run == runFlashPage)

@@ -110,6 +110,7 @@ int runReport(Session& session, const CommandLine& line);
 int runSet(Session& session, const CommandLine& line);
 int runAcquire(Session& session, const CommandLine& line);
 int runDicom(Session& session, const CommandLine& line);
+int runSend(Session& session, const CommandLine& line);
 int runScript(Session& session, const CommandLine& line);
 int runDoctor(Session& session, const CommandLine& line);
 int runShell(Session& session, const CommandLine& line);

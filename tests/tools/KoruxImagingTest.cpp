@@ -15,9 +15,9 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/ImageFiles.h"
+#include "imaging/ImageFiles.h"
 #include "tools/KoruxRunner.h"
-#include "tools/OscilloscopePlot.h"
+#include "imaging/OscilloscopePlot.h"
 
 using namespace korux_test;
 
@@ -103,10 +103,11 @@ TEST_F(KoruxImaging, AcquireWritesThePreviewAndThePlotBesideThePng)
     EXPECT_EQ(
         reinterpret_cast<const quint16*>(png.constScanLine(750))[500], quint16(middle << 2 | middle >> 12));
 
-    // The preview looks like an X-ray image in any viewer.
+    // The preview looks like an X-ray image in any viewer: the raw area,
+    // without the covered rows.
     const QImage preview = QImage(path(stem + QStringLiteral("-preview.png")));
     ASSERT_EQ(preview.format(), QImage::Format_Grayscale8);
-    ASSERT_EQ(preview.size(), png.size());
+    ASSERT_EQ(preview.size(), QSize(png.width(), png.height() - 10));
     double sum = 0;
     QSet<int> levels;
     for (int y = 0; y < preview.height(); ++y) {
@@ -171,15 +172,14 @@ TEST_F(KoruxImaging, PatientOptionsAreCheckedBeforeAnythingRuns)
         { QStringLiteral("acquire"), QStringLiteral("--patient-name"), QStringLiteral("Doe^Jane") });
     EXPECT_EQ(noDicom.exitCode, 2);
     EXPECT_EQ(noDicom.err,
-        QStringLiteral(
-            "korux: acquire --patient-name names the patient or study of DICOM files; add --dicom\n"));
+        QStringLiteral("korux: acquire --patient-name describes the patient, study or anatomy of DICOM "
+                       "files; add --dicom\n"));
     EXPECT_FALSE(noDicom.out.contains(QStringLiteral("statusArming"))) << noDicom.out;
 
     const KoruxRun tooLong = koruxOn({ QStringLiteral("acquire"), QStringLiteral("--dicom"),
         QStringLiteral("--patient-id"), QString(65, QLatin1Char('7')) });
     EXPECT_EQ(tooLong.exitCode, 2);
-    EXPECT_TRUE(tooLong.err.contains(QStringLiteral("--patient-id takes 64 characters at most")))
-        << tooLong.err;
+    EXPECT_TRUE(tooLong.err.contains(QStringLiteral("--patient-id takes 64 bytes at most"))) << tooLong.err;
 
     const KoruxRun backslash = korux({ QStringLiteral("dicom"), QStringLiteral("--study"),
         QStringLiteral("a\\b"), QStringLiteral("shot.png") });

@@ -11,13 +11,14 @@
 #include <dcmtk/dcmdata/dcdatset.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
+#include <dcmtk/dcmdata/dcmetinf.h>
 #include <dcmtk/dcmdata/dcuid.h>
 
 #include <gtest/gtest.h>
 
 #include "sim/Phantom.h"
-#include "tools/DicomExport.h"
-#include "tools/ImageFiles.h"
+#include "imaging/DicomExport.h"
+#include "imaging/ImageFiles.h"
 
 using namespace korux;
 
@@ -50,6 +51,9 @@ DicomShot shot(const QImage& raw)
     s.unit.sensorSerial = QStringLiteral("S-77");
     s.unit.firmware = QStringLiteral("2A");
     s.unit.technology = QStringLiteral("CsI");
+    s.identity = DicomSession::instance().nextShot(
+        QStringLiteral("P-42"), QStringLiteral("Doe^Jane"), QString(), s.unit.boardSerial, s.acquired);
+    s.anatomy.teeth = QStringList { QStringLiteral("44"), QStringLiteral("45") };
     return s;
 }
 
@@ -117,8 +121,6 @@ TEST_F(DicomExport, ReadBackGivesTheRawPixelsAndTheListedAttributes)
     const QImage raw = phantomRaw();
     ASSERT_EQ(raw.size(), QSize(1000, 1496));
     DicomShot s = shot(raw);
-    s.patient.name = QStringLiteral("Doe^Jane");
-    s.patient.id = QStringLiteral("P-42");
     s.patient.study = QStringLiteral("Check-up");
     QString error;
     const QString path = save(encodeDicom(s, DicomIntent::ForProcessing, &error), "shot.dcm");
@@ -139,7 +141,8 @@ TEST_F(DicomExport, ReadBackGivesTheRawPixelsAndTheListedAttributes)
     EXPECT_EQ(text(data, DCM_PatientName), "Doe^Jane");
     EXPECT_EQ(text(data, DCM_PatientID), "P-42");
     EXPECT_EQ(text(data, DCM_StudyDescription), "Check-up");
-    EXPECT_EQ(text(data, DCM_AcquisitionDateTime), "20260304101112");
+    EXPECT_EQ(text(data, DCM_AcquisitionDateTime).substr(0, 14), "20260304101112");
+    EXPECT_EQ(text(data, DCM_AcquisitionDateTime).size(), 19u); // with its offset from UTC
     EXPECT_EQ(text(data, DCM_ImageComments), kDescription.toStdString());
     EXPECT_FALSE(text(data, DCM_StudyInstanceUID).empty());
     EXPECT_FALSE(text(data, DCM_SOPInstanceUID).empty());
@@ -160,15 +163,20 @@ TEST_F(DicomExport, ReadBackGivesTheRawPixelsAndTheListedAttributes)
             << "row " << y;
 }
 
-TEST_F(DicomExport, WithoutPatientDataAViewerGetsPlaceholders)
+TEST_F(DicomExport, WithoutPatientDataTheStudyHasAnAnonymousPatientOfItsOwn)
 {
+    DicomShot s = shot(phantomRaw());
+    s.identity
+        = DicomSession::instance().nextShot(QString(), QString(), QString(), QStringLiteral("B"), s.acquired);
     QString error;
-    const QString path
-        = save(encodeDicom(shot(phantomRaw()), DicomIntent::ForProcessing, &error), "anon.dcm");
+    const QString path = save(encodeDicom(s, DicomIntent::ForProcessing, &error), "anon.dcm");
     DcmFileFormat file;
     ASSERT_TRUE(file.loadFile(path.toStdString().c_str()).good());
     EXPECT_EQ(text(file.getDataset(), DCM_PatientName), kDicomAnonymousName);
-    EXPECT_EQ(text(file.getDataset(), DCM_PatientID), kDicomAnonymousId);
+    const std::string id = text(file.getDataset(), DCM_PatientID);
+    EXPECT_EQ(id.rfind("KORUX-ANON-", 0), 0u) << id;
+    EXPECT_EQ(id.size(), 23u) << id;
+    EXPECT_TRUE(validationErrors(path).isEmpty());
 }
 
 TEST_F(DicomExport, PresentationCarriesTheWindow)
@@ -210,4 +218,130 @@ TEST_F(DicomExport, NoImageNoFile)
     QString error;
     EXPECT_TRUE(encodeDicom(DicomShot(), DicomIntent::ForProcessing, &error).isEmpty());
     EXPECT_EQ(error, QStringLiteral("no image to export"));
+}
+
+TEST_F(DicomExport, AnatomyIsTheUsersInSnomedCtCodes)
+{
+    DicomShot s = shot(phantomRaw());
+    s.anatomy.teeth = QStringList { QStringLiteral("36") };
+    QString error;
+    const QString path = save(encodeDicom(s, DicomIntent::ForProcessing, &error), "36.dcm");
+    DcmFileFormat file;
+    ASSERT_TRUE(file.loadFile(path.toStdString().c_str()).good());
+    DcmDataset* data = file.getDataset();
+    EXPECT_EQ(text(data, DCM_ImageLaterality), "L");
+    EXPECT_EQ(text(data, DCM_PatientOrientation), "P\\F");
+    DcmItem* region = nullptr;
+    ASSERT_TRUE(data->findAndGetSequenceItem(DCM_AnatomicRegionSequence, region, 0).good());
+    EXPECT_EQ(text(static_cast<DcmDataset*>(region), DCM_CodeValue), "91609006");
+    EXPECT_EQ(text(static_cast<DcmDataset*>(region), DCM_CodingSchemeDesignator), "SCT");
+    DcmItem* tooth = nullptr;
+    ASSERT_TRUE(data->findAndGetSequenceItem(DCM_PrimaryAnatomicStructureSequence, tooth, 0).good());
+    EXPECT_EQ(text(static_cast<DcmDataset*>(tooth), DCM_CodeValue), "89625000");
+    EXPECT_EQ(text(static_cast<DcmDataset*>(tooth), DCM_CodeMeaning), "Mandibular left first molar tooth");
+    EXPECT_FALSE(data->findAndGetSequenceItem(DCM_PrimaryAnatomicStructureSequence, tooth, 1).good());
+    EXPECT_TRUE(validationErrors(path).isEmpty());
+}
+
+TEST_F(DicomExport, RegionWithoutTeethCarriesItsSideAsModifier)
+{
+    DicomShot s = shot(phantomRaw());
+    s.anatomy = DicomAnatomy { {}, QStringLiteral("maxilla"), QStringLiteral("R") };
+    QString error;
+    const QString path = save(encodeDicom(s, DicomIntent::ForPresentation, &error), "region.dcm");
+    DcmFileFormat file;
+    ASSERT_TRUE(file.loadFile(path.toStdString().c_str()).good());
+    DcmItem* region = nullptr;
+    ASSERT_TRUE(file.getDataset()->findAndGetSequenceItem(DCM_AnatomicRegionSequence, region, 0).good());
+    DcmItem* modifier = nullptr;
+    ASSERT_TRUE(region->findAndGetSequenceItem(DCM_AnatomicRegionModifierSequence, modifier, 0).good());
+    EXPECT_EQ(text(static_cast<DcmDataset*>(modifier), DCM_CodeValue), "24028007");
+    const QStringList errors = validationErrors(path);
+    EXPECT_TRUE(errors.isEmpty()) << errors.join('\n').toStdString();
+}
+
+TEST_F(DicomExport, NoAnatomyGivenNoneWritten)
+{
+    DicomShot s = shot(phantomRaw());
+    s.anatomy = DicomAnatomy();
+    QString error;
+    const QString path = save(encodeDicom(s, DicomIntent::ForProcessing, &error), "none.dcm");
+    DcmFileFormat file;
+    ASSERT_TRUE(file.loadFile(path.toStdString().c_str()).good());
+    DcmDataset* data = file.getDataset();
+    EXPECT_FALSE(data->tagExists(DCM_AnatomicRegionSequence));
+    EXPECT_FALSE(data->tagExists(DCM_PrimaryAnatomicStructureSequence));
+    EXPECT_FALSE(data->tagExists(DCM_ImageLaterality));
+    EXPECT_EQ(text(data, DCM_PatientOrientation), "");
+}
+
+TEST_F(DicomExport, NoPlaceholdersNoDeprecatedCodesAndKoruxsOwnImplementation)
+{
+    DicomShot s = shot(phantomRaw());
+    s.unit.sensorSerial = QStringLiteral("UNKNOWN");
+    QString error;
+    const QByteArray bytes = encodeDicom(s, DicomIntent::ForPresentation, &error);
+    EXPECT_FALSE(bytes.contains("SRT"));
+    EXPECT_FALSE(bytes.contains("UNKNOWN"));
+    const QString path = save(bytes, "meta.dcm");
+    DcmFileFormat file;
+    ASSERT_TRUE(file.loadFile(path.toStdString().c_str()).good());
+    OFString value;
+    file.getMetaInfo()->findAndGetOFString(DCM_ImplementationClassUID, value);
+    EXPECT_EQ(value, kKoruxImplementationClassUid);
+    file.getMetaInfo()->findAndGetOFString(DCM_ImplementationVersionName, value);
+    EXPECT_EQ(value, kKoruxImplementationVersionName);
+    DcmDataset* data = file.getDataset();
+    EXPECT_FALSE(data->tagExists(DCM_DetectorID));
+    EXPECT_EQ(text(data, DCM_TimezoneOffsetFromUTC).size(), 5u);
+    EXPECT_EQ(text(data, DCM_VOILUTFunction), "SIGMOID");
+    EXPECT_EQ(text(data, DCM_SOPInstanceUID), s.identity.presentation.instanceUid.toStdString());
+    EXPECT_EQ(text(data, DCM_SeriesInstanceUID), s.identity.presentation.uid.toStdString());
+    EXPECT_EQ(text(data, DCM_SOPInstanceUID).rfind("2.25.", 0), 0u);
+    // A stand-alone sensor knows no generator.
+    EXPECT_FALSE(data->tagExists(DCM_KVP));
+}
+
+TEST_F(DicomExport, TimesAreTheStudysAndSeriesFirstAndTheOffsetFromUtc)
+{
+    DicomShot s = shot(phantomRaw());
+    s.acquired = QDateTime(QDate(2026, 3, 4), QTime(10, 11, 12), Qt::OffsetFromUTC, -5 * 3600 - 1800);
+    s.identity.studyStarted = s.acquired.addSecs(-3600);
+    s.identity.processing.started = s.acquired.addSecs(-60);
+    QString error;
+    const QString path = save(encodeDicom(s, DicomIntent::ForProcessing, &error), "times.dcm");
+    DcmFileFormat file;
+    ASSERT_TRUE(file.loadFile(path.toStdString().c_str()).good());
+    DcmDataset* data = file.getDataset();
+    EXPECT_EQ(text(data, DCM_TimezoneOffsetFromUTC), "-0530");
+    EXPECT_EQ(text(data, DCM_StudyTime), "091112");
+    EXPECT_EQ(text(data, DCM_SeriesTime), "101012");
+    EXPECT_EQ(text(data, DCM_ContentTime), "101112");
+    EXPECT_EQ(text(data, DCM_AcquisitionDateTime), "20260304101112-0530");
+}
+
+TEST_F(DicomExport, InsideGeneratorGivesKvMaAndExposureTime)
+{
+    DicomShot s = shot(phantomRaw());
+    s.description = QStringLiteral(
+        "\r\n[ACQUISITION]\r\nEnergy=31244\r\n[INSIDE_MEASURED]\r\nTimeDone=124\r\n[INSIDE_SETTINGS]\r\n"
+        "TimeSet=125\r\nkV=70\r\nmA=7\r\n[SENSOR]\r\nInside=yes\r\nSize=1\r\n");
+    QString error;
+    const QString path = save(encodeDicom(s, DicomIntent::ForProcessing, &error), "inside.dcm");
+    DcmFileFormat file;
+    ASSERT_TRUE(file.loadFile(path.toStdString().c_str()).good());
+    DcmDataset* data = file.getDataset();
+    EXPECT_EQ(text(data, DCM_KVP), "70");
+    EXPECT_EQ(text(data, DCM_XRayTubeCurrent), "7");
+    EXPECT_EQ(text(data, DCM_ExposureTime), "124");
+    EXPECT_TRUE(validationErrors(path).isEmpty());
+}
+
+TEST_F(DicomExport, ABadPersonNameIsRefused)
+{
+    DicomShot s = shot(phantomRaw());
+    s.identity.patientName = QStringLiteral("a^b^c^d^e^f^g=x=y=z");
+    QString error;
+    EXPECT_TRUE(encodeDicom(s, DicomIntent::ForProcessing, &error).isEmpty());
+    EXPECT_TRUE(error.startsWith(QStringLiteral("the patient name has"))) << error.toStdString();
 }

@@ -1,4 +1,4 @@
-#include "tools/OscilloscopePlot.h"
+#include "imaging/OscilloscopePlot.h"
 
 #include <QFont>
 #include <QPainter>
@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "tools/ShotDescription.h"
+#include "imaging/ShotDescription.h"
 
 namespace korux {
 

@@ -9,6 +9,9 @@
 #include <QImage>
 #include <QString>
 
+#include "imaging/DicomAnatomy.h"
+#include "imaging/DicomIdentity.h"
+
 namespace korux {
 
 enum class DicomIntent {
@@ -25,39 +28,46 @@ struct DicomUnit {
 };
 
 struct DicomPatient {
-    QString name; // empty: an anonymous placeholder
-    QString id; // empty: an anonymous placeholder
+    QString name; // a person name; empty: none known
+    QString id;
     QString study; // Study Description; empty: none
 };
 
-// UIDs one run shares: the shots of one korux run are one study and, per
-// unit, one series. Empty: made up.
-struct DicomSeries {
-    QString studyUid;
-    QString seriesUid;
-    int seriesNumber = 1;
+// The generator's settings, known only for a sensor Inside one.
+struct DicomGenerator {
+    int kV = 0; // 0: not known
+    int mA = 0;
+    int exposureMs = 0;
 };
 
 struct DicomShot {
     QImage raw; // the raw image area (16-bit grey)
     QString description; // the acquisition description text
-    QDateTime acquired; // when the image was delivered
-    int instanceNumber = 1;
+    QDateTime acquired; // when the image was delivered, with its offset from UTC
     DicomUnit unit;
-    DicomPatient patient;
-    DicomSeries series;
+    DicomPatient patient; // the study description; the patient is the identity's
+    DicomIdentity identity;
+    DicomAnatomy anatomy; // empty: none written
 };
 
-// The longest patient name, patient ID or study description kept (a DICOM
-// person name group or long string).
+// The longest value of a long string (patient ID, study description) and of
+// each component group of a person name, in bytes as the file holds them
+// (UTF-8).
 constexpr int kDicomLongValue = 64;
 
 extern const char* const kDicomManufacturer;
-extern const char* const kDicomAnonymousName;
-extern const char* const kDicomAnonymousId;
 
-// A new UID from DCMTK's generator.
-QString newDicomUid();
+// A person name as DICOM takes it: at most three component groups
+// (alphabetic=ideographic=phonetic), each of at most five components
+// separated by '^' and 64 bytes, no backslash or control character. False
+// with the reason in error.
+bool checkPersonName(const QString& name, QString* error);
+// A long string: 64 bytes at most, no backslash or control character.
+bool checkLongString(const QString& value, QString* error);
+
+// The generator's kV, mA and exposure time from an acquisition description
+// whose sensor is Inside; all zero otherwise.
+DicomGenerator generatorFromDescription(const QString& description);
 
 // The Part 10 file (preamble, meta header, explicit VR little endian).
 // Null with the reason in error.

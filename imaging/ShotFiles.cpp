@@ -1,4 +1,4 @@
-#include "tools/ShotFiles.h"
+#include "imaging/ShotFiles.h"
 
 #include <future>
 

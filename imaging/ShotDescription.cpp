@@ -1,4 +1,4 @@
-#include "tools/ShotDescription.h"
+#include "imaging/ShotDescription.h"
 
 #include <QRegularExpression>
 #include <QStringList>

@@ -1,5 +1,5 @@
 // The image files of a shot: 16-bit grey-scale PNG with the pixel size, the
-// significant bits and the shot's text (tools/ImageFiles.h), encoded fast
+// significant bits and the shot's text (imaging/ImageFiles.h), encoded fast
 // enough that the files are on the disk well before the next exposure is due.
 #pragma once
 
@@ -7,7 +7,7 @@
 #include <QImage>
 #include <QString>
 
-#include "tools/ImageFiles.h"
+#include "imaging/ImageFiles.h"
 
 namespace korux {
 

@@ -1,33 +1,22 @@
-#include "tools/ShotPictures.h"
+#include "imaging/ShotPictures.h"
 
 #include <QFileInfo>
 #include <QHash>
 
-#include "tools/OscilloscopePlot.h"
-#include "tools/ShotDescription.h"
+#include "imaging/OscilloscopePlot.h"
+#include "imaging/ShotDescription.h"
 
 namespace korux {
 
 const QString kPngCreationTimeKey = QStringLiteral("Creation Time");
 
-namespace {
+const QString kPngAnatomyKey = QStringLiteral("Anatomy");
 
-// One study per korux run, one series per unit in it, numbered in order.
-struct RunSeries {
-    QString studyUid;
-    QHash<QString, DicomSeries> series; // by board serial
-    QHash<QString, int> instances;
-};
-
-RunSeries& runSeries()
+DicomIdentity shotIdentity(const DicomUnit& unit, const QDateTime& acquired, const PictureOptions& options)
 {
-    static RunSeries run;
-    if (run.studyUid.isEmpty())
-        run.studyUid = newDicomUid();
-    return run;
+    return DicomSession::instance().nextShot(
+        options.patient.id, options.patient.name, options.studyUid, unit.boardSerial, acquired);
 }
-
-} // namespace
 
 DicomUnit unitFromDescription(const QString& description, const QString& firmware)
 {
@@ -41,7 +30,8 @@ DicomUnit unitFromDescription(const QString& description, const QString& firmwar
     return unit;
 }
 
-PngText shotPngText(const DicomUnit& unit, const QDateTime& acquired)
+PngText shotPngText(const DicomUnit& unit, const QDateTime& acquired, const DicomIdentity& identity,
+    const DicomAnatomy& anatomy)
 {
     PngText text;
     text.insert(QStringLiteral("Software"), QStringLiteral("korux"));
@@ -58,6 +48,10 @@ PngText shotPngText(const DicomUnit& unit, const QDateTime& acquired)
             kPngCreationTimeKey, acquired.toOffsetFromUtc(acquired.offsetFromUtc()).toString(Qt::ISODate));
     if (!unit.firmware.isEmpty())
         text.insert(kPngFirmwareKey, unit.firmware);
+    if (identity.isValid())
+        identityToPngText(identity, &text);
+    if (!anatomy.isEmpty())
+        text.insert(kPngAnatomyKey, anatomyText(anatomy));
     return text;
 }
 
@@ -76,8 +70,8 @@ QStringList shotPictureNames(const QString& stem, const QString& description, co
 }
 
 bool shotPictureFiles(const QString& stem, const QImage& image, const QString& description,
-    const DicomUnit& unit, const QDateTime& acquired, const PictureOptions& options, QVector<ShotFile>* files,
-    QString* error)
+    const DicomUnit& unit, const QDateTime& acquired, const DicomIdentity& identity,
+    const PictureOptions& options, QVector<ShotFile>* files, QString* error)
 {
     ShotFile preview { stem + QStringLiteral("-preview.png"), encodePreviewPng(image, error) };
     if (preview.bytes.isEmpty())
@@ -97,21 +91,14 @@ bool shotPictureFiles(const QString& stem, const QImage& image, const QString& d
     }
 
     if (options.dicom) {
-        RunSeries& run = runSeries();
-        DicomSeries& series = run.series[unit.boardSerial];
-        if (series.seriesUid.isEmpty()) {
-            series.studyUid = run.studyUid;
-            series.seriesUid = newDicomUid();
-            series.seriesNumber = run.series.size();
-        }
         DicomShot shot;
         shot.raw = rawArea(image);
         shot.description = description;
         shot.acquired = acquired;
-        shot.instanceNumber = ++run.instances[unit.boardSerial];
         shot.unit = unit;
         shot.patient = options.patient;
-        shot.series = series;
+        shot.identity = identity;
+        shot.anatomy = options.anatomy;
         ShotFile processing { stem + QStringLiteral(".dcm"),
             encodeDicom(shot, DicomIntent::ForProcessing, error) };
         if (processing.bytes.isEmpty())

@@ -6,10 +6,12 @@
 #include <QImageReader>
 #include <QSet>
 
+#include <cmath>
+
 #include <gtest/gtest.h>
 
 #include "sim/Phantom.h"
-#include "tools/ImageFiles.h"
+#include "imaging/ImageFiles.h"
 
 using namespace korux;
 
@@ -170,17 +172,36 @@ TEST(Preview, WindowIsTheHalfPercentPoints)
     EXPECT_EQ(window.high, 994);
 }
 
-TEST(Preview, InvertsAndClipsAtTheWindow)
+TEST(Preview, ShowsTheRawAreaThroughTheInvertedSigmoid)
 {
     // Covered rows of 0, then a raw area from 100 to 1099 over the columns.
     const QImage readout
         = grey16(1000, 20, [](int x, int y) { return quint16(y < 4 || y >= 14 ? 0 : 100 + x); });
     const QImage preview = previewImage(readout);
     ASSERT_EQ(preview.format(), QImage::Format_Grayscale8);
-    EXPECT_EQ(preview.constScanLine(5)[0], 255); // below the window: white
-    EXPECT_EQ(preview.constScanLine(5)[999], 0); // above it: black
-    EXPECT_GT(preview.constScanLine(5)[300], preview.constScanLine(5)[700]);
-    EXPECT_EQ(preview.constScanLine(0)[500], 255); // the covered rows are dark
+    // The covered rows are left out: no white bars.
+    ASSERT_EQ(preview.size(), QSize(1000, 10));
+    const Window window = autoWindow(rawArea(readout));
+    for (int x : { 0, 4, 300, 500, 700, 994, 999 })
+        EXPECT_EQ(preview.constScanLine(0)[x], qRound(255 * (1 - sigmoidLevel(100 + x, window)))) << x;
+    // The window's ends are not clipped: the sigmoid rolls off gently.
+    EXPECT_GT(preview.constScanLine(0)[4], 200);
+    EXPECT_LT(preview.constScanLine(0)[4], 255);
+    EXPECT_NEAR(preview.constScanLine(0)[500], 128, 2);
+    for (int x = 1; x < 1000; ++x)
+        ASSERT_LE(preview.constScanLine(9)[x], preview.constScanLine(9)[x - 1]) << x;
+}
+
+TEST(Preview, SigmoidIsTheStandardCurve)
+{
+    // Y = 1 / (1 + exp(-4 (x - c) / w)): a half at the centre, 1 / (1 + e^2)
+    // and 1 / (1 + e^-2) at the window's ends.
+    Window window;
+    window.low = 100;
+    window.high = 299;
+    EXPECT_DOUBLE_EQ(sigmoidLevel(int(window.centre()), window), 1.0 / (1.0 + std::exp(2.0 / 200)));
+    EXPECT_NEAR(sigmoidLevel(100, window), 1.0 / (1.0 + std::exp(2.0)), 0.01);
+    EXPECT_NEAR(sigmoidLevel(300, window), 1.0 / (1.0 + std::exp(-2.0)), 0.01);
 }
 
 TEST(Preview, DefaultShotLooksLikeAnXRay)
@@ -188,7 +209,7 @@ TEST(Preview, DefaultShotLooksLikeAnXRay)
     const QImage shot = defaultShot();
     const QImage preview = previewImage(shot);
     ASSERT_EQ(preview.format(), QImage::Format_Grayscale8);
-    ASSERT_EQ(preview.size(), shot.size());
+    ASSERT_EQ(preview.size(), rawArea(shot).size());
     double sum = 0;
     QSet<int> levels;
     for (int y = 0; y < preview.height(); ++y) {

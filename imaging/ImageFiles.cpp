@@ -1,4 +1,4 @@
-#include "tools/ImageFiles.h"
+#include "imaging/ImageFiles.h"
 
 #include <png.h>
 #include <zlib.h>
@@ -8,6 +8,7 @@
 #include <QtEndian>
 
 #include <algorithm>
+#include <cmath>
 #include <csetjmp>
 #include <cstring>
 #include <vector>
@@ -180,6 +181,24 @@ QByteArray encodeSensorPng(const QImage& image, const PngText& text, QString* er
     return writePng(picture, text, error);
 }
 
+bool readPngHeader(const QByteArray& bytes, PngHeader* header)
+{
+    // Signature (8 bytes), then the IHDR chunk: length 13, type, width,
+    // height (big-endian), bit depth, colour type.
+    static const QByteArray signature("\x89PNG\r\n\x1a\n", 8);
+    if (bytes.size() < 26 || !bytes.startsWith(signature) || bytes.mid(12, 4) != "IHDR")
+        return false;
+    auto word = [&bytes](int at) {
+        return (quint32(quint8(bytes[at])) << 24) | (quint32(quint8(bytes[at + 1])) << 16)
+            | (quint32(quint8(bytes[at + 2])) << 8) | quint32(quint8(bytes[at + 3]));
+    };
+    header->width = word(16);
+    header->height = word(20);
+    header->bitDepth = quint8(bytes[24]);
+    header->colourType = quint8(bytes[25]);
+    return true;
+}
+
 QImage decodeSensorPng(const QByteArray& bytes, PngText* text, QString* error)
 {
     if (bytes.size() < 8 || png_sig_cmp(reinterpret_cast<png_const_bytep>(bytes.constData()), 0, 8) != 0) {
@@ -292,27 +311,38 @@ Window autoWindow(const QImage& image)
     return window;
 }
 
+double sigmoidLevel(int value, const Window& window)
+{
+    return 1.0 / (1.0 + std::exp(-4.0 * (value - window.centre()) / window.width()));
+}
+
 QImage previewImage(const QImage& readout)
 {
     if (readout.isNull())
         return QImage();
     const QImage grey = toGrey16(readout);
     const QImage raw = rawArea(grey);
-    const Window window = autoWindow(raw.isNull() ? grey : raw);
-    QImage preview(grey.size(), QImage::Format_Grayscale8);
+    // The covered rows are no picture: the preview is the raw area, as the
+    // DICOM files are.
+    const QImage shown = raw.isNull() ? grey : raw;
+    const Window window = autoWindow(shown);
+    QImage preview(shown.size(), QImage::Format_Grayscale8);
     if (preview.isNull())
         return preview;
     preview.setDotsPerMeterX(kPixelsPerMetre);
     preview.setDotsPerMeterY(kPixelsPerMetre);
-    const double span = std::max(1, window.high - window.low);
-    for (int y = 0; y < grey.height(); ++y) {
-        const auto* in = reinterpret_cast<const quint16*>(grey.constScanLine(y));
+    // The curve of the For Presentation file: the window through a sigmoid
+    // (DICOM PS3.3 C.11.2.1.3.1), then inverted as film is.
+    uchar levels[1 << 16];
+    for (int value = 0; value < (1 << 16); ++value)
+        levels[value] = static_cast<uchar>(255.0 * (1.0 - sigmoidLevel(value, window)) + 0.5);
+    for (int y = 0; y < shown.height(); ++y) {
+        const auto* in = reinterpret_cast<const quint16*>(shown.constScanLine(y));
         uchar* out = preview.scanLine(y);
-        for (int x = 0; x < grey.width(); ++x) {
-            // The first pixel's top bits are the size code, not light.
-            const int value = x == 0 && y == 0 ? in[x] & ((1 << kSensorBits) - 1) : in[x];
-            const double level = (window.high - value) / span;
-            out[x] = static_cast<uchar>(std::clamp(level, 0.0, 1.0) * 255 + 0.5);
+        for (int x = 0; x < shown.width(); ++x) {
+            // The read-out's first pixel's top bits are the size code, not light.
+            const int value = x == 0 && y == 0 && raw.isNull() ? in[x] & ((1 << kSensorBits) - 1) : in[x];
+            out[x] = levels[value];
         }
     }
     return preview;

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/OscilloscopePlot.h"
-#include "tools/ShotDescription.h"
-#include "tools/ShotPictures.h"
+#include "imaging/OscilloscopePlot.h"
+#include "imaging/ShotDescription.h"
+#include "imaging/ShotPictures.h"
 
 using namespace korux;
 
@@ -125,7 +125,7 @@ TEST(OscilloscopePlot, NoSamplesNoPlot)
     image.fill(0);
     QVector<ShotFile> files;
     ASSERT_TRUE(shotPictureFiles(QStringLiteral("/tmp/x-001"), image, description(QString()), DicomUnit(),
-        QDateTime::currentDateTime(), PictureOptions(), &files, &error))
+        QDateTime::currentDateTime(), DicomIdentity(), PictureOptions(), &files, &error))
         << error.toStdString();
     ASSERT_EQ(files.size(), 1);
     EXPECT_EQ(files.first().path, QStringLiteral("/tmp/x-001-preview.png"));
@@ -138,7 +138,7 @@ TEST(OscilloscopePlot, ShotWithSamplesGetsItsPlotFile)
     QVector<ShotFile> files;
     QString error;
     ASSERT_TRUE(shotPictureFiles(QStringLiteral("/tmp/x-002"), image, description(exposureSamples()),
-        DicomUnit(), QDateTime::currentDateTime(), PictureOptions(), &files, &error))
+        DicomUnit(), QDateTime::currentDateTime(), DicomIdentity(), PictureOptions(), &files, &error))
         << error.toStdString();
     ASSERT_EQ(files.size(), 2);
     EXPECT_EQ(files.at(1).path, QStringLiteral("/tmp/x-002-oscilloscope.png"));
@@ -154,6 +154,6 @@ TEST(OscilloscopePlot, BrokenOscilloscopeTextIsAnError)
     QVector<ShotFile> files;
     QString error;
     EXPECT_FALSE(shotPictureFiles(QStringLiteral("/tmp/x-003"), image, description(QStringLiteral("01ag")),
-        DicomUnit(), QDateTime::currentDateTime(), PictureOptions(), &files, &error));
+        DicomUnit(), QDateTime::currentDateTime(), DicomIdentity(), PictureOptions(), &files, &error));
     EXPECT_TRUE(error.contains(QStringLiteral("\"01ag\""))) << error.toStdString();
 }

@@ -40,6 +40,23 @@ int significantBits(const QImage& image);
 // Null with the reason in error when it cannot be encoded.
 QByteArray encodeSensorPng(const QImage& image, const PngText& text, QString* error);
 
+// A PNG's header (IHDR), read without decoding anything. False when the
+// bytes do not start as a PNG does.
+struct PngHeader {
+    quint32 width = 0;
+    quint32 height = 0;
+    int bitDepth = 0;
+    int colourType = 0; // 0 grey, 2 RGB, 3 palette, 4 grey and alpha, 6 RGBA
+};
+bool readPngHeader(const QByteArray& bytes, PngHeader* header);
+
+// The read-out sizes of the two sensors (width x height): the .txt's Size
+// "1" and "2".
+constexpr int kSmallReadoutWidth = 1000;
+constexpr int kSmallReadoutHeight = 1506;
+constexpr int kLargeReadoutWidth = 1300;
+constexpr int kLargeReadoutHeight = 1706;
+
 // Reads a grey-scale PNG (8 or 16 bits) into a Format_Grayscale16 image of
 // the original values (the sBIT chunk undone), with its text chunks.
 QImage decodeSensorPng(const QByteArray& bytes, PngText* text, QString* error);
@@ -58,8 +75,13 @@ struct Window {
 };
 Window autoWindow(const QImage& image);
 
-// The preview of a read-out: 8 bits, the same size, windowed on the raw
-// area's histogram and inverted as film is (what stopped the beam is white).
+// The displayed level (0 to 1) of a value through the window's sigmoid, as
+// a viewer shows a For Presentation file (VOI LUT Function SIGMOID).
+double sigmoidLevel(int value, const Window& window);
+
+// The preview of a read-out: 8 bits, the raw area (the covered rows left
+// out), the window's sigmoid on the raw area's histogram, inverted as film
+// is (what stopped the beam is white).
 QImage previewImage(const QImage& readout);
 // The preview as an 8-bit PNG with its pixel size.
 QByteArray encodePreviewPng(const QImage& readout, QString* error);
