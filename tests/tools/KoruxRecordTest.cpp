@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QImage>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QThread>
@@ -160,23 +161,18 @@ TEST_F(KoruxRecord, ARecordedShotReplaysWithTheSameLogAndImage)
     ASSERT_EQ(replayed.exitCode, 0) << replayed.err;
     EXPECT_EQ(withoutClockReadings(replayed.out), withoutClockReadings(recorded.out));
     EXPECT_EQ(QDir(path(QStringLiteral("images"))).entryList(QDir::Files, QDir::Name), files);
-    static const QRegularExpression created(QStringLiteral("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ"));
     for (const QString& file : files) {
-        QByteArray again = readAll(QStringLiteral("images/") + file);
-        QByteArray first = shot[file];
-        const int at = first.indexOf("Creation Time");
-        if (at >= 0) {
-            // Only the time the file was written differs.
-            ASSERT_EQ(again.indexOf("Creation Time"), at) << file;
-            const int end = at + 14 + 20;
-            EXPECT_TRUE(created.match(QString::fromLatin1(first.mid(at + 14, 20))).hasMatch()) << file;
-            first.replace(at, end - at, QByteArray(end - at, 'x'));
-            again.replace(at, end - at, QByteArray(end - at, 'x'));
-            // The chunk's checksum covers the time too.
-            first.remove(end, 4);
-            again.remove(end, 4);
+        const QByteArray again = readAll(QStringLiteral("images/") + file);
+        const QByteArray first = shot[file];
+        if (file.endsWith(QLatin1String(".png"))) {
+            // The pictures hold the same pixels; their text chunks also carry
+            // the time they were written and the DICOM identity of the run.
+            const QImage firstImage = QImage::fromData(first, "PNG");
+            ASSERT_FALSE(firstImage.isNull()) << file;
+            EXPECT_TRUE(firstImage == QImage::fromData(again, "PNG")) << file;
+        } else {
+            EXPECT_TRUE(first == again) << file;
         }
-        EXPECT_TRUE(first == again) << file;
     }
 }
 
