@@ -97,10 +97,13 @@ and with --dicom .dcm and -presentation.dcm)" },
   --overwrite     replace SHOT.dcm; without it an existing file is kept and nothing
                   is written
 needs no sensor: the plug-in is not loaded)" },
-    { "counter", R"(  --increase  add one to the counter (command 1009) before reading it
-  --set N     write N (0 to 4294967294; the counter can never be set lower again);
-              needs --serial with several sensors, and a confirmation on the
-              terminal or --yes)" },
+    { "counter", R"(  --increase  add one to the counter (command 1009) before reading it; the counter
+              is read before and after, and a step other than one fails (exit 1)
+  --set N     write N (0 to 4294967294); the counter is read first and a value at
+              or below it is refused (exit 2) before anything is written: the flash
+              keeps every value written and reads the largest, so it is never set
+              lower again; needs --serial with several sensors, and a confirmation
+              on the terminal or --yes; the counter is read back afterwards)" },
     { "format-flash",
         R"(  needs --serial with several sensors, and a confirmation on the terminal or --yes)" },
     { "flash-files", R"(  --all        also the production files PRD and ASS
@@ -117,7 +120,11 @@ takes effect only in a script (korux run) or korux shell)" },
     { "stop", R"(  takes effect only in a script (korux run) or korux shell)" },
     { "abort", R"(  takes effect only in a script (korux run) or korux shell)" },
     { "goto", R"(  COMMAND  a hardwareStatus value the framework names, by number (1010) or name
-           (statusNoOpBegin, NoOpBegin, commandFamilyReport))" },
+           (statusNoOpBegin, NoOpBegin, commandFamilyReport))
+  --yes    confirm 1009 (counter increase) or 2000 (flash format): as counter --set
+           and format-flash, they need --serial with several sensors and a
+           confirmation on the terminal or --yes; 1003 to 1006 need a writable
+           family directory (--dir), as flash-files does)" },
     { "run", R"(  --keep-going  run the lines after a failing one too; the exit status is the first failure
   SCRIPT        a file, or - for standard input; every line is checked before the first runs)" },
     { "shell", R"(  exit, quit or the end of input leave; Ctrl-C stops the command running, not the shell)" },
@@ -136,7 +143,8 @@ const std::vector<Command>& commandTable()
     // needs the plug-in, --serial applies, handler
     static const std::vector<Command> table = {
         { "list", "",
-            "enumerate the sensors and print each unit: board serial, port A's USB serial and location, size, "
+            "enumerate the sensors and print each unit: board serial, port A's USB serial and location, "
+            "size, "
             "Inside or stand-alone, FPGA configured or not",
             0, 0, "", "", true, false, runList },
         { "enumerate", "", "enumerate the sensors again (command 1; in statusAcquired: back to statusReady)",
@@ -183,8 +191,8 @@ const std::vector<Command>& commandTable()
         { "set", "[--string] [--force] KEY VALUE",
             "set a family parameter, typed and ranged as the plug-in reads it", 2, 2, "--string --force", "",
             true, false, runSet },
-        { "goto", "COMMAND", "* send any hardwareStatus value as a command, by number or name", 1, 1, "", "",
-            true, true, runGoto },
+        { "goto", "[--yes] COMMAND", "* send any hardwareStatus value as a command, by number or name", 1, 1,
+            "--yes", "", true, true, runGoto },
         { "run", "[--keep-going] SCRIPT|-",
             "run the commands of SCRIPT (- : standard input), one a line, with one family", 1, 1,
             "--keep-going", "", true, false, runScript },

@@ -1,6 +1,7 @@
 // The commands that map onto one host command each: the acquisition cycle
 // (1, 6, 11, 13, 18, 20) and the service commands (1000 to 3001).
 #include <QDir>
+#include <QHash>
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QLibrary>
@@ -11,6 +12,7 @@
 #include <limits>
 #include <unistd.h>
 
+#include "tools/AtomicFile.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
 #include "tools/Interrupt.h"
@@ -550,6 +552,12 @@ bool checkGoto(const CommandLine& line, QString* error)
     return false;
 }
 
+namespace {
+int increaseCounters(Session& session);
+} // namespace
+int confirmIrreversible(
+    Session& session, const CommandLine& line, const QString& command, const QString& action);
+
 int runGoto(Session& session, const CommandLine& line)
 {
     QString error;
@@ -562,6 +570,44 @@ int runGoto(Session& session, const CommandLine& line)
     const int ready = ensureFamily(session);
     if (ready != kExitOk)
         return ready;
+    // The commands that write the flash or the family directory keep the
+    // rules of the commands named for them.
+    const QString name = QStringLiteral("goto %1").arg(int(command));
+    switch (command) {
+    case commandReadFlashFiles:
+    case commandReadAllFlashFiles:
+    case commandRewriteFlashFiles:
+    case commandRewriteAllFlashFiles: {
+        const int units = requireUnits(session);
+        if (units != kExitOk)
+            return units;
+        const QString directory = session.host->family()->directory().absolutePath();
+        QString reason;
+        if (!directoryIsWritable(directory, &reason)) {
+            session.console.error(QStringLiteral("korux: the family directory (--dir): %1").arg(reason));
+            return kExitUsage;
+        }
+        break;
+    }
+    case commandIncreaseShootCounter:
+    case commandFormatFlash: {
+        const int units = requireUnits(session);
+        if (units != kExitOk)
+            return units;
+        const int confirmed = confirmIrreversible(session, line, name,
+            command == commandFormatFlash
+                ? QStringLiteral("Erase the whole flash, calibration files and counter included,")
+                : QStringLiteral("Add one to the shot counter (it can never be set lower again)"));
+        if (confirmed != kExitOk)
+            return confirmed;
+        if (command == commandIncreaseShootCounter)
+            return increaseCounters(session);
+        openFlashPorts(session);
+        break;
+    }
+    default:
+        break;
+    }
     const Outcome outcome = sendUnitCommand(session, command);
     if (outcome.rejected)
         return cycleExit(session, outcome, {});
@@ -585,26 +631,102 @@ int runSerial(Session& session, const CommandLine&)
 
 namespace {
 
-// Command 1009 for each unit asked for: a unit command, named by the unit's
-// board serial.
-int increaseCounters(Session& session)
+// The counter each unit reads now, by a counter command to each unit; a
+// unit that sent no counter report is missing from the result.
+QHash<QVeltraHardwareUnit*, uint> readCounters(Session& session, const QVector<QVeltraHardwareUnit*>& units)
+{
+    QuietOutput quiet(*session.host);
+    QHash<QVeltraHardwareUnit*, uint> counters;
+    const QString chosen = session.serial;
+    for (QVeltraHardwareUnit* unit : units) {
+        session.serial = unit->boardSerial();
+        sendUnitCommand(session, commandGetShootCounter);
+        const QHash<const QVeltraHardwareUnit*, uint>& seen = session.host->observations().counters;
+        if (seen.contains(unit))
+            counters.insert(unit, seen.value(unit));
+    }
+    session.serial = chosen;
+    return counters;
+}
+
+// The units a counter write goes to, their serials read (the unit commands
+// name them so).
+QVector<QVeltraHardwareUnit*> counterUnits(Session& session)
 {
     QuietOutput quiet(*session.host);
     if (session.serial.isEmpty())
         sendFamilyCommand(session, commandReadSerialNumber);
-    const QVector<QVeltraHardwareUnit*> units = targetUnits(session);
+    return targetUnits(session);
+}
+
+// Command 1009 for each unit asked for: a unit command, named by the unit's
+// board serial. The counter is read before and after: a step that did not
+// add exactly one (a slot that did not take the new value) is a failure,
+// since every later shot would be named as the one before.
+int increaseCounters(Session& session)
+{
+    const QVector<QVeltraHardwareUnit*> units = counterUnits(session);
     if (units.isEmpty())
         return noUnitWithSerial(session);
+    const QHash<QVeltraHardwareUnit*, uint> before = readCounters(session, units);
     const QString chosen = session.serial;
     int result = kExitOk;
-    for (QVeltraHardwareUnit* unit : units) {
-        session.serial = unit->boardSerial();
-        const Outcome outcome = sendUnitCommand(session, commandIncreaseShootCounter);
-        if (outcome.failureLines > 0)
-            result = reportedFailure(session, outcome);
+    {
+        QuietOutput quiet(*session.host);
+        for (QVeltraHardwareUnit* unit : units) {
+            session.serial = unit->boardSerial();
+            const Outcome outcome = sendUnitCommand(session, commandIncreaseShootCounter);
+            if (outcome.failureLines > 0)
+                result = reportedFailure(session, outcome);
+        }
     }
     session.serial = chosen;
+    if (result != kExitOk)
+        return result;
+    const QHash<QVeltraHardwareUnit*, uint> after = readCounters(session, units);
+    for (QVeltraHardwareUnit* unit : units) {
+        const QString name = session.host->unitName(unit);
+        if (!before.contains(unit) || !after.contains(unit)) {
+            session.console.error(
+                QStringLiteral("korux: unit %1: its counter could not be read around the increase")
+                    .arg(name));
+            result = kExitFailure;
+        } else if (after.value(unit) != before.value(unit) + 1) {
+            session.console.error(QStringLiteral("korux: unit %1: the counter went from %2 to %3, not to %4")
+                                      .arg(name)
+                                      .arg(before.value(unit))
+                                      .arg(after.value(unit))
+                                      .arg(before.value(unit) + 1));
+            result = kExitFailure;
+        }
+    }
     return result;
+}
+
+// A value at or below the counter never takes: the flash would AND its bits
+// into the next slot and keep reading the old count. Refused before any write.
+int refuseLowerCounter(Session& session, const QVector<QVeltraHardwareUnit*>& units, unsigned int value)
+{
+    const QHash<QVeltraHardwareUnit*, uint> counters = readCounters(session, units);
+    for (QVeltraHardwareUnit* unit : units) {
+        if (!counters.contains(unit)) {
+            session.console.error(
+                QStringLiteral("korux: unit %1: its counter could not be read; nothing written")
+                    .arg(session.host->unitName(unit)));
+            return kExitFailure;
+        }
+        const uint current = counters.value(unit);
+        if (value <= current) {
+            session.console.error(
+                QStringLiteral("korux: unit %1: the counter reads %2; it can only be set above that, not to "
+                               "%3; nothing written")
+                    .arg(session.host->unitName(unit))
+                    .arg(current)
+                    .arg(value));
+            return kExitUsage;
+        }
+    }
+    return kExitOk;
 }
 
 // No host command sets the counter to a value: the unit class exports its
@@ -748,6 +870,12 @@ int runCounter(Session& session, const CommandLine& line)
         return ready;
     if (set) {
         const unsigned int value = static_cast<unsigned int>(number);
+        const QVector<QVeltraHardwareUnit*> units = counterUnits(session);
+        if (units.isEmpty())
+            return noUnitWithSerial(session);
+        const int refused = refuseLowerCounter(session, units, value);
+        if (refused != kExitOk)
+            return refused;
         const int confirmed = confirmIrreversible(session, line, QStringLiteral("counter --set"),
             QStringLiteral("Set the shot counter to %1 (it can never be set lower again)").arg(value));
         if (confirmed != kExitOk)
