@@ -7,6 +7,7 @@
 #include <QLibrary>
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <limits>
@@ -28,6 +29,8 @@ constexpr qlonglong kLastFlashPage = 0xFFFF00;
 constexpr int kSettleMs = 50;
 // How long the units may take to end a stop's dummy integration.
 constexpr int kStopTimeoutMs = 5000;
+// From a Ctrl-C to korux's end when it has a family to stop.
+constexpr int kInterruptedStopMs = 900;
 
 QString orDash(const QString& text)
 {
@@ -389,7 +392,20 @@ void stopArmedFamily(Session& session)
         return;
     session.console.error(QStringLiteral("korux: stopping the family"));
     sendFamilyCommand(session, statusStopping);
-    waitForUnitsToStop(session, kStopTimeoutMs, false);
+    // A person who pressed Ctrl-C waits a second at most, the stop included;
+    // a unit still on its way to stopped is named, not waited for.
+    const long long left = kInterruptedStopMs - millisecondsSinceStopRequest();
+    if (waitForUnitsToStop(session, int(std::max(0LL, left)), false))
+        return;
+    PluginHost& host = *session.host;
+    for (const QVeltraHardwareUnit* unit : host.family()->hardwareUnitVector()) {
+        const hardwareStatus status = host.observations().unitStatus.value(unit, unit->status());
+        if (status == statusStopping || status == statusStopped || status == statusError)
+            continue;
+        session.console.error(
+            QStringLiteral("korux: unit %1: the stop was sent; it was still in %2 when korux left")
+                .arg(host.unitName(unit), statusText(status)));
+    }
 }
 
 int interruptedExit()
