@@ -6,7 +6,9 @@
 #include <dlfcn.h>
 #include <link.h>
 
+#include "tools/AtomicFile.h"
 #include "tools/ExitCodes.h"
+#include "tools/Folders.h"
 #include "tools/InstallLayout.h"
 #include "tools/Interrupt.h"
 
@@ -51,6 +53,31 @@ void explainMissingVendorBridge(Console& console, const QString& reason)
 
 } // namespace
 
+QString defaultMachineScenario(QString* error)
+{
+    const QString directory = stateDirectory();
+    if (!QDir().mkpath(directory)) {
+        *error = QStringLiteral("cannot create %1").arg(directory);
+        return QString();
+    }
+    // The machine a host meets without a scenario, at its timing, with the
+    // flash image beside this file.
+    const bool instant = qEnvironmentVariable("KORUX_TIMING") == QLatin1String("instant");
+    const QByteArray text
+        = QByteArrayLiteral("{\n  \"comment\": \"korux's default virtual machine; its flash, "
+                            "counter included, is kept in default-flash.bin\",\n  \"timing\": \"")
+        + (instant ? "instant" : "realistic")
+        + QByteArrayLiteral(
+            "\",\n  \"sensors\": [ { \"flash\": { \"image\": \"default-flash.bin\" } } ]\n}\n");
+    const QString path = directory + QStringLiteral("/default-machine.json");
+    QFile current(path);
+    if (current.open(QIODevice::ReadOnly) && current.readAll() == text)
+        return path;
+    if (!writeFileAtomically(path, text, AtomicFile::Existing::Replace, error))
+        return QString();
+    return path;
+}
+
 int loadBridge(const Options& options, const QString& executableDirectory, Console& console, BridgeInfo* info)
 {
     const int flags = RTLD_NOW | RTLD_GLOBAL;
@@ -92,7 +119,22 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
     // another process holds.
     if (auto interruptWait = reinterpret_cast<void (*)()>(dlsym(info->handle, "vbridge_interrupt_wait")))
         setStopHook(interruptWait);
-    if (options.scenario.isEmpty())
+    QString scenario = options.scenario;
+    if (scenario.isEmpty() && info->virtualBridge) {
+        // KORUX_SCENARIO names the machine as --scenario does, with the
+        // same errors; without either, the default machine, whose flash
+        // lives on in the user's state directory as a sensor's does.
+        scenario = qEnvironmentVariable("KORUX_SCENARIO");
+        if (scenario.isEmpty()) {
+            QString error;
+            scenario = defaultMachineScenario(&error);
+            if (scenario.isEmpty()) {
+                console.error(QStringLiteral("korux: the default virtual machine: %1").arg(error));
+                return kExitFailure;
+            }
+        }
+    }
+    if (scenario.isEmpty())
         return kExitOk;
     if (!loadScenario) {
         console.error(QStringLiteral("korux: --scenario needs the virtual bridge; %1 cannot load scenarios")
@@ -100,14 +142,14 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
         return kExitUsage;
     }
     char error[kErrorSize] = {};
-    if (loadScenario(QFile::encodeName(options.scenario).constData(), error, kErrorSize) != 0) {
+    if (loadScenario(QFile::encodeName(scenario).constData(), error, kErrorSize) != 0) {
         if (stopRequested())
             return kExitFailure; // the caller says "interrupted"
         QString reason = QString::fromLocal8Bit(error);
         if (reason.isEmpty())
             reason = QStringLiteral("refused");
-        if (!reason.contains(options.scenario))
-            reason = QStringLiteral("scenario %1: %2").arg(options.scenario, reason);
+        if (!reason.contains(scenario))
+            reason = QStringLiteral("scenario %1: %2").arg(scenario, reason);
         console.error(QStringLiteral("korux: ") + reason);
         return kExitUsage;
     }

@@ -73,12 +73,15 @@ struct CommandDetails {
 
 constexpr CommandDetails kDetails[] = {
     { "acquire", R"(  --out DIR       the folder for the files (default: the current folder; created when
-                  missing); it must be writable before the sensor is armed
+                  missing, under a folder that exists); before the sensor is armed it
+                  and the family directory must be writable and have room for the shots
+                  (else exit 2); a shot that cannot be written there goes to the rescue
+                  folder ~/.local/state/korux/rescue, named on stderr (exit 1)
   --count N       N shots in a row (default 1)
   --timeout S     seconds to wait for each exposure, 1 to 86400 (default 60)
   --oscilloscope  arm with the oscilloscope on (the Oscilloscope parameter)
   --overwrite     replace files of the same name; without it an existing file is kept
-                  and the shot is reported as not written
+                  and the shot takes the next free name (NAME-2.png and on)
   --dicom         also write the DICOM intra-oral image, For Processing (.dcm)
   --dicom-presentation
                   and the For Presentation one with its window (-presentation.dcm);

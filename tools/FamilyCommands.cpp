@@ -16,6 +16,7 @@
 #include "tools/AtomicFile.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/Folders.h"
 #include "tools/Interrupt.h"
 
 namespace korux {
@@ -29,6 +30,9 @@ constexpr qlonglong kLastFlashPage = 0xFFFF00;
 constexpr int kSettleMs = 50;
 // How long the units may take to end a stop's dummy integration.
 constexpr int kStopTimeoutMs = 5000;
+// Room the family directory needs: the flash files' copies (the FPGA's
+// bitstream, the calibration files).
+constexpr qint64 kFamilyFilesBytes = 16LL << 20;
 // From a Ctrl-C to korux's end when it has a family to stop.
 constexpr int kInterruptedStopMs = 900;
 
@@ -408,6 +412,16 @@ void stopArmedFamily(Session& session)
     }
 }
 
+int checkFamilyDirectory(Session& session)
+{
+    const QString directory = session.host->family()->directory().absolutePath();
+    QString reason;
+    if (prepareFolder(directory, kFamilyFilesBytes, &reason))
+        return kExitOk;
+    session.console.error(QStringLiteral("korux: the family directory (--dir): %1").arg(reason));
+    return kExitUsage;
+}
+
 int interruptedExit()
 {
     return stopExitStatus(stopSignal());
@@ -486,6 +500,10 @@ int runList(Session& session, const CommandLine&)
             json.insert(QStringLiteral("probeFailure"), probe.failure);
         session.console.json(json);
     }
+    // Where the plug-in copies the flash files (the FPGA's bitstream on
+    // the way to an acquisition, the calibration files).
+    const QString directory = family->directory().absolutePath();
+    session.console.out(QStringLiteral("family directory %1").arg(directory));
     const QString name = family->codeName().isEmpty() ? family->sensorFamily() : family->codeName();
     session.console.out(QStringLiteral("family %1: %2 unit%3, status %4")
                             .arg(orDash(name))
@@ -494,7 +512,8 @@ int runList(Session& session, const CommandLine&)
                             .arg(statusText(family->status())));
     session.console.json({ { QStringLiteral("family"), name }, { QStringLiteral("units"), units.size() },
         { QStringLiteral("status"), int(family->status()) },
-        { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(family->status()) } });
+        { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(family->status()) },
+        { QStringLiteral("directory"), directory } });
     // In a script the family has moved on since its enumeration: units are
     // what counts.
     if (!units.isEmpty() && family->status() != statusError)
@@ -536,6 +555,10 @@ int runFpgaUpdate(Session& session, const CommandLine&)
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
+    // The plug-in copies the bitstream from flash into the family directory.
+    const int family = checkFamilyDirectory(session);
+    if (family != kExitOk)
+        return family;
     return cycleExit(session, sendFamilyCommand(session, statusFpgaUpdating), { statusFpgaUpdated });
 }
 
@@ -597,12 +620,9 @@ int runGoto(Session& session, const CommandLine& line)
         const int units = requireUnits(session);
         if (units != kExitOk)
             return units;
-        const QString directory = session.host->family()->directory().absolutePath();
-        QString reason;
-        if (!directoryIsWritable(directory, &reason)) {
-            session.console.error(QStringLiteral("korux: the family directory (--dir): %1").arg(reason));
-            return kExitUsage;
-        }
+        const int family = checkFamilyDirectory(session);
+        if (family != kExitOk)
+            return family;
         break;
     }
     case commandIncreaseShootCounter:

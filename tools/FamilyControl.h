@@ -58,6 +58,11 @@ bool waitForUnitsToStop(Session& session, int timeoutMs, bool interruptible = tr
 // no sensor is left armed.
 void stopArmedFamily(Session& session);
 
+// The family directory checked before the plug-in writes in it (it exists
+// or can be created, can be written, has room): kExitOk, or kExitUsage
+// having said why.
+int checkFamilyDirectory(Session& session);
+
 // The exit status of a command cut short by a stop request.
 int interruptedExit();
 

@@ -173,11 +173,9 @@ int runFlashFiles(Session& session, const CommandLine& line)
         return ready;
     // Before any flash is read: the copies must have somewhere to go.
     const QString directory = session.host->family()->directory().absolutePath();
-    QString reason;
-    if (!directoryIsWritable(directory, &reason)) {
-        session.console.error(QStringLiteral("korux: the family directory (--dir): %1").arg(reason));
-        return kExitUsage;
-    }
+    const int family = checkFamilyDirectory(session);
+    if (family != kExitOk)
+        return family;
     // 1003: the four files, 1004: with the production files, 1005 and 1006:
     // the same, replacing the copies already on disk.
     const bool all = line.has(QStringLiteral("--all"));

@@ -173,6 +173,19 @@ int main(int argc, char** argv)
     if (!command->needsPlugin)
         return finish(session, transcript, runCommand(session, *command, line));
 
+    // The framework makes the family directory, parents and all: one that
+    // is not there is made only under a folder that is.
+    if (!options.directory.isEmpty() && !QFileInfo::exists(options.directory)) {
+        const QFileInfo parent(QFileInfo(options.directory).absolutePath());
+        if (!parent.isDir()) {
+            console.error(
+                QStringLiteral("korux: the family directory (--dir): %1 cannot be created: %2 does not "
+                               "exist")
+                    .arg(options.directory, parent.filePath()));
+            return finish(session, transcript, kExitUsage);
+        }
+    }
+
     // The bridge goes first: the plug-in's "libft4222.so" is bound to
     // whichever library of that name is loaded when the plug-in is.
     BridgeInfo bridge;
@@ -192,6 +205,8 @@ int main(int argc, char** argv)
     }
     if (!options.directory.isEmpty())
         host.family()->setDirectory(QDir(options.directory));
+    if (options.verbose)
+        console.out(QStringLiteral("family directory %1").arg(host.family()->directory().absolutePath()));
 
     session.host = &host;
     const int result = runCommand(session, *command, line);

@@ -25,6 +25,7 @@ protected:
             quoted << QStringLiteral("'%1'").arg(word);
         QProcess process;
         process.setWorkingDirectory(directory_.path());
+        process.setProcessEnvironment(koruxEnvironment());
         process.start(QStringLiteral("script"),
             { QStringLiteral("-qec"), quoted.join(' '), QStringLiteral("/dev/null") });
         process.write(answer);

@@ -235,3 +235,15 @@ TEST_F(KoruxScript, ListAfterASerialReadSaysThePortIsInUse)
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_TRUE(run.out.contains(QStringLiteral(", size -, stand-alone, FPGA unknown (port A is in use), "))) << run.out;
 }
+
+// Every script in examples/ runs as the README shows it, to exit status 0.
+TEST_F(KoruxScript, EveryExampleRuns)
+{
+    const QDir examples(QStringLiteral(KORUX_SOURCE_DIR "/examples"));
+    const QStringList scripts = examples.entryList({ QStringLiteral("*.korux") }, QDir::Files);
+    ASSERT_FALSE(scripts.isEmpty());
+    for (const QString& script : scripts) {
+        const KoruxRun run = koruxOn({ QStringLiteral("run"), examples.filePath(script) });
+        EXPECT_EQ(run.exitCode, 0) << script << run.out << run.err;
+    }
+}
