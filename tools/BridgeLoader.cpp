@@ -82,7 +82,37 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
 {
     const int flags = RTLD_NOW | RTLD_GLOBAL;
     QString requested;
-    if (options.bridge == QLatin1String("virtual")) {
+    QString bridge = options.bridge;
+    const bool scenarioNamed
+        = !options.scenario.isEmpty() || !qEnvironmentVariable("KORUX_SCENARIO").isEmpty();
+    if (bridge == QLatin1String("auto")) {
+        // The vendor's library when one is installed: a machine with one is
+        // a machine for sensors. A scenario asks for the virtual bridge.
+        void* vendor = scenarioNamed ? nullptr : dlopen(kBridgeName, flags);
+        if (vendor && dlsym(vendor, kScenarioEntry)) {
+            // The system path leads to a virtual bridge: it is one all the same.
+            dlclose(vendor);
+            vendor = nullptr;
+        }
+        if (vendor) {
+            info->handle = vendor;
+            info->file = loadedFile(vendor, QString::fromLatin1(kBridgeName));
+            if (!options.quiet)
+                console.error(QStringLiteral("korux: using the vendor's bridge library %1 (--bridge virtual "
+                                             "for the virtual bridge)")
+                                  .arg(info->file));
+            bridge = QStringLiteral("vendor");
+        } else {
+            if (!options.quiet && !scenarioNamed)
+                console.error(
+                    QStringLiteral("korux: no vendor bridge library is installed; using the virtual "
+                                   "bridge (--bridge virtual or vendor chooses)"));
+            bridge = QStringLiteral("virtual");
+        }
+    }
+    if (info->handle) {
+        // Loaded above.
+    } else if (bridge == QLatin1String("virtual")) {
         requested = virtualBridgeFileFrom(executableDirectory);
         info->handle = dlopen(QFile::encodeName(requested).constData(), flags);
         if (!info->handle) {
@@ -91,7 +121,7 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
             console.error(QStringLiteral("  (it is built with the project: cmake --build build)"));
             return kExitNoBridge;
         }
-    } else if (options.bridge == QLatin1String("vendor")) {
+    } else if (bridge == QLatin1String("vendor")) {
         requested = QString::fromLatin1(kBridgeName);
         info->handle = dlopen(kBridgeName, flags);
         if (!info->handle) {
@@ -107,7 +137,8 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
             return kExitNoBridge;
         }
     }
-    info->file = loadedFile(info->handle, requested);
+    if (!requested.isEmpty())
+        info->file = loadedFile(info->handle, requested);
 
     // Only the virtual bridge has a control entry; its presence is what
     // tells the two apart, whichever way the library was chosen.

@@ -1,9 +1,11 @@
 #include "tools/Commands.h"
 
+#include <QCoreApplication>
 #include <QJsonArray>
 #include <QJsonObject>
 
 #include "tools/ExitCodes.h"
+#include "tools/InstallLayout.h"
 #include "tools/ShotOutput.h"
 #include "tools/Transcript.h"
 
@@ -22,12 +24,14 @@ commands:
 
 constexpr char kUsageTail[] = R"(
 options:
-  --bridge virtual|vendor|PATH  the library that answers "libft4222.so" (default: virtual,
-                                <korux dir>/../lib/virtual/libft4222.so; vendor: the one
-                                installed in the system library path)
+  --bridge auto|virtual|vendor|PATH
+                                the library that answers "libft4222.so" (default: auto, the
+                                vendor's one when installed in the system library path, else
+                                the virtual bridge, said once on stderr; virtual:
+                                @VIRTUAL@)
   --scenario FILE               load FILE into the virtual bridge before the plug-in starts
   --plugin PATH                 the plug-in library (default:
-                                <korux dir>/../lib/libVeltraXRayKORUX.so)
+                                @PLUGIN@)
   --dir DIR                     the family's directory for the files copied from flash
                                 (default: the per-user data directory)
   --serial SERIAL               the unit a * command is for, by its board serial (korux serial
@@ -228,7 +232,12 @@ QString usageText()
         else
             text += QStringLiteral("  %1 %2\n").arg(synopsis, -20).arg(command.summary);
     }
-    return text + QString::fromLatin1(kUsageTail);
+    // The defaults of the tree korux runs from, installed or built.
+    const QString directory = QCoreApplication::applicationDirPath();
+    return text
+        + QString::fromLatin1(kUsageTail)
+              .replace(QLatin1String("@VIRTUAL@"), virtualBridgeFileFrom(directory))
+              .replace(QLatin1String("@PLUGIN@"), pluginFileFrom(directory));
 }
 
 bool parseCommandLine(const Command& command, const QStringList& arguments, const QString& serial,

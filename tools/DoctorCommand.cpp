@@ -17,13 +17,12 @@
 #include "tools/Doctor.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/InstallLayout.h"
 #include "tools/PluginHost.h"
 
 namespace korux {
 
 namespace {
-
-constexpr char kPluginFile[] = "libVeltraXRayKORUX.so";
 
 enum class Mark { Ok, Fix, Note };
 
@@ -213,7 +212,7 @@ int enumerate(Session& session)
         return session.host->family()->hardwareUnitVector().size();
     }
     const QString pluginPath = session.options.plugin.isEmpty()
-        ? QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/") + kPluginFile)
+        ? pluginFileFrom(QCoreApplication::applicationDirPath())
         : session.options.plugin;
     PluginHost host(session.console, session.options.verbose, session.transcript);
     if (host.load(pluginPath) != kExitOk)
@@ -238,10 +237,16 @@ int runDoctor(Session& session, const CommandLine& line)
     if (line.has(QStringLiteral("--rules-dirs")))
         roots.rules = line.value(QStringLiteral("--rules-dirs")).split(QLatin1Char(':'), Qt::SkipEmptyParts);
 
+    // On its own, doctor checks what a machine with sensors needs: the
+    // vendor's library unless a bridge is named (--bridge virtual checks the
+    // virtual machine, and says it is one).
+    Options options = session.options;
+    if (options.bridge == QLatin1String("auto"))
+        options.bridge = QStringLiteral("vendor");
     BridgeInfo bridge;
     const int bridgeResult = session.host
         ? (findLoadedBridge(&bridge) ? kExitOk : kExitNoBridge)
-        : loadBridge(session.options, QCoreApplication::applicationDirPath(), console, &bridge);
+        : loadBridge(options, QCoreApplication::applicationDirPath(), console, &bridge);
     if (bridgeResult == kExitUsage)
         return bridgeResult; // a scenario the virtual bridge refused: the command line is wrong
     const bool bridgeLoaded = bridgeResult == kExitOk;
@@ -258,8 +263,7 @@ int runDoctor(Session& session, const CommandLine& line)
             QStringLiteral("%1 (%2)").arg(bridge.file, onVirtual ? "the virtual bridge" : "vendor"));
     else
         say(console, Mark::Fix, QStringLiteral("bridge library"),
-            QStringLiteral("none loaded (--bridge %1)").arg(session.options.bridge),
-            bridgeFix(session.options));
+            QStringLiteral("none loaded (--bridge %1)").arg(options.bridge), bridgeFix(options));
 
     reportRules(console, rules, roots, !devices.isEmpty() || !onVirtual);
 
@@ -296,7 +300,7 @@ int runDoctor(Session& session, const CommandLine& line)
     int sensors = 0;
     if (!bridgeLoaded) {
         say(console, Mark::Fix, QStringLiteral("sensors"),
-            QStringLiteral("not enumerated: no bridge library"), bridgeFix(session.options));
+            QStringLiteral("not enumerated: no bridge library"), bridgeFix(options));
     } else {
         sensors = enumerate(session);
         if (sensors < 0) {
@@ -320,7 +324,10 @@ int runDoctor(Session& session, const CommandLine& line)
     }
 
     if (sensors > 0 && (devices.isEmpty() || usableDevices > 0)) {
-        console.out(QStringLiteral("korux doctor: a sensor is usable"));
+        console.out(onVirtual
+                ? QStringLiteral("korux doctor: a sensor is usable on the virtual bridge; no real "
+                                 "sensor was checked (korux doctor without --bridge checks for one)")
+                : QStringLiteral("korux doctor: a sensor is usable"));
         return kExitOk;
     }
     if (devices.isEmpty()) {

@@ -17,3 +17,14 @@ out=$(env -u KORUX_SCENARIO -u LD_LIBRARY_PATH KORUX_TIMING=instant HOME="$prefi
 printf '%s\n' "$out" | grep -F "plugin $prefix/lib/veltra/hardware/libVeltraXRayKORUX.so"
 printf '%s\n' "$out" | grep -F "bridge $prefix/lib/korux/virtual/libft4222.so (virtual)"
 printf '%s\n' "$out" | grep -F ': 1 unit,'
+# doctor and help use the same lookup as every other command.
+run() {
+    env -u KORUX_SCENARIO -u LD_LIBRARY_PATH KORUX_TIMING=instant HOME="$prefix/home" XDG_STATE_HOME="$prefix/state" \
+        XDG_DATA_HOME="$prefix/data" "$prefix/bin/korux" "$@"
+}
+doctor=$(run --bridge virtual --time-scale 0 doctor)
+printf '%s\n' "$doctor" | grep -F "OK   bridge library: $prefix/lib/korux/virtual/libft4222.so (the virtual bridge)"
+printf '%s\n' "$doctor" | grep -F "OK   sensors: the plug-in's enumeration finds 1"
+help=$(run help)
+printf '%s\n' "$help" | grep -F "$prefix/lib/veltra/hardware/libVeltraXRayKORUX.so"
+printf '%s\n' "$help" | grep -F "$prefix/lib/korux/virtual/libft4222.so"

@@ -133,8 +133,9 @@ protected:
         return path;
     }
 
-    // korux on the virtual bridge with the test's family directory and no
-    // waits, on the machine the scenario text describes (default: one sensor).
+    // korux on the virtual bridge (named: no word on the bridge chosen) with
+    // the test's family directory and no waits, on the machine the scenario text describes (default: one
+    // sensor).
     KoruxRun koruxOn(const QStringList& arguments, const QString& scenario = QString())
     {
         return korux(argumentsOn(arguments, scenario));
@@ -143,8 +144,8 @@ protected:
     // korux's arguments for koruxOn (the scenario written to scenario.json).
     QStringList argumentsOn(const QStringList& arguments, const QString& scenario = QString())
     {
-        QStringList words { QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--time-scale"),
-            QStringLiteral("0") };
+        QStringList words { QStringLiteral("--bridge"), QStringLiteral("virtual"), QStringLiteral("--dir"),
+            familyDirectory(), QStringLiteral("--time-scale"), QStringLiteral("0") };
         if (!scenario.isEmpty())
             words << QStringLiteral("--scenario") << writeFile(QStringLiteral("scenario.json"), scenario.toUtf8());
         return words + arguments;

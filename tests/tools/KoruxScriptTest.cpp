@@ -19,8 +19,9 @@ protected:
     KoruxRun runScript(const QByteArray& text, const QStringList& extra = {})
     {
         const QString script = writeFile(QStringLiteral("procedure.korux"), text);
-        return korux(QStringList { QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--time-scale"),
-                         QStringLiteral("0") }
+        return korux(
+            QStringList { QStringLiteral("--bridge"), QStringLiteral("virtual"), QStringLiteral("--dir"),
+                familyDirectory(), QStringLiteral("--time-scale"), QStringLiteral("0") }
             + extra + QStringList { QStringLiteral("run"), script });
     }
 };
