@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 #include <dlfcn.h>
 #include <link.h>
@@ -167,6 +168,8 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
     }
     if (scenario.isEmpty())
         return kExitOk;
+    // The flash images' folder: what killed runs left there goes now.
+    removeAbandonedTemporaries(QFileInfo(scenario).absolutePath());
     if (!loadScenario) {
         console.error(QStringLiteral("korux: --scenario needs the virtual bridge; %1 cannot load scenarios")
                           .arg(info->file));

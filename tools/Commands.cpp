@@ -34,12 +34,15 @@ options:
                                 @PLUGIN@)
   --dir DIR                     the family's directory for the files copied from flash
                                 (default: the per-user data directory)
-  --serial SERIAL               the unit a * command is for, by its board serial (korux serial
-                                prints it)
-  --transcript FILE             write every signal and command as JSON lines to FILE
+  --serial SERIAL               the unit a * command is for, by its board serial, in any case
+                                (korux serial prints it)
+  --transcript FILE             write every signal and command as JSON lines to FILE; an
+                                existing FILE is refused without --overwrite, the scenario
+                                and the flash images always
+  --overwrite                   (before the command) let --transcript replace its file
   --color auto|always|never     render the log lines' style tags as colours (auto: on a
                                 terminal, unless NO_COLOR is set)
-  --time-scale X                stretch every framework sleep by X (0: no waits)
+  --time-scale X                stretch every framework sleep by X, 0 to 100 (0: no waits)
   -v, --verbose                 also print the plug-in's log (both channels), every report
                                 and the unit status changes
   -q, --quiet                   print only results (reports, files written) and errors
@@ -57,8 +60,10 @@ constexpr char kExitCodes[] = R"(exit statuses of korux:
   1    failure: statusError, a failure the plug-in logged, a report or image that did not
        come, a file not written whole (a full disk, a closed pipe), a flash file not
        copied, an irreversible write not confirmed
-  2    bad command line, script line, scenario, value out of range, or an output folder
-       that cannot be written
+  2    bad command line, script line, scenario (--scenario or KORUX_SCENARIO),
+       KORUX_TIMING, value out of range, a counter value at or below the count, a
+       transcript that would replace a file, or an output folder that cannot be written
+       or has no room for the shot
   3    no sensor found, or no unit with the serial given
   4    no bridge library could be loaded
   5    the family refused the command in its status
@@ -355,7 +360,7 @@ int runHelp(Session& session, const CommandLine& line)
     const Command* command = findCommand(line.positional.first());
     if (!command) {
         session.console.error(QStringLiteral("korux: unknown command \"%1\"").arg(line.positional.first()));
-        session.console.error(usageText());
+        session.console.error(QStringLiteral("korux: see korux help"));
         return kExitUsage;
     }
     session.console.out(

@@ -25,6 +25,7 @@ struct Options {
     bool json = false; // results as JSON documents, one a line, nothing else
     bool help = false;
     bool version = false;
+    bool overwrite = false; // an existing transcript may be replaced
     bool timeScaleSet = false;
     double timeScale = 1.0;
     QString command;

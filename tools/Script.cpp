@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <unistd.h>
 
 #include "tools/ExitCodes.h"
@@ -182,8 +183,13 @@ int runShell(Session& session, const CommandLine&)
             std::fputs("korux> ", stderr);
             std::fflush(stderr);
         }
-        char buffer[4096];
-        if (!std::fgets(buffer, sizeof buffer, stdin)) {
+        // A line of any length: getline grows the buffer as it reads.
+        char* buffer = nullptr;
+        size_t capacity = 0;
+        const ssize_t length = getline(&buffer, &capacity, stdin);
+        const QString text = length < 0 ? QString() : QString::fromLocal8Bit(buffer, int(length)).trimmed();
+        std::free(buffer);
+        if (length < 0) {
             // Ctrl-C at the prompt drops the line and asks again.
             if (std::ferror(stdin) && errno == EINTR && stopSignal() == SIGINT) {
                 std::clearerr(stdin);
@@ -195,7 +201,6 @@ int runShell(Session& session, const CommandLine&)
                 std::fputs("\n", stderr);
             return last;
         }
-        const QString text = QString::fromLocal8Bit(buffer).trimmed();
         if (text == QLatin1String("exit") || text == QLatin1String("quit"))
             return last;
         ScriptLine scriptLine;

@@ -6,6 +6,9 @@
 #include <QDir>
 #include <QGuiApplication>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QStringList>
 
 #include <cerrno>
@@ -18,6 +21,7 @@
 #include "tools/Commands.h"
 #include "tools/Console.h"
 #include "tools/ExitCodes.h"
+#include "tools/Folders.h"
 #include "tools/InstallLayout.h"
 #include "tools/FamilyControl.h"
 #include "tools/Interrupt.h"
@@ -44,11 +48,54 @@ bool wantColour(ColorMode mode)
     return isatty(STDOUT_FILENO) && !(noColour && *noColour);
 }
 
-int usageError(Console& console, const QString& reason)
+// One line of what is wrong, and where to read more: the help of the
+// command when there is one.
+int usageError(Console& console, const QString& reason, const QString& command = QString())
 {
     console.error(QStringLiteral("korux: ") + reason);
-    console.error(usageText());
+    console.error(findCommand(command) ? QStringLiteral("korux: see korux help %1").arg(command)
+                                       : QStringLiteral("korux: see korux help"));
     return kExitUsage;
+}
+
+// The files a transcript must never take the place of: the scenario, and
+// the flash images it names or the default machine keeps.
+QStringList protectedFiles(const Options& options)
+{
+    QStringList files;
+    QString scenario = options.scenario;
+    if (scenario.isEmpty())
+        scenario = qEnvironmentVariable("KORUX_SCENARIO");
+    if (scenario.isEmpty()) {
+        scenario = stateDirectory() + QStringLiteral("/default-machine.json");
+        files << stateDirectory() + QStringLiteral("/default-flash.bin");
+    }
+    files << scenario;
+    QFile file(scenario);
+    if (file.open(QIODevice::ReadOnly)) {
+        const QJsonArray sensors
+            = QJsonDocument::fromJson(file.read(1 << 20)).object().value(QStringLiteral("sensors")).toArray();
+        for (const QJsonValue& sensor : sensors) {
+            const QString image = sensor.toObject()
+                                      .value(QStringLiteral("flash"))
+                                      .toObject()
+                                      .value(QStringLiteral("image"))
+                                      .toString();
+            if (!image.isEmpty())
+                files << QFileInfo(scenario).absoluteDir().filePath(image);
+        }
+    }
+    return files;
+}
+
+// The same file, by what it is on the disk where it exists.
+bool sameFile(const QString& one, const QString& other)
+{
+    const QFileInfo a(one);
+    const QFileInfo b(other);
+    if (a.exists() && b.exists())
+        return a.canonicalFilePath() == b.canonicalFilePath();
+    return a.absoluteFilePath() == b.absoluteFilePath();
 }
 
 // The way out of every command that got as far as running: an interrupted
@@ -106,7 +153,14 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc; ++i)
         words << QString::fromLocal8Bit(argv[i]);
     if (!parseOptions(words, &options, &error))
-        return usageError(console, error);
+        return usageError(console, error, options.command);
+    // The virtual bridge reads it; a value it does not know would be ignored.
+    const QString timing = qEnvironmentVariable("KORUX_TIMING");
+    if (!timing.isEmpty() && timing != QLatin1String("instant") && timing != QLatin1String("realistic")) {
+        console.error(
+            QStringLiteral("korux: KORUX_TIMING takes instant or realistic, not \"%1\"").arg(timing));
+        return kExitUsage;
+    }
     const QString executableDirectory = QCoreApplication::applicationDirPath();
     const QString pluginPath
         = options.plugin.isEmpty() ? pluginFileFrom(executableDirectory) : options.plugin;
@@ -139,7 +193,7 @@ int main(int argc, char** argv)
         return usageError(console, QStringLiteral("unknown command \"%1\"").arg(options.command));
     CommandLine line;
     if (!parseCommandLine(*command, options.arguments, options.serial, &line, &error))
-        return usageError(console, error);
+        return usageError(console, error, options.command);
     // Every korux starts with a freshly enumerated family and ends it after
     // its command: these change nothing that outlives that.
     for (const char* name : { "arm", "stop", "abort", "set" }) {
@@ -163,6 +217,24 @@ int main(int argc, char** argv)
         setSleepTimeScale(options.timeScale);
 
     Transcript transcript;
+    if (!options.transcript.isEmpty()) {
+        for (const QString& file : protectedFiles(options)) {
+            if (sameFile(options.transcript, file)) {
+                console.error(
+                    QStringLiteral("korux: --transcript %1 is the virtual machine's %2; choose another file")
+                        .arg(options.transcript,
+                            file.endsWith(QLatin1String(".json")) ? QStringLiteral("scenario")
+                                                                  : QStringLiteral("flash image")));
+                return kExitUsage;
+            }
+        }
+        // A device (a terminal, /dev/full) is written to, not replaced.
+        if (QFileInfo(options.transcript).isFile() && !options.overwrite) {
+            console.error(QStringLiteral("korux: --transcript %1 exists already; --overwrite replaces it")
+                              .arg(options.transcript));
+            return kExitUsage;
+        }
+    }
     if (!options.transcript.isEmpty() && !transcript.open(options.transcript, &error)) {
         console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;

@@ -152,8 +152,9 @@ TEST_F(KoruxFiles, TranscriptTakesItsNameOnlyWhenComplete)
     writeFile(QStringLiteral("t.jsonl"), "old\n");
     QProcess process;
     startKorux(process,
-        argumentsOn({ QStringLiteral("--transcript"), QStringLiteral("t.jsonl"), QStringLiteral("acquire"),
-                        QStringLiteral("--timeout"), QStringLiteral("1") },
+        argumentsOn(
+            { QStringLiteral("--overwrite"), QStringLiteral("--transcript"), QStringLiteral("t.jsonl"),
+                QStringLiteral("acquire"), QStringLiteral("--timeout"), QStringLiteral("1") },
             kNoExposure));
     ASSERT_TRUE(waitForOutput(process, QStringLiteral("status statusArmed (21)")));
     QFile during(path(QStringLiteral("t.jsonl")));
