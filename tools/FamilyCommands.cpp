@@ -1,6 +1,7 @@
 // The commands that map onto one host command each: the acquisition cycle
 // (1, 6, 11, 13, 18, 20) and the service commands (1000 to 3001).
 #include <QDir>
+#include <QFileInfo>
 #include <QHash>
 #include <QJsonObject>
 #include <QJsonValue>
@@ -82,6 +83,25 @@ int flashServiceCommand(Session& session, hardwareStatus command, bool reports)
     return serviceExit(session, sendUnitCommand(session, command), reports);
 }
 
+// The last line of a cycle command that went as it should: what the family
+// is now, with its units.
+int sayResult(Session& session, int result, const QString& what)
+{
+    if (result != kExitOk)
+        return result;
+    const int units = session.host->family()->hardwareUnitVector().size();
+    const hardwareStatus status = session.host->family()->status();
+    session.console.out(QStringLiteral("%1: %2 unit%3, family in %4")
+                            .arg(what)
+                            .arg(units)
+                            .arg(units == 1 ? QString() : QStringLiteral("s"))
+                            .arg(statusText(status)));
+    session.console.json({ { QStringLiteral("result"), what }, { QStringLiteral("units"), units },
+        { QStringLiteral("status"), int(status) },
+        { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(status) } });
+    return result;
+}
+
 int stopCommand(Session& session, hardwareStatus command, hardwareStatus finalStatus)
 {
     const int ready = ensureFamily(session);
@@ -96,7 +116,8 @@ int stopCommand(Session& session, hardwareStatus command, hardwareStatus finalSt
         session.console.error(QStringLiteral("korux: the units did not stop within %1 s").arg(kStopTimeoutMs / 1000));
         return kExitTimeout;
     }
-    return cycleExit(session, outcome, { finalStatus });
+    return sayResult(session, cycleExit(session, outcome, { finalStatus }),
+        finalStatus == statusAborted ? QStringLiteral("aborted") : QStringLiteral("stopped"));
 }
 
 // A hardwareStatus by number or by its name ("statusArming", "commandArm",
@@ -539,7 +560,8 @@ int runEnumerate(Session& session, const CommandLine&)
         return ready;
     const bool fromAcquired = session.host->family()->status() == statusAcquired;
     const Outcome outcome = sendFamilyCommand(session, statusEnumerating);
-    return cycleExit(session, outcome, { fromAcquired ? statusReady : statusSensorFound });
+    return sayResult(session, cycleExit(session, outcome, { fromAcquired ? statusReady : statusSensorFound }),
+        QStringLiteral("enumerated"));
 }
 
 int runNoop(Session& session, const CommandLine&)
@@ -547,7 +569,9 @@ int runNoop(Session& session, const CommandLine&)
     const int ready = ensureFamily(session);
     if (ready != kExitOk)
         return ready;
-    return cycleExit(session, sendFamilyCommand(session, statusNoOpBegin), { statusNoOpEnd });
+    return sayResult(session,
+        cycleExit(session, sendFamilyCommand(session, statusNoOpBegin), { statusNoOpEnd }),
+        QStringLiteral("no-op done"));
 }
 
 int runFpgaUpdate(Session& session, const CommandLine&)
@@ -559,7 +583,39 @@ int runFpgaUpdate(Session& session, const CommandLine&)
     const int family = checkFamilyDirectory(session);
     if (family != kExitOk)
         return family;
-    return cycleExit(session, sendFamilyCommand(session, statusFpgaUpdating), { statusFpgaUpdated });
+    const int result
+        = cycleExit(session, sendFamilyCommand(session, statusFpgaUpdating), { statusFpgaUpdated });
+    if (result != kExitOk)
+        return result;
+    // What came of it, unit by unit: configured, and from which file, or
+    // nothing to do.
+    PluginHost& host = *session.host;
+    for (const QVeltraHardwareUnit* unit : host.family()->hardwareUnitVector()) {
+        const FpgaUpdate update = host.observations().fpga.value(unit);
+        QString text;
+        QString source;
+        if (update.alreadyConfigured) {
+            text = QStringLiteral("FPGA already configured, nothing sent");
+        } else if (!update.bitstream.isEmpty()) {
+            source = update.bitstream.endsWith(QLatin1String(".BTS"), Qt::CaseInsensitive)
+                ? QStringLiteral("the flash copy")
+                : QFileInfo(update.bitstream).fileName();
+            text = QStringLiteral("FPGA configured from %1").arg(source);
+        } else {
+            text = QStringLiteral("FPGA update ended; the plug-in did not say how (-v shows its log)");
+        }
+        session.console.out(QStringLiteral("unit %1: %2").arg(host.unitName(unit), text));
+        QJsonObject json { { QStringLiteral("unit"), host.unitIndex(unit) },
+            { QStringLiteral("boardSerial"), unit->boardSerial() },
+            { QStringLiteral("fpga"),
+                update.alreadyConfigured ? QStringLiteral("already configured")
+                    : source.isEmpty()   ? QStringLiteral("unknown")
+                                         : QStringLiteral("configured") } };
+        if (!update.bitstream.isEmpty())
+            json.insert(QStringLiteral("bitstream"), update.bitstream);
+        session.console.json(json);
+    }
+    return kExitOk;
 }
 
 int runArm(Session& session, const CommandLine& line)
@@ -569,7 +625,8 @@ int runArm(Session& session, const CommandLine& line)
         return ready;
     if (line.has(QStringLiteral("--oscilloscope")))
         session.host->family()->setParameter(QStringLiteral("Oscilloscope"), true);
-    return cycleExit(session, sendFamilyCommand(session, statusArming), { statusArmed });
+    return sayResult(session, cycleExit(session, sendFamilyCommand(session, statusArming), { statusArmed }),
+        QStringLiteral("armed"));
 }
 
 int runStop(Session& session, const CommandLine&)
