@@ -48,7 +48,9 @@ options:
   -q, --quiet                   print only results (reports, files written) and errors
   --json                        print the results as JSON documents, one a line, and nothing
                                 else (a report with its unit and board serial, a file
-                                written, a unit listed, a parameter set)
+                                written, a unit listed, a parameter set, a command's result;
+                                help, doctor and --version as one document each); with -v
+                                the plug-in's log goes to stderr as JSON lines
   -h, --help                    print this help (korux COMMAND --help: that command's options)
   --version                     print korux's version and the plug-in it would load
 
@@ -347,14 +349,96 @@ int runCommand(Session& session, const Command& command, const CommandLine& line
     return result;
 }
 
+namespace {
+
+// The option lines of the help ("  --name VALUE   text", continued on lines
+// that start further in) as name, synopsis and text.
+QJsonArray optionsDocument()
+{
+    QJsonArray options;
+    const QString tail
+        = usageText().section(QStringLiteral("\noptions:\n"), 1).section(QStringLiteral("\n\n"), 0, 0);
+    QJsonObject current;
+    for (const QString& line : tail.split(QLatin1Char('\n'))) {
+        if (line.startsWith(QLatin1String("  -"))) {
+            if (!current.isEmpty())
+                options.append(current);
+            const QString synopsis = line.mid(2).section(QStringLiteral("  "), 0, 0).trimmed();
+            QString name = synopsis.section(QLatin1Char(' '), 0, 0);
+            if (name.endsWith(QLatin1Char(','))) // "-v, --verbose": the long name
+                name = synopsis.section(QLatin1Char(' '), 1, 1);
+            current = { { QStringLiteral("option"), name }, { QStringLiteral("synopsis"), synopsis },
+                { QStringLiteral("text"), line.mid(2 + synopsis.size()).trimmed() } };
+        } else if (!current.isEmpty()) {
+            const QString more = line.trimmed();
+            const QString text = current.value(QStringLiteral("text")).toString();
+            current.insert(QStringLiteral("text"), text.isEmpty() ? more : text + QLatin1Char(' ') + more);
+        }
+    }
+    if (!current.isEmpty())
+        options.append(current);
+    return options;
+}
+
+QJsonArray exitCodesDocument()
+{
+    QJsonArray codes;
+    QJsonObject current;
+    for (const QString& line : QString::fromLatin1(kExitCodes).split(QLatin1Char('\n')).mid(1)) {
+        bool number = false;
+        const int code = line.left(7).trimmed().toInt(&number);
+        if (number) {
+            if (!current.isEmpty())
+                codes.append(current);
+            current = { { QStringLiteral("status"), code },
+                { QStringLiteral("meaning"), line.mid(7).trimmed() } };
+        } else if (!current.isEmpty()) {
+            current.insert(QStringLiteral("meaning"),
+                current.value(QStringLiteral("meaning")).toString() + QLatin1Char(' ') + line.trimmed());
+        }
+    }
+    if (!current.isEmpty())
+        codes.append(current);
+    return codes;
+}
+
+QJsonObject commandDocument(const Command& command)
+{
+    return { { QStringLiteral("name"), QString::fromLatin1(command.name) },
+        { QStringLiteral("arguments"), QString::fromLatin1(command.arguments) },
+        { QStringLiteral("summary"), QString::fromLatin1(command.summary) },
+        { QStringLiteral("forOneUnit"), command.forOneUnit },
+        { QStringLiteral("details"), commandDetails(command) } };
+}
+
+} // namespace
+
+QJsonObject helpDocument(const Command* command)
+{
+    if (command)
+        return { { QStringLiteral("command"), commandDocument(*command) } };
+    QJsonArray commands;
+    for (const Command& each : commandTable())
+        commands.append(commandDocument(each));
+    const QString directory = QCoreApplication::applicationDirPath();
+    const QJsonObject defaults { { QStringLiteral("bridge"), QStringLiteral("auto") },
+        { QStringLiteral("virtualBridge"), virtualBridgeFileFrom(directory) },
+        { QStringLiteral("plugin"), pluginFileFrom(directory) },
+        { QStringLiteral("color"), QStringLiteral("auto") }, { QStringLiteral("timeScale"), 1 } };
+    return { { QStringLiteral("commands"), commands }, { QStringLiteral("options"), optionsDocument() },
+        { QStringLiteral("defaults"), defaults }, { QStringLiteral("exitCodes"), exitCodesDocument() } };
+}
+
 int runHelp(Session& session, const CommandLine& line)
 {
     if (line.positional.isEmpty()) {
         session.console.out(usageText());
+        session.console.json(helpDocument(nullptr));
         return kExitOk;
     }
     if (line.positional.first() == QLatin1String("exit-codes")) {
         session.console.out(QString::fromLatin1(kExitCodes));
+        session.console.json({ { QStringLiteral("exitCodes"), exitCodesDocument() } });
         return kExitOk;
     }
     const Command* command = findCommand(line.positional.first());
@@ -367,6 +451,7 @@ int runHelp(Session& session, const CommandLine& line)
         QStringLiteral("korux [options] %1 %2").arg(command->name, command->arguments).trimmed());
     session.console.out(QStringLiteral("  %1").arg(command->summary));
     session.console.out(commandDetails(*command));
+    session.console.json(helpDocument(command));
     return kExitOk;
 }
 

@@ -5,6 +5,8 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonObject>
 
 #include <cstdio>
 #include <dlfcn.h>
@@ -26,6 +28,13 @@ namespace {
 
 enum class Mark { Ok, Fix, Note };
 
+// The checks said so far, for the one JSON document of --json.
+QJsonArray& checksSaid()
+{
+    static QJsonArray checks;
+    return checks;
+}
+
 void say(
     Console& console, Mark mark, const QString& check, const QString& finding, const QString& fix = QString())
 {
@@ -34,6 +43,22 @@ void say(
     if (!fix.isEmpty())
         text += (mark == Mark::Note ? QStringLiteral("; for a sensor: ") : QStringLiteral("; fix: ")) + fix;
     console.out(text);
+    QJsonObject json { { QStringLiteral("name"), check },
+        { QStringLiteral("verdict"), QString::fromLatin1(kMarks[int(mark)]).trimmed() },
+        { QStringLiteral("detail"), finding } };
+    json.insert(QStringLiteral("fix"), fix.isEmpty() ? QJsonValue() : QJsonValue(fix));
+    checksSaid().append(json);
+}
+
+// The last line, and with --json the whole report as one document.
+int conclude(Console& console, const QString& text, int status)
+{
+    console.out(text);
+    console.json({ { QStringLiteral("checks"), checksSaid() },
+        { QStringLiteral("conclusion"), text.mid(QStringLiteral("korux doctor: ").size()) },
+        { QStringLiteral("exit"), status } });
+    checksSaid() = QJsonArray();
+    return status;
 }
 
 QString installRuleFix()
@@ -323,20 +348,17 @@ int runDoctor(Session& session, const CommandLine& line)
         }
     }
 
-    if (sensors > 0 && (devices.isEmpty() || usableDevices > 0)) {
-        console.out(onVirtual
-                ? QStringLiteral("korux doctor: a sensor is usable on the virtual bridge; no real "
-                                 "sensor was checked (korux doctor without --bridge checks for one)")
-                : QStringLiteral("korux doctor: a sensor is usable"));
-        return kExitOk;
-    }
-    if (devices.isEmpty()) {
-        console.out(QStringLiteral("korux doctor: no sensor is present"));
-        return kExitNoSensor;
-    }
-    console.out(
-        QStringLiteral("korux doctor: a sensor is present but not usable; mend what the FIX lines say"));
-    return kExitFailure;
+    if (sensors > 0 && (devices.isEmpty() || usableDevices > 0))
+        return conclude(console,
+            onVirtual ? QStringLiteral("korux doctor: a sensor is usable on the virtual bridge; no real "
+                                       "sensor was checked (korux doctor without --bridge checks for one)")
+                      : QStringLiteral("korux doctor: a sensor is usable"),
+            kExitOk);
+    if (devices.isEmpty())
+        return conclude(console, QStringLiteral("korux doctor: no sensor is present"), kExitNoSensor);
+    return conclude(console,
+        QStringLiteral("korux doctor: a sensor is present but not usable; mend what the FIX lines say"),
+        kExitFailure);
 }
 
 } // namespace korux

@@ -164,9 +164,17 @@ int main(int argc, char** argv)
     const QString executableDirectory = QCoreApplication::applicationDirPath();
     const QString pluginPath
         = options.plugin.isEmpty() ? pluginFileFrom(executableDirectory) : options.plugin;
+    console.setJsonMode(options.json);
     if (options.version) {
         console.out(QStringLiteral("korux %1").arg(QStringLiteral(KORUX_VERSION)));
         const QFileInfo plugin(pluginPath);
+        QJsonObject version { { QStringLiteral("korux"), QStringLiteral(KORUX_VERSION) },
+            { QStringLiteral("plugin"), plugin.exists() ? plugin.absoluteFilePath() : pluginPath },
+            { QStringLiteral("pluginFound"), plugin.exists() } };
+        if (plugin.exists())
+            version.insert(
+                QStringLiteral("pluginBuilt"), plugin.lastModified().toUTC().toString(Qt::ISODate));
+        console.json(version);
         console.out(plugin.exists()
                 ? QStringLiteral("plug-in %1 (built %2)")
                       .arg(plugin.absoluteFilePath(), plugin.lastModified().toUTC().toString(Qt::ISODate))
@@ -184,6 +192,7 @@ int main(int argc, char** argv)
         } else {
             console.out(usageText());
         }
+        console.json(helpDocument(command));
         return console.outputFailed() ? kExitFailure : kExitOk;
     }
     if (options.command.isEmpty())
