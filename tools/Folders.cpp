@@ -44,7 +44,8 @@ bool prepareFolder(const QString& folder, qint64 bytes, QString* reason)
     if (!info.exists()) {
         const QFileInfo parent(info.absolutePath());
         if (!parent.isDir()) {
-            *reason = QStringLiteral("%1 cannot be created: %2 does not exist").arg(folder, parent.filePath());
+            *reason
+                = QStringLiteral("%1 cannot be created: %2 does not exist").arg(folder, parent.filePath());
             return false;
         }
         if (!QDir(parent.filePath()).mkdir(info.fileName()) && !QFileInfo(folder).isDir()) {

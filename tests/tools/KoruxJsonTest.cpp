@@ -29,7 +29,8 @@ TEST_F(Korux, VersionAsJson)
     const QJsonObject version = oneDocument(run.out);
     EXPECT_FALSE(version.value(QStringLiteral("korux")).toString().isEmpty());
     EXPECT_TRUE(version.value(QStringLiteral("pluginFound")).toBool());
-    EXPECT_TRUE(version.value(QStringLiteral("plugin")).toString().endsWith(QStringLiteral("libVeltraXRayKORUX.so")));
+    EXPECT_TRUE(
+        version.value(QStringLiteral("plugin")).toString().endsWith(QStringLiteral("libVeltraXRayKORUX.so")));
 }
 
 TEST_F(Korux, HelpAsJson)
@@ -46,7 +47,8 @@ TEST_F(Korux, HelpAsJson)
     for (const QJsonValue& option : help.value(QStringLiteral("options")).toArray())
         options << option.toObject().value(QStringLiteral("option")).toString();
     for (const char* option : { "--bridge", "--time-scale", "--verbose", "--json", "--overwrite" })
-        EXPECT_TRUE(options.contains(QString::fromLatin1(option))) << option << options.join(' ').toStdString();
+        EXPECT_TRUE(options.contains(QString::fromLatin1(option)))
+            << option << options.join(' ').toStdString();
     EXPECT_EQ(help.value(QStringLiteral("defaults")).toObject().value(QStringLiteral("bridge")).toString(),
         QStringLiteral("auto"));
     QVector<int> codes;
@@ -54,8 +56,13 @@ TEST_F(Korux, HelpAsJson)
         codes << code.toObject().value(QStringLiteral("status")).toInt();
     EXPECT_EQ(codes, (QVector<int> { 0, 1, 2, 3, 4, 5, 6, 130, 141, 143 }));
 
-    const KoruxRun one = korux({ QStringLiteral("--json"), QStringLiteral("help"), QStringLiteral("counter") });
-    EXPECT_EQ(oneDocument(one.out).value(QStringLiteral("command")).toObject().value(QStringLiteral("name")).toString(),
+    const KoruxRun one
+        = korux({ QStringLiteral("--json"), QStringLiteral("help"), QStringLiteral("counter") });
+    EXPECT_EQ(oneDocument(one.out)
+                  .value(QStringLiteral("command"))
+                  .toObject()
+                  .value(QStringLiteral("name"))
+                  .toString(),
         QStringLiteral("counter"));
 }
 
@@ -71,9 +78,11 @@ TEST_F(Korux, DoctorAsJson)
         for (const char* key : { "name", "verdict", "detail", "fix" })
             EXPECT_TRUE(object.contains(QLatin1String(key))) << key;
     }
-    EXPECT_EQ(checks.first().toObject().value(QStringLiteral("name")).toString(), QStringLiteral("bridge library"));
+    EXPECT_EQ(
+        checks.first().toObject().value(QStringLiteral("name")).toString(), QStringLiteral("bridge library"));
     EXPECT_EQ(report.value(QStringLiteral("exit")).toInt(), 0);
-    EXPECT_TRUE(report.value(QStringLiteral("conclusion")).toString().contains(QStringLiteral("virtual bridge")));
+    EXPECT_TRUE(
+        report.value(QStringLiteral("conclusion")).toString().contains(QStringLiteral("virtual bridge")));
 }
 
 TEST_F(Korux, VerboseJsonWritesTheLogToStandardErrorAsJsonLines)

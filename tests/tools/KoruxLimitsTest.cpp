@@ -56,13 +56,16 @@ protected:
 TEST_F(KoruxLimits, TimeScaleIsANumberFromZeroToAHundred)
 {
     for (const char* value : { "nan", "inf", "-inf", "1e9", "101", "-1" }) {
-        const KoruxRun run = korux({ QStringLiteral("--time-scale"), QString::fromLatin1(value), QStringLiteral("list") });
+        const KoruxRun run
+            = korux({ QStringLiteral("--time-scale"), QString::fromLatin1(value), QStringLiteral("list") });
         EXPECT_EQ(run.exitCode, 2) << value;
         EXPECT_EQ(run.err,
-            QStringLiteral("korux: --time-scale takes a number from 0 to 100, not \"%1\"\nkorux: see korux help\n")
+            QStringLiteral(
+                "korux: --time-scale takes a number from 0 to 100, not \"%1\"\nkorux: see korux help\n")
                 .arg(QString::fromLatin1(value)));
     }
-    const KoruxRun hundred = koruxOn({ QStringLiteral("--time-scale"), QStringLiteral("100"), QStringLiteral("help") });
+    const KoruxRun hundred
+        = koruxOn({ QStringLiteral("--time-scale"), QStringLiteral("100"), QStringLiteral("help") });
     EXPECT_EQ(hundred.exitCode, 0) << hundred.err;
 }
 
@@ -71,7 +74,8 @@ TEST_F(KoruxLimits, AUsageErrorIsOneLineAndThePlaceOfTheHelp)
 {
     const KoruxRun run = korux({ QStringLiteral("acquire"), QStringLiteral("--bogus") });
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_EQ(run.err, QStringLiteral("korux: acquire has no option \"--bogus\"\nkorux: see korux help acquire\n"));
+    EXPECT_EQ(
+        run.err, QStringLiteral("korux: acquire has no option \"--bogus\"\nkorux: see korux help acquire\n"));
     const KoruxRun unknown = korux({ QStringLiteral("bogus") });
     EXPECT_EQ(unknown.exitCode, 2);
     EXPECT_EQ(unknown.err, QStringLiteral("korux: unknown command \"bogus\"\nkorux: see korux help\n"));
@@ -97,15 +101,16 @@ TEST_F(KoruxLimits, ATranscriptReplacesNoFileUnlessTold)
     const QString kept = writeFile(QStringLiteral("t.jsonl"), "kept\n");
     const KoruxRun refused = koruxOn({ QStringLiteral("--transcript"), kept, QStringLiteral("list") });
     EXPECT_EQ(refused.exitCode, 2);
-    EXPECT_TRUE(refused.err.contains(QStringLiteral("--transcript %1 exists already; --overwrite replaces it").arg(kept)))
+    EXPECT_TRUE(refused.err.contains(
+        QStringLiteral("--transcript %1 exists already; --overwrite replaces it").arg(kept)))
         << refused.err;
     QFile file(kept);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_EQ(file.readAll(), QByteArray("kept\n"));
     file.close();
 
-    const KoruxRun replaced
-        = koruxOn({ QStringLiteral("--overwrite"), QStringLiteral("--transcript"), kept, QStringLiteral("list") });
+    const KoruxRun replaced = koruxOn(
+        { QStringLiteral("--overwrite"), QStringLiteral("--transcript"), kept, QStringLiteral("list") });
     EXPECT_EQ(replaced.exitCode, 0) << replaced.err;
     EXPECT_FALSE(readTranscript(QStringLiteral("t.jsonl")).isEmpty());
 }
@@ -119,9 +124,11 @@ TEST_F(KoruxLimits, ATranscriptNeverTakesThePlaceOfTheScenarioOrTheFlashImage)
         EXPECT_TRUE(file.open(QIODevice::ReadOnly));
         return file.readAll();
     }();
-    for (const QString& target : { path(QStringLiteral("scenario.json")), path(QStringLiteral("flash.bin")) }) {
+    for (const QString& target :
+        { path(QStringLiteral("scenario.json")), path(QStringLiteral("flash.bin")) }) {
         const KoruxRun run = koruxOn(
-            { QStringLiteral("--overwrite"), QStringLiteral("--transcript"), target, QStringLiteral("list") }, scenario);
+            { QStringLiteral("--overwrite"), QStringLiteral("--transcript"), target, QStringLiteral("list") },
+            scenario);
         EXPECT_EQ(run.exitCode, 2) << target;
         EXPECT_TRUE(run.err.contains(QStringLiteral("is the virtual machine's"))) << run.err;
     }
@@ -141,7 +148,8 @@ TEST_F(KoruxLimits, TheEnvironmentIsCheckedAsTheCommandLineIs)
         { { QStringLiteral("KORUX_SCENARIO"), path(QStringLiteral("missing.json")) } });
     EXPECT_EQ(scenario.exitCode, 2);
     EXPECT_TRUE(scenario.err.contains(QStringLiteral("missing.json: cannot be read"))) << scenario.err;
-    const KoruxRun timing = koruxWith({ QStringLiteral("list") }, { { QStringLiteral("KORUX_TIMING"), QStringLiteral("fast") } });
+    const KoruxRun timing = koruxWith(
+        { QStringLiteral("list") }, { { QStringLiteral("KORUX_TIMING"), QStringLiteral("fast") } });
     EXPECT_EQ(timing.exitCode, 2);
     EXPECT_EQ(timing.err, QStringLiteral("korux: KORUX_TIMING takes instant or realistic, not \"fast\"\n"));
     EXPECT_TRUE(timing.out.isEmpty()) << timing.out;
@@ -150,10 +158,11 @@ TEST_F(KoruxLimits, TheEnvironmentIsCheckedAsTheCommandLineIs)
 // A flash without files: korux says so in its own lines, Qt says nothing.
 TEST_F(KoruxLimits, NoQtMessageReachesStandardError)
 {
-    const KoruxRun run
-        = koruxOn({ QStringLiteral("flash-files") }, QStringLiteral(R"({"sensors": [{"flash": {"erased": true}}]})"));
+    const KoruxRun run = koruxOn(
+        { QStringLiteral("flash-files") }, QStringLiteral(R"({"sensors": [{"flash": {"erased": true}}]})"));
     EXPECT_EQ(run.exitCode, 1);
-    EXPECT_TRUE(run.err.contains(QStringLiteral("the flash holds no BTS file at 0xf00000 (no data to be read!)")))
+    EXPECT_TRUE(
+        run.err.contains(QStringLiteral("the flash holds no BTS file at 0xf00000 (no data to be read!)")))
         << run.err;
     EXPECT_FALSE(run.err.contains(QStringLiteral("QString"))) << run.err;
     for (const QString& line : run.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
@@ -172,7 +181,8 @@ TEST_F(KoruxLimits, TheNextKoruxRemovesWhatAKilledOneLeft)
     const int fd = ::open(QFile::encodeName(held).constData(), O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
-    const KoruxRun run = koruxOn({ QStringLiteral("acquire"), QStringLiteral("--out"), QStringLiteral("shots") });
+    const KoruxRun run
+        = koruxOn({ QStringLiteral("acquire"), QStringLiteral("--out"), QStringLiteral("shots") });
     close(fd);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_FALSE(QFile::exists(abandoned));

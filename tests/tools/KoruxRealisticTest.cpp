@@ -31,7 +31,7 @@ protected:
     QStringList realArguments(const QStringList& arguments, const QString& scenario)
     {
         return QStringList { QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--scenario"),
-                   writeFile(QStringLiteral("scenario.json"), scenario.toUtf8()) }
+            writeFile(QStringLiteral("scenario.json"), scenario.toUtf8()) }
         + arguments;
     }
 };

@@ -48,7 +48,8 @@ protected:
 // A folder without room for the shot is refused before the sensor is armed.
 TEST_F(KoruxSpace, AFullDiskIsRefusedBeforeArming)
 {
-    const QStringList acquire { QStringLiteral("acquire"), QStringLiteral("--out"), disk() + QStringLiteral("/shots") };
+    const QStringList acquire { QStringLiteral("acquire"), QStringLiteral("--out"),
+        disk() + QStringLiteral("/shots") };
     KoruxRun run;
     if (mountSmallDisk(QStringLiteral("2m"))) {
         run = koruxOn(acquire);
@@ -59,7 +60,8 @@ TEST_F(KoruxSpace, AFullDiskIsRefusedBeforeArming)
         qunsetenv("KORUX_TEST_FREE_BYTES");
     }
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_TRUE(run.err.contains(QStringLiteral("korux: acquire --out: %1/shots has ").arg(disk()))) << run.err;
+    EXPECT_TRUE(run.err.contains(QStringLiteral("korux: acquire --out: %1/shots has ").arg(disk())))
+        << run.err;
     EXPECT_TRUE(run.err.contains(QStringLiteral("free; the files need about"))) << run.err;
     EXPECT_FALSE(run.out.contains(QStringLiteral("statusArming"))) << run.out;
 }
@@ -93,9 +95,10 @@ TEST_F(KoruxSpace, AShotThatCannotBeWrittenGoesToTheRescueFolder)
     const QString err = QString::fromUtf8(process.readAllStandardError());
     EXPECT_EQ(process.exitCode(), 1) << err;
     const QString rescue = path(QStringLiteral("home/state/korux/rescue"));
-    EXPECT_TRUE(err.contains(QStringLiteral("korux: the shot of unit 0 (59881DA3846E4A89) is kept in the rescue "
-                                            "folder as %1/59881DA3846E4A89-001235.png: it could not be written to %2")
-                                 .arg(rescue, disk())))
+    EXPECT_TRUE(
+        err.contains(QStringLiteral("korux: the shot of unit 0 (59881DA3846E4A89) is kept in the rescue "
+                                    "folder as %1/59881DA3846E4A89-001235.png: it could not be written to %2")
+                         .arg(rescue, disk())))
         << err;
     EXPECT_TRUE(QFile::exists(rescue + QStringLiteral("/59881DA3846E4A89-001235.png")));
     EXPECT_TRUE(QFile::exists(rescue + QStringLiteral("/59881DA3846E4A89-001235.txt")));
@@ -107,19 +110,21 @@ TEST_F(KoruxSpace, TheFamilyDirectoryIsCheckedForEveryCommandThatWritesIt)
 {
     const QString file = writeFile(QStringLiteral("afile"), "x");
     for (const char* command : { "acquire", "fpga-update", "flash-files" }) {
-        const KoruxRun run = korux({ QStringLiteral("--dir"), file, QStringLiteral("--time-scale"), QStringLiteral("0"),
-            QString::fromLatin1(command) });
+        const KoruxRun run = korux({ QStringLiteral("--dir"), file, QStringLiteral("--time-scale"),
+            QStringLiteral("0"), QString::fromLatin1(command) });
         EXPECT_EQ(run.exitCode, 2) << command;
-        EXPECT_TRUE(run.err.contains(QStringLiteral("korux: the family directory (--dir): %1 is not a directory").arg(file)))
+        EXPECT_TRUE(run.err.contains(
+            QStringLiteral("korux: the family directory (--dir): %1 is not a directory").arg(file)))
             << command << run.err;
         EXPECT_FALSE(run.out.contains(QStringLiteral("statusArming"))) << run.out;
         EXPECT_FALSE(run.out.contains(QStringLiteral("statusFpgaUpdating"))) << run.out;
     }
     const QString deep = path(QStringLiteral("no/such/folder"));
-    const KoruxRun run = korux(
-        { QStringLiteral("--dir"), deep, QStringLiteral("--time-scale"), QStringLiteral("0"), QStringLiteral("acquire") });
+    const KoruxRun run = korux({ QStringLiteral("--dir"), deep, QStringLiteral("--time-scale"),
+        QStringLiteral("0"), QStringLiteral("acquire") });
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_TRUE(run.err.contains(QStringLiteral("%1 cannot be created: %2 does not exist").arg(deep, path(QStringLiteral("no/such")))))
+    EXPECT_TRUE(run.err.contains(
+        QStringLiteral("%1 cannot be created: %2 does not exist").arg(deep, path(QStringLiteral("no/such")))))
         << run.err;
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("no"))));
 
