@@ -189,3 +189,14 @@ TEST_F(KoruxLimits, TheNextKoruxRemovesWhatAKilledOneLeft)
     EXPECT_TRUE(QFile::exists(held));
     EXPECT_TRUE(QFile::exists(fresh));
 }
+
+// In a script --overwrite is a command's option; before the command it would
+// be korux's own, which belongs on korux's command line.
+TEST_F(KoruxLimits, AScriptLineTakesOverwriteOnlyAsTheCommandsOption)
+{
+    const KoruxRun run
+        = koruxOn({ QStringLiteral("run"), writeFile(QStringLiteral("s.korux"), "--overwrite acquire\n") });
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_TRUE(run.err.contains(QStringLiteral("only --serial may be given in a script"))) << run.err;
+    EXPECT_FALSE(run.out.contains(QStringLiteral("statusArming"))) << run.out;
+}
