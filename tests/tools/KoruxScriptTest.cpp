@@ -217,6 +217,7 @@ TEST_F(KoruxScript, ApplicationBitstreamBesideKoruxIsUsedWhenNewer)
         QStringLiteral("Use bitstream %1\n").arg(QFileInfo(path(QStringLiteral("app/bin/KORUX_01.bit"))).absoluteFilePath())))
         << run.out;
     EXPECT_TRUE(run.out.contains(QStringLiteral("\nKORUX3 is now flashed!\n"))) << run.out;
+    EXPECT_TRUE(run.out.endsWith(QStringLiteral("): FPGA configured from KORUX_01.bit\n"))) << run.out;
 }
 
 TEST_F(KoruxScript, ListAfterAShotTakesTheSensorsStatusFromThePlugInsOwnRead)
