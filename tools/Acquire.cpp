@@ -115,6 +115,8 @@ int prepareStatus(Session& session)
     return kExitFailure;
 }
 
+} // namespace
+
 // Arming reads the sensor's status before it sets port A up, so it needs a
 // port A that an earlier operation left open and in SPI mode. An FPGA
 // programming and a flash-file copy close the ports; a voltage read opens
@@ -128,6 +130,8 @@ int prepareArming(Session& session)
         sendFamilyCommand(session, commandGetVoltages);
     return result;
 }
+
+namespace {
 
 // What a run of acquire writes besides the image files, and whether it may
 // replace files.

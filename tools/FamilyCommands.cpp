@@ -623,6 +623,11 @@ int runArm(Session& session, const CommandLine& line)
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
+    // After a stop the family keeps the status of its units' dummy
+    // integration; arming needs one of the statuses that take it.
+    const int prepared = prepareArming(session);
+    if (prepared != kExitOk)
+        return prepared;
     if (line.has(QStringLiteral("--oscilloscope")))
         session.host->family()->setParameter(QStringLiteral("Oscilloscope"), true);
     return sayResult(session, cycleExit(session, sendFamilyCommand(session, statusArming), { statusArmed }),

@@ -29,11 +29,11 @@ TEST_F(Korux, CycleCommandsEndWithTheirResult)
     EXPECT_TRUE(
         enumerate.out.endsWith(QStringLiteral("enumerated: 1 unit, family in statusSensorFound (4)\n")))
         << enumerate.out;
-    const KoruxRun script = koruxOn(
-        { QStringLiteral("run"), writeFile(QStringLiteral("s.korux"), "fpga-update\narm\nstop\nnoop\n") });
+    const KoruxRun script = koruxOn({ QStringLiteral("run"),
+        writeFile(QStringLiteral("s.korux"), "fpga-update\narm\nstop\narm\nabort\nnoop\n") });
     EXPECT_EQ(script.exitCode, 0) << script.err;
     EXPECT_TRUE(inOrder(script.out,
-        { "armed: 1 unit, family in statusArmed (21)\n", "stopped: 1 unit",
-            "no-op done: 1 unit, family in statusNoOpEnd (14)\n" }))
+        { "armed: 1 unit, family in statusArmed (21)\n", "stopped: 1 unit", "armed: 1 unit",
+            "aborted: 1 unit", "no-op done: 1 unit, family in statusNoOpEnd (14)\n" }))
         << script.out;
 }

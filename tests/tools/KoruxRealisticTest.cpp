@@ -42,7 +42,7 @@ protected:
 // its dummy integration, the image held by an automatic exposure or not.
 TEST_F(KoruxRealistic, ArmThenStopOrAbortEnds)
 {
-    for (const char* text : { "fpga-update\narm\nstop\n", "fpga-update\narm\nabort\n" }) {
+    for (const char* text : { "fpga-update\narm\nstop\narm\nabort\n", "fpga-update\narm\nabort\n" }) {
         const QString script = writeFile(QStringLiteral("s.korux"), text);
         const KoruxRun run = korux(realArguments({ QStringLiteral("run"), script }, kRealistic));
         EXPECT_EQ(run.exitCode, 0) << text << run.out << run.err;
