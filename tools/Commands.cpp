@@ -131,7 +131,7 @@ known keys: PhdTreshold 0 to 4095, ACEValue and ACEValueInside 1 to 1864135, ACE
 and ACECoeffCSI 1 to 9, FlashAddress 0 to 0xFFFF00, Oscilloscope true or false
 takes effect only in a script (korux run) or korux shell)" },
     { "arm", R"(  --oscilloscope  arm with the oscilloscope on (the Oscilloscope parameter)
-after a stop or abort the family is first brought to a status that arms, as for acquire
+after a stop or abort (the family left in statusAcquiring) a no-op comes first
 takes effect only in a script (korux run) or korux shell)" },
     { "stop", R"(  takes effect only in a script (korux run) or korux shell)" },
     { "abort", R"(  takes effect only in a script (korux run) or korux shell)" },

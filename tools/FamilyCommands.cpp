@@ -623,11 +623,15 @@ int runArm(Session& session, const CommandLine& line)
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
-    // After a stop the family keeps the status of its units' dummy
-    // integration; arming needs one of the statuses that take it.
-    const int prepared = prepareArming(session);
-    if (prepared != kExitOk)
-        return prepared;
+    // After a stop the family keeps the last status of its units' dummy
+    // integration, which no command leaves but a no-op; any other status is
+    // the user's to choose the way out of.
+    const hardwareStatus status = session.host->family()->status();
+    if (status == statusIntegrating || status == statusIntegrated || status == statusAcquiring) {
+        const int prepared = prepareArming(session);
+        if (prepared != kExitOk)
+            return prepared;
+    }
     if (line.has(QStringLiteral("--oscilloscope")))
         session.host->family()->setParameter(QStringLiteral("Oscilloscope"), true);
     return sayResult(session, cycleExit(session, sendFamilyCommand(session, statusArming), { statusArmed }),
