@@ -47,9 +47,6 @@ constexpr uint8_t kUnconfiguredPattern = 0x22;
 // bitstream burst without answering).
 constexpr uint8_t kIdleBus = 0x00;
 
-// A threshold under the dark level triggers at once; the sensor then runs a
-// dummy integration of this length.
-constexpr uint32_t kDummyIntegrationMs = 300;
 constexpr int kRampMs = 5;
 
 void putBigEndian16(uint8_t* bytes, uint16_t value)

@@ -13,6 +13,7 @@
 
 #include "tools/AtomicFile.h"
 #include "tools/ExitCodes.h"
+#include "tools/Folders.h"
 #include "tools/FamilyControl.h"
 #include "tools/Interrupt.h"
 #include "imaging/ShotFiles.h"
@@ -114,6 +115,8 @@ int prepareStatus(Session& session)
     return kExitFailure;
 }
 
+} // namespace
+
 // Arming reads the sensor's status before it sets port A up, so it needs a
 // port A that an earlier operation left open and in SPI mode. An FPGA
 // programming and a flash-file copy close the ports; a voltage read opens
@@ -128,6 +131,8 @@ int prepareArming(Session& session)
     return result;
 }
 
+namespace {
+
 // What a run of acquire writes besides the image files, and whether it may
 // replace files.
 struct ShotSettings {
@@ -136,13 +141,22 @@ struct ShotSettings {
     PictureOptions pictures;
 };
 
+// How one set of shot files went.
+enum class SetWritten { Written, Taken, Failed };
+
+// Names tried for one shot before it goes to the rescue folder:
+// NAME, NAME-2, ... NAME-99.
+constexpr int kLastNameSuffix = 99;
+
 // The files of one image: <board serial>-<shot counter after the shot>.png,
 // -black.png, .txt, -preview.png, -oscilloscope.png (with oscilloscope
 // samples) and, when asked, .dcm and -presentation.dcm. The counter is the
 // sensor's own, so the name is never used twice by one sensor; should it be
 // taken anyway (a counter that did not advance, the same folder for two
-// machines), the file is kept and the shot reported as not written, unless
-// --overwrite says otherwise.
+// machines), the shot takes the next free name, NAME-2 and on, unless
+// --overwrite replaces the files. A shot that cannot be written where asked
+// (a full disk, a folder gone) goes to the rescue folder: an exposure is
+// never thrown away.
 bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUnit* unit, const QImage& image,
     const QImage& black, const QString& description)
 {
@@ -155,29 +169,8 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
             qulonglong(host.observations().counters.value(unit)) + 1, 6, 10, QLatin1Char('0'));
     else
         shot = QStringLiteral("shot%1").arg(session.shots, 3, 10, QLatin1Char('0'));
-    const QString stem = settings.directory.filePath(QStringLiteral("%1-%2").arg(name, shot));
+    const QString base = QStringLiteral("%1-%2").arg(name, shot);
 
-    QVector<ShotFile> outputs;
-    if (!image.isNull())
-        outputs.append({ stem + QStringLiteral(".png"), QByteArray() });
-    if (!black.isNull())
-        outputs.append({ stem + QStringLiteral("-black.png"), QByteArray() });
-    outputs.append({ stem + QStringLiteral(".txt"), description.toUtf8() });
-    QStringList names;
-    for (const ShotFile& output : outputs)
-        names << output.path;
-    if (!image.isNull())
-        names << shotPictureNames(stem, description, settings.pictures);
-    if (!settings.overwrite) {
-        for (const QString& path : names) {
-            if (QFileInfo::exists(path)) {
-                session.console.error(QStringLiteral("korux: %1 exists already; the shot of unit %2 is not "
-                                                     "written (acquire --overwrite replaces it)")
-                                          .arg(path, host.unitName(unit)));
-                return false;
-            }
-        }
-    }
     QString error;
     const QDateTime acquired = QDateTime::currentDateTime();
     const DicomUnit identity = unitFromDescription(description, unit->firmware());
@@ -191,52 +184,117 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
             QStringLiteral("korux: cannot encode the image of unit %1: %2").arg(host.unitName(unit), error));
         return false;
     }
-    if (!image.isNull())
-        outputs[0].bytes = imagePng;
-    if (!black.isNull())
-        outputs[image.isNull() ? 0 : 1].bytes = blackPng;
+    // The image files of the set named stem, and the names of all its files.
+    auto imageFiles = [&](const QString& stem) {
+        QVector<ShotFile> outputs;
+        if (!image.isNull())
+            outputs.append({ stem + QStringLiteral(".png"), imagePng });
+        if (!black.isNull())
+            outputs.append({ stem + QStringLiteral("-black.png"), blackPng });
+        outputs.append({ stem + QStringLiteral(".txt"), description.toUtf8() });
+        return outputs;
+    };
+    auto allNames = [&](const QString& stem) {
+        QStringList names;
+        for (const ShotFile& output : imageFiles(stem))
+            names << output.path;
+        if (!image.isNull())
+            names << shotPictureNames(stem, description, settings.pictures);
+        return names;
+    };
+    bool picturesWritten = true;
+    // One set under stem: the image files first, on the disk as soon as they
+    // can be; the first claims the name for the set (a process that finds it
+    // taken a moment after the check leaves the rest to the other). Then the
+    // files people open: preview, oscilloscope plot, DICOM.
+    auto writeSet = [&](const QString& stem, AtomicFile::Existing existing, bool quietFailures) {
+        QStringList failures;
+        auto writeAll = [&](const QVector<ShotFile>& files) {
+            for (const ShotFile& output : files) {
+                AtomicFile file(output.path, existing);
+                if (file.open() && file.write(output.bytes) && file.commit()) {
+                    session.console.out(QStringLiteral("wrote %1").arg(output.path));
+                    session.console.json({ { QStringLiteral("wrote"), output.path },
+                        { QStringLiteral("unit"), host.unitIndex(unit) },
+                        { QStringLiteral("boardSerial"), board } });
+                    continue;
+                }
+                if (file.alreadyExists() && &output == &files.first())
+                    return SetWritten::Taken;
+                failures << file.errorString();
+                return SetWritten::Failed;
+            }
+            return SetWritten::Written;
+        };
+        const SetWritten images = writeAll(imageFiles(stem));
+        if (images == SetWritten::Failed && !quietFailures)
+            for (const QString& failure : failures)
+                session.console.error(QStringLiteral("korux: ") + failure);
+        if (images != SetWritten::Written || image.isNull())
+            return images;
+        QVector<ShotFile> pictureFiles;
+        QString reason;
+        if (!shotPictureFiles(stem, image, description, identity, acquired, dicomIdentity, pictures,
+                &pictureFiles, &reason)) {
+            session.console.error(QStringLiteral("korux: the pictures of %1.png: %2").arg(stem, reason));
+            picturesWritten = false;
+        } else if (writeAll(pictureFiles) != SetWritten::Written) {
+            for (const QString& failure : failures)
+                session.console.error(QStringLiteral("korux: ") + failure);
+            picturesWritten = false;
+        } else if (!sendShotFiles(session, pictures, pictureFiles)) {
+            picturesWritten = false;
+        }
+        return SetWritten::Written;
+    };
+
     const AtomicFile::Existing existing
         = settings.overwrite ? AtomicFile::Existing::Replace : AtomicFile::Existing::Keep;
-    bool written = true;
-    // False once the name was found taken: the rest of the set is left to
-    // the process that took it.
-    auto writeAll = [&](const QVector<ShotFile>& files) {
-        for (const ShotFile& output : files) {
-            AtomicFile file(output.path, existing);
-            if (file.open() && file.write(output.bytes) && file.commit()) {
-                session.console.out(QStringLiteral("wrote %1").arg(output.path));
-                session.console.json({ { QStringLiteral("wrote"), output.path },
-                    { QStringLiteral("unit"), host.unitIndex(unit) },
-                    { QStringLiteral("boardSerial"), board } });
+    // The first free name, and the set written under it; on a write failure
+    // the rest goes to the rescue folder.
+    auto writeFreeName = [&](const QDir& directory, bool quietFailures, QString* written) {
+        for (int suffix = 1; suffix <= kLastNameSuffix; ++suffix) {
+            const QString stem
+                = directory.filePath(suffix == 1 ? base : QStringLiteral("%1-%2").arg(base).arg(suffix));
+            bool taken = false;
+            for (const QString& path : allNames(stem))
+                taken = taken || (!settings.overwrite && QFileInfo::exists(path));
+            if (taken)
                 continue;
-            }
-            written = false;
-            if (file.alreadyExists()) {
-                session.console.error(QStringLiteral("korux: %1; the shot of unit %2 is not written (acquire "
-                                                     "--overwrite replaces it)")
-                                          .arg(file.errorString(), host.unitName(unit)));
-                return false;
-            }
-            session.console.error(QStringLiteral("korux: ") + file.errorString());
+            const SetWritten result = writeSet(stem, existing, quietFailures);
+            if (result == SetWritten::Taken)
+                continue;
+            *written = stem;
+            return result;
         }
-        return true;
+        return SetWritten::Taken;
     };
-    // The image files first, on the disk as soon as they can be; the first
-    // claims the name for the set: a process that finds it taken a moment
-    // after the check above leaves the rest to the other.
-    if (!writeAll(outputs))
-        return false;
-    // Then the files people open: preview, oscilloscope plot, DICOM.
-    if (image.isNull())
-        return written;
-    QVector<ShotFile> pictureFiles;
-    if (!shotPictureFiles(
-            stem, image, description, identity, acquired, dicomIdentity, pictures, &pictureFiles, &error)) {
-        session.console.error(QStringLiteral("korux: the pictures of %1.png: %2").arg(stem, error));
+    QString stem;
+    const SetWritten result = writeFreeName(settings.directory, false, &stem);
+    if (result == SetWritten::Written) {
+        if (QFileInfo(stem).fileName() != base)
+            session.console.error(
+                QStringLiteral("korux: %1.png was taken; the shot of unit %2 is written as %3.png")
+                    .arg(settings.directory.filePath(base), host.unitName(unit), stem));
+        return picturesWritten;
+    }
+    // Not where it was asked: into the rescue folder, named on stderr.
+    const QString why = result == SetWritten::Taken
+        ? QStringLiteral("every name from %1 to %1-%2 is taken").arg(base).arg(kLastNameSuffix)
+        : QStringLiteral("it could not be written to %1").arg(settings.directory.path());
+    QString reason;
+    const QString rescue = rescueDirectory();
+    QString kept;
+    if (QDir().mkpath(rescue) && writeFreeName(QDir(rescue), false, &kept) == SetWritten::Written) {
+        session.console.error(
+            QStringLiteral("korux: the shot of unit %1 is kept in the rescue folder as %2.png: %3")
+                .arg(host.unitName(unit), kept, why));
         return false;
     }
-    writeAll(pictureFiles);
-    return sendShotFiles(session, pictures, pictureFiles) && written;
+    session.console.error(
+        QStringLiteral("korux: the shot of unit %1 is lost: %2, nor to the rescue folder %3")
+            .arg(host.unitName(unit), why, rescue));
+    return false;
 }
 
 // One shot: arm, wait for every unit, stop on time-out.
@@ -350,17 +408,27 @@ int runAcquire(Session& session, const CommandLine& line)
     // Checked before any arming: an exposure whose image cannot be kept is
     // a dose given for nothing.
     QString reason;
-    if (!QFileInfo::exists(directory.path()) && !directory.mkpath(QStringLiteral("."))) {
-        session.console.error(QStringLiteral("korux: acquire --out: cannot create %1").arg(directory.path()));
-        return kExitUsage;
-    }
-    if (!directoryIsWritable(directory.path(), &reason)) {
+    if (!prepareFolder(directory.path(), 0, &reason)) {
         session.console.error(QStringLiteral("korux: acquire --out: %1").arg(reason));
         return kExitUsage;
     }
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
+    // Room for every shot of every unit, by each sensor's size.
+    const int dicomFiles = settings.pictures.dicom ? (settings.pictures.presentation ? 2 : 1) : 0;
+    qint64 bytes = 0;
+    for (const QVeltraHardwareUnit* unit : session.host->family()->hardwareUnitVector())
+        bytes += shotBytes(session.host->lastStatus(unit).sizeCode, dicomFiles) * count;
+    if (!prepareFolder(directory.path(), bytes, &reason)) {
+        session.console.error(QStringLiteral("korux: acquire --out: %1").arg(reason));
+        return kExitUsage;
+    }
+    // The plug-in copies the FPGA's bitstream from flash into the family
+    // directory on its way to arming.
+    const int family = checkFamilyDirectory(session);
+    if (family != kExitOk)
+        return family;
     if (line.has(QStringLiteral("--oscilloscope")))
         session.host->family()->setParameter(QStringLiteral("Oscilloscope"), true);
 

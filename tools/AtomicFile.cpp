@@ -3,11 +3,16 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSet>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <csignal>
+#include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,7 +67,63 @@ int renameNoReplace(const char* from, const char* to)
     return 0;
 }
 
+// Temporary files younger than this are left alone whatever their lock says:
+// a writer takes its lock a moment after it creates its file.
+constexpr qint64 kAbandonedAfterMs = 1000;
+
+// Whether the process named first in a lock file ("PID NAME") still runs.
+bool lockHolderRuns(const QByteArray& lockPath)
+{
+    QFile lock(QFile::decodeName(lockPath));
+    if (!lock.open(QIODevice::ReadOnly))
+        return false;
+    bool ok = false;
+    const qint64 pid = lock.readLine(64).split(' ').value(0).trimmed().toLongLong(&ok);
+    return ok && pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
+}
+
+// The ".NAME.tmp-XXXXXX" files of writers that no longer run (a korux that
+// was killed): each korux writer holds a lock on its file while it lives,
+// and the virtual bridge's flash image is guarded by NAME.lock, which names
+// its holder. Once per folder and process.
 } // namespace
+
+void removeAbandonedTemporaries(const QByteArray& directory)
+{
+    static QSet<QByteArray> cleaned;
+    if (cleaned.contains(directory))
+        return;
+    cleaned.insert(directory);
+    DIR* folder = opendir(directory.constData());
+    if (!folder)
+        return;
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    while (const dirent* entry = readdir(folder)) {
+        const QByteArray name(entry->d_name);
+        const int marker = name.lastIndexOf(".tmp-");
+        if (!name.startsWith('.') || marker <= 1 || name.size() - marker != 11)
+            continue;
+        const QByteArray path = directory + '/' + name;
+        const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        if (fd < 0)
+            continue;
+        struct stat status = {};
+        const bool old = fstat(fd, &status) == 0 && S_ISREG(status.st_mode)
+            && (now.tv_sec - status.st_mtim.tv_sec) * 1000 + (now.tv_nsec - status.st_mtim.tv_nsec) / 1000000
+                >= kAbandonedAfterMs;
+        const QByteArray target = name.mid(1, marker - 1);
+        if (old && flock(fd, LOCK_EX | LOCK_NB) == 0 && !lockHolderRuns(directory + '/' + target + ".lock"))
+            unlink(path.constData());
+        close(fd);
+    }
+    closedir(folder);
+}
+
+void removeAbandonedTemporaries(const QString& directory)
+{
+    removeAbandonedTemporaries(QFile::encodeName(QDir::cleanPath(QDir(directory).absolutePath())));
+}
 
 AtomicFile::AtomicFile(const QString& path, Existing existing)
     : path_(path)
@@ -96,10 +157,13 @@ bool AtomicFile::open()
     }
     const QByteArray directory = directoryOf(target);
     const QByteArray name = target.mid(target.lastIndexOf('/') + 1);
+    removeAbandonedTemporaries(directory);
     QByteArray pattern = directory + "/." + name + ".tmp-XXXXXX";
     fd_ = mkostemp(pattern.data(), O_CLOEXEC);
     if (fd_ < 0)
         return fail(errno);
+    // Held while this process lives: the next korux leaves the file alone.
+    flock(fd_, LOCK_EX | LOCK_NB);
     temporary_ = pattern;
     slot_ = registerTemporary(temporary_.constData());
     fchmod(fd_, defaultMode());

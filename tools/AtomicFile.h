@@ -61,6 +61,13 @@ private:
 bool writeFileAtomically(
     const QString& path, const QByteArray& bytes, AtomicFile::Existing existing, QString* error);
 
+// Removes the temporary files (".NAME.tmp-XXXXXX") that writers killed on
+// their way left in directory: those whose lock no process holds (korux's
+// writers hold one on their file, the virtual bridge names its holder in
+// NAME.lock). Once per directory and process.
+void removeAbandonedTemporaries(const QString& directory);
+void removeAbandonedTemporaries(const QByteArray& directory);
+
 // True when a file can be created in directory: tries one (and removes it),
 // so read-only mounts and permissions are seen as they are, for root too.
 bool directoryIsWritable(const QString& directory, QString* reason);

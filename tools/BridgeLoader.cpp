@@ -2,11 +2,14 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 #include <dlfcn.h>
 #include <link.h>
 
+#include "tools/AtomicFile.h"
 #include "tools/ExitCodes.h"
+#include "tools/Folders.h"
 #include "tools/InstallLayout.h"
 #include "tools/Interrupt.h"
 #include "tools/Record.h"
@@ -52,15 +55,76 @@ void explainMissingVendorBridge(Console& console, const QString& reason)
 
 } // namespace
 
+QString defaultMachineScenario(QString* error)
+{
+    const QString directory = stateDirectory();
+    if (!QDir().mkpath(directory)) {
+        *error = QStringLiteral("cannot create %1").arg(directory);
+        return QString();
+    }
+    // The machine a host meets without a scenario, at its timing, with the
+    // flash image beside this file.
+    const bool instant = qEnvironmentVariable("KORUX_TIMING") == QLatin1String("instant");
+    const QByteArray text
+        = QByteArrayLiteral("{\n  \"comment\": \"korux's default virtual machine; its flash, "
+                            "counter included, is kept in default-flash.bin\",\n  \"timing\": \"")
+        + (instant ? "instant" : "realistic")
+        + QByteArrayLiteral(
+            "\",\n  \"sensors\": [ { \"flash\": { \"image\": \"default-flash.bin\" } } ]\n}\n");
+    const QString path = directory + QStringLiteral("/default-machine.json");
+    QFile current(path);
+    if (current.open(QIODevice::ReadOnly) && current.readAll() == text)
+        return path;
+    if (!writeFileAtomically(path, text, AtomicFile::Existing::Replace, error))
+        return QString();
+    return path;
+}
+
 int loadBridge(const Options& options, const QString& executableDirectory, Console& console, BridgeInfo* info)
 {
     const int flags = RTLD_NOW | RTLD_GLOBAL;
     QString requested;
+    QString bridge = options.bridge;
+    const bool scenarioNamed
+        = !options.scenario.isEmpty() || !qEnvironmentVariable("KORUX_SCENARIO").isEmpty();
+    if (bridge == QLatin1String("auto")) {
+        // The vendor's library when one is installed: a machine with one is
+        // a machine for sensors. A scenario asks for the virtual bridge.
+        void* vendor = scenarioNamed ? nullptr : dlopen(kBridgeName, flags);
+        if (vendor && dlsym(vendor, kScenarioEntry)) {
+            // The system path leads to a virtual bridge: it is one all the same.
+            dlclose(vendor);
+            vendor = nullptr;
+        }
+        if (vendor) {
+            const QString file = loadedFile(vendor, QString::fromLatin1(kBridgeName));
+            if (options.record.isEmpty()) {
+                info->handle = vendor;
+                info->file = file;
+            } else {
+                // The recording bridge loads it again, behind itself.
+                dlclose(vendor);
+            }
+            if (!options.quiet)
+                console.error(QStringLiteral("korux: using the vendor's bridge library %1 (--bridge virtual "
+                                             "for the virtual bridge)")
+                                  .arg(file));
+            bridge = QStringLiteral("vendor");
+        } else {
+            if (!options.quiet && !scenarioNamed)
+                console.error(
+                    QStringLiteral("korux: no vendor bridge library is installed; using the virtual "
+                                   "bridge (--bridge virtual or vendor chooses)"));
+            bridge = QStringLiteral("virtual");
+        }
+    }
     if (!options.record.isEmpty()) {
-        const int recording = loadRecordingBridge(options, executableDirectory, console, info);
+        const int recording = loadRecordingBridge(options, bridge, executableDirectory, console, info);
         if (recording != kExitOk)
             return recording;
-    } else if (options.bridge == QLatin1String("virtual")) {
+    } else if (info->handle) {
+        // Loaded above.
+    } else if (bridge == QLatin1String("virtual")) {
         requested = virtualBridgeFileFrom(executableDirectory);
         info->handle = dlopen(QFile::encodeName(requested).constData(), flags);
         if (!info->handle) {
@@ -69,7 +133,7 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
             console.error(QStringLiteral("  (it is built with the project: cmake --build build)"));
             return kExitNoBridge;
         }
-    } else if (options.bridge == QLatin1String("vendor")) {
+    } else if (bridge == QLatin1String("vendor")) {
         requested = QString::fromLatin1(kBridgeName);
         info->handle = dlopen(kBridgeName, flags);
         if (!info->handle) {
@@ -87,7 +151,8 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
     }
     if (!info->control) {
         info->control = info->handle;
-        info->file = loadedFile(info->handle, requested);
+        if (!requested.isEmpty())
+            info->file = loadedFile(info->handle, requested);
     }
 
     // Only the virtual bridge has a control entry; its presence is what
@@ -105,22 +170,39 @@ int loadBridge(const Options& options, const QString& executableDirectory, Conso
     // another process holds.
     if (auto interruptWait = reinterpret_cast<void (*)()>(dlsym(info->control, "vbridge_interrupt_wait")))
         setStopHook(interruptWait);
-    if (options.scenario.isEmpty())
+    QString scenario = options.scenario;
+    if (scenario.isEmpty() && info->virtualBridge) {
+        // KORUX_SCENARIO names the machine as --scenario does, with the
+        // same errors; without either, the default machine, whose flash
+        // lives on in the user's state directory as a sensor's does.
+        scenario = qEnvironmentVariable("KORUX_SCENARIO");
+        if (scenario.isEmpty()) {
+            QString error;
+            scenario = defaultMachineScenario(&error);
+            if (scenario.isEmpty()) {
+                console.error(QStringLiteral("korux: the default virtual machine: %1").arg(error));
+                return kExitFailure;
+            }
+        }
+    }
+    if (scenario.isEmpty())
         return kExitOk;
+    // The flash images' folder: what killed runs left there goes now.
+    removeAbandonedTemporaries(QFileInfo(scenario).absolutePath());
     if (!loadScenario) {
         console.error(QStringLiteral("korux: --scenario needs the virtual bridge; %1 cannot load scenarios")
                           .arg(info->file));
         return kExitUsage;
     }
     char error[kErrorSize] = {};
-    if (loadScenario(QFile::encodeName(options.scenario).constData(), error, kErrorSize) != 0) {
+    if (loadScenario(QFile::encodeName(scenario).constData(), error, kErrorSize) != 0) {
         if (stopRequested())
             return kExitFailure; // the caller says "interrupted"
         QString reason = QString::fromLocal8Bit(error);
         if (reason.isEmpty())
             reason = QStringLiteral("refused");
-        if (!reason.contains(options.scenario))
-            reason = QStringLiteral("scenario %1: %2").arg(options.scenario, reason);
+        if (!reason.contains(scenario))
+            reason = QStringLiteral("scenario %1: %2").arg(scenario, reason);
         console.error(QStringLiteral("korux: ") + reason);
         return kExitUsage;
     }

@@ -32,6 +32,11 @@ struct BridgeInfo {
 // or for the vendor's library.
 QString flashImageFailure(const BridgeInfo& bridge);
 
+// The scenario of the default virtual machine, written into the user's state
+// directory (default-machine.json, its flash image default-flash.bin beside
+// it); empty with the reason in error when it cannot be.
+QString defaultMachineScenario(QString* error);
+
 // Loads the bridge the options name and, with --scenario, hands the scenario
 // to the virtual bridge. Returns kExitOk or the exit status to stop with,
 // having said why on the console.

@@ -1,9 +1,11 @@
 #include "tools/Commands.h"
 
+#include <QCoreApplication>
 #include <QJsonArray>
 #include <QJsonObject>
 
 #include "tools/ExitCodes.h"
+#include "tools/InstallLayout.h"
 #include "tools/Report.h"
 #include "tools/ShotOutput.h"
 #include "tools/Transcript.h"
@@ -23,29 +25,36 @@ commands:
 
 constexpr char kUsageTail[] = R"(
 options:
-  --bridge virtual|vendor|PATH  the library that answers "libft4222.so" (default: virtual,
-                                <korux dir>/../lib/virtual/libft4222.so; vendor: the one
-                                installed in the system library path)
+  --bridge auto|virtual|vendor|PATH
+                                the library that answers "libft4222.so" (default: auto, the
+                                vendor's one when installed in the system library path, else
+                                the virtual bridge, said once on stderr; virtual:
+                                @VIRTUAL@)
   --scenario FILE               load FILE into the virtual bridge before the plug-in starts
   --plugin PATH                 the plug-in library (default:
-                                <korux dir>/../lib/libVeltraXRayKORUX.so)
+                                @PLUGIN@)
   --dir DIR                     the family's directory for the files copied from flash
                                 (default: the per-user data directory)
-  --serial SERIAL               the unit a * command is for, by its board serial (korux serial
-                                prints it)
-  --transcript FILE             write every signal and command as JSON lines to FILE
+  --serial SERIAL               the unit a * command is for, by its board serial, in any case
+                                (korux serial prints it)
+  --transcript FILE             write every signal and command as JSON lines to FILE; an
+                                existing FILE is refused without --overwrite, the scenario
+                                and the flash images always
+  --overwrite                   (before the command) let --transcript replace its file
   --record FILE                 record the bridge traffic (every call to the bridge library,
                                 vendor or virtual) to the trace FILE (docs/trace.md)
   --record-mask-serials         with --record: serial numbers in the trace are stand-ins
   --color auto|always|never     render the log lines' style tags as colours (auto: on a
                                 terminal, unless NO_COLOR is set)
-  --time-scale X                stretch every framework sleep by X (0: no waits)
+  --time-scale X                stretch every framework sleep by X, 0 to 100 (0: no waits)
   -v, --verbose                 also print the plug-in's log (both channels), every report
                                 and the unit status changes
   -q, --quiet                   print only results (reports, files written) and errors
   --json                        print the results as JSON documents, one a line, and nothing
                                 else (a report with its unit and board serial, a file
-                                written, a unit listed, a parameter set)
+                                written, a unit listed, a parameter set, a command's result;
+                                help, doctor and --version as one document each); with -v
+                                the plug-in's log goes to stderr as JSON lines
   -h, --help                    print this help (korux COMMAND --help: that command's options)
   --version                     print korux's version and the plug-in it would load
 
@@ -57,8 +66,10 @@ constexpr char kExitCodes[] = R"(exit statuses of korux:
   1    failure: statusError, a failure the plug-in logged, a report or image that did not
        come, a file not written whole (a full disk, a closed pipe), a flash file not
        copied, an irreversible write not confirmed
-  2    bad command line, script line, scenario, value out of range, or an output folder
-       that cannot be written
+  2    bad command line, script line, scenario (--scenario or KORUX_SCENARIO),
+       KORUX_TIMING, value out of range, a counter value at or below the count, a
+       transcript that would replace a file, or an output folder that cannot be written
+       or has no room for the shot
   3    no sensor found, or no unit with the serial given
   4    no bridge library could be loaded
   5    the family refused the command in its status
@@ -77,12 +88,15 @@ struct CommandDetails {
 
 constexpr CommandDetails kDetails[] = {
     { "acquire", R"(  --out DIR       the folder for the files (default: the current folder; created when
-                  missing); it must be writable before the sensor is armed
+                  missing, under a folder that exists); before the sensor is armed it
+                  and the family directory must be writable and have room for the shots
+                  (else exit 2); a shot that cannot be written there goes to the rescue
+                  folder ~/.local/state/korux/rescue, named on stderr (exit 1)
   --count N       N shots in a row (default 1)
   --timeout S     seconds to wait for each exposure, 1 to 86400 (default 60)
   --oscilloscope  arm with the oscilloscope on (the Oscilloscope parameter)
   --overwrite     replace files of the same name; without it an existing file is kept
-                  and the shot is reported as not written
+                  and the shot takes the next free name (NAME-2.png and on)
   --dicom         also write the DICOM intra-oral image, For Processing (.dcm)
   --dicom-presentation
                   and the For Presentation one with its window (-presentation.dcm);
@@ -124,10 +138,13 @@ PNGs that do not say when the shot was taken
   --overwrite     replace SHOT.dcm; without it an existing file is kept and nothing
                   is written
 needs no sensor: the plug-in is not loaded)" },
-    { "counter", R"(  --increase  add one to the counter (command 1009) before reading it
-  --set N     write N (0 to 4294967294; the counter can never be set lower again);
-              needs --serial with several sensors, and a confirmation on the
-              terminal or --yes)" },
+    { "counter", R"(  --increase  add one to the counter (command 1009) before reading it; the counter
+              is read before and after, and a step other than one fails (exit 1)
+  --set N     write N (0 to 4294967294); the counter is read first and a value at
+              or below it is refused (exit 2) before anything is written: the flash
+              keeps every value written and reads the largest, so it is never set
+              lower again; needs --serial with several sensors, and a confirmation
+              on the terminal or --yes; the counter is read back afterwards)" },
     { "format-flash",
         R"(  needs --serial with several sensors, and a confirmation on the terminal or --yes)" },
     { "flash-files", R"(  --all        also the production files PRD and ASS
@@ -140,11 +157,17 @@ against the size its flash header gives)" },
 known keys: PhdTreshold 0 to 4095, ACEValue and ACEValueInside 1 to 1864135, ACECoeff
 and ACECoeffCSI 1 to 9, FlashAddress 0 to 0xFFFF00, Oscilloscope true or false
 takes effect only in a script (korux run) or korux shell)" },
-    { "arm", R"(  takes effect only in a script (korux run) or korux shell)" },
+    { "arm", R"(  --oscilloscope  arm with the oscilloscope on (the Oscilloscope parameter)
+after a stop or abort (the family left in statusAcquiring) a no-op comes first
+takes effect only in a script (korux run) or korux shell)" },
     { "stop", R"(  takes effect only in a script (korux run) or korux shell)" },
     { "abort", R"(  takes effect only in a script (korux run) or korux shell)" },
     { "goto", R"(  COMMAND  a hardwareStatus value the framework names, by number (1010) or name
-           (statusNoOpBegin, NoOpBegin, commandFamilyReport))" },
+           (statusNoOpBegin, NoOpBegin, commandFamilyReport))
+  --yes    confirm 1009 (counter increase) or 2000 (flash format): as counter --set
+           and format-flash, they need --serial with several sensors and a
+           confirmation on the terminal or --yes; 1003 to 1006 need a writable
+           family directory (--dir), as flash-files does)" },
     { "run", R"(  --keep-going  run the lines after a failing one too; the exit status is the first failure
   SCRIPT        a file, or - for standard input; every line is checked before the first runs)" },
     { "shell", R"(  exit, quit or the end of input leave; Ctrl-C stops the command running, not the shell)" },
@@ -163,7 +186,8 @@ const std::vector<Command>& commandTable()
     // needs the plug-in, --serial applies, handler
     static const std::vector<Command> table = {
         { "list", "",
-            "enumerate the sensors and print each unit: board serial, port A's USB serial and location, size, "
+            "enumerate the sensors and print each unit: board serial, port A's USB serial and location, "
+            "size, "
             "Inside or stand-alone, FPGA configured or not",
             0, 0, "", "", true, false, runList },
         { "enumerate", "", "enumerate the sensors again (command 1; in statusAcquired: back to statusReady)",
@@ -221,8 +245,8 @@ const std::vector<Command>& commandTable()
         { "set", "[--string] [--force] KEY VALUE",
             "set a family parameter, typed and ranged as the plug-in reads it", 2, 2, "--string --force", "",
             true, false, runSet },
-        { "goto", "COMMAND", "* send any hardwareStatus value as a command, by number or name", 1, 1, "", "",
-            true, true, runGoto },
+        { "goto", "[--yes] COMMAND", "* send any hardwareStatus value as a command, by number or name", 1, 1,
+            "--yes", "", true, true, runGoto },
         { "run", "[--keep-going] SCRIPT|-",
             "run the commands of SCRIPT (- : standard input), one a line, with one family", 1, 1,
             "--keep-going", "", true, false, runScript },
@@ -259,7 +283,12 @@ QString usageText()
         else
             text += QStringLiteral("  %1 %2\n").arg(synopsis, -20).arg(command.summary);
     }
-    return text + QString::fromLatin1(kUsageTail);
+    // The defaults of the tree korux runs from, installed or built.
+    const QString directory = QCoreApplication::applicationDirPath();
+    return text
+        + QString::fromLatin1(kUsageTail)
+              .replace(QLatin1String("@VIRTUAL@"), virtualBridgeFileFrom(directory))
+              .replace(QLatin1String("@PLUGIN@"), pluginFileFrom(directory));
 }
 
 bool parseCommandLine(const Command& command, const QStringList& arguments, const QString& serial,
@@ -366,26 +395,109 @@ int runCommand(Session& session, const Command& command, const CommandLine& line
     return result;
 }
 
+namespace {
+
+// The option lines of the help ("  --name VALUE   text", continued on lines
+// that start further in) as name, synopsis and text.
+QJsonArray optionsDocument()
+{
+    QJsonArray options;
+    const QString tail
+        = usageText().section(QStringLiteral("\noptions:\n"), 1).section(QStringLiteral("\n\n"), 0, 0);
+    QJsonObject current;
+    for (const QString& line : tail.split(QLatin1Char('\n'))) {
+        if (line.startsWith(QLatin1String("  -"))) {
+            if (!current.isEmpty())
+                options.append(current);
+            const QString synopsis = line.mid(2).section(QStringLiteral("  "), 0, 0).trimmed();
+            QString name = synopsis.section(QLatin1Char(' '), 0, 0);
+            if (name.endsWith(QLatin1Char(','))) // "-v, --verbose": the long name
+                name = synopsis.section(QLatin1Char(' '), 1, 1);
+            current = { { QStringLiteral("option"), name }, { QStringLiteral("synopsis"), synopsis },
+                { QStringLiteral("text"), line.mid(2 + synopsis.size()).trimmed() } };
+        } else if (!current.isEmpty()) {
+            const QString more = line.trimmed();
+            const QString text = current.value(QStringLiteral("text")).toString();
+            current.insert(QStringLiteral("text"), text.isEmpty() ? more : text + QLatin1Char(' ') + more);
+        }
+    }
+    if (!current.isEmpty())
+        options.append(current);
+    return options;
+}
+
+QJsonArray exitCodesDocument()
+{
+    QJsonArray codes;
+    QJsonObject current;
+    for (const QString& line : QString::fromLatin1(kExitCodes).split(QLatin1Char('\n')).mid(1)) {
+        bool number = false;
+        const int code = line.left(7).trimmed().toInt(&number);
+        if (number) {
+            if (!current.isEmpty())
+                codes.append(current);
+            current = { { QStringLiteral("status"), code },
+                { QStringLiteral("meaning"), line.mid(7).trimmed() } };
+        } else if (!current.isEmpty()) {
+            current.insert(QStringLiteral("meaning"),
+                current.value(QStringLiteral("meaning")).toString() + QLatin1Char(' ') + line.trimmed());
+        }
+    }
+    if (!current.isEmpty())
+        codes.append(current);
+    return codes;
+}
+
+QJsonObject commandDocument(const Command& command)
+{
+    return { { QStringLiteral("name"), QString::fromLatin1(command.name) },
+        { QStringLiteral("arguments"), QString::fromLatin1(command.arguments) },
+        { QStringLiteral("summary"), QString::fromLatin1(command.summary) },
+        { QStringLiteral("forOneUnit"), command.forOneUnit },
+        { QStringLiteral("details"), commandDetails(command) } };
+}
+
+} // namespace
+
+QJsonObject helpDocument(const Command* command)
+{
+    if (command)
+        return { { QStringLiteral("command"), commandDocument(*command) } };
+    QJsonArray commands;
+    for (const Command& each : commandTable())
+        commands.append(commandDocument(each));
+    const QString directory = QCoreApplication::applicationDirPath();
+    const QJsonObject defaults { { QStringLiteral("bridge"), QStringLiteral("auto") },
+        { QStringLiteral("virtualBridge"), virtualBridgeFileFrom(directory) },
+        { QStringLiteral("plugin"), pluginFileFrom(directory) },
+        { QStringLiteral("color"), QStringLiteral("auto") }, { QStringLiteral("timeScale"), 1 } };
+    return { { QStringLiteral("commands"), commands }, { QStringLiteral("options"), optionsDocument() },
+        { QStringLiteral("defaults"), defaults }, { QStringLiteral("exitCodes"), exitCodesDocument() } };
+}
+
 int runHelp(Session& session, const CommandLine& line)
 {
     if (line.positional.isEmpty()) {
         session.console.out(usageText());
+        session.console.json(helpDocument(nullptr));
         return kExitOk;
     }
     if (line.positional.first() == QLatin1String("exit-codes")) {
         session.console.out(QString::fromLatin1(kExitCodes));
+        session.console.json({ { QStringLiteral("exitCodes"), exitCodesDocument() } });
         return kExitOk;
     }
     const Command* command = findCommand(line.positional.first());
     if (!command) {
         session.console.error(QStringLiteral("korux: unknown command \"%1\"").arg(line.positional.first()));
-        session.console.error(usageText());
+        session.console.error(QStringLiteral("korux: see korux help"));
         return kExitUsage;
     }
     session.console.out(
         QStringLiteral("korux [options] %1 %2").arg(command->name, command->arguments).trimmed());
     session.console.out(QStringLiteral("  %1").arg(command->summary));
     session.console.out(commandDetails(*command));
+    session.console.json(helpDocument(command));
     return kExitOk;
 }
 

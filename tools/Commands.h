@@ -1,6 +1,7 @@
 // korux's commands, as a table: a new command is a handler and a row.
 #pragma once
 
+#include <QJsonObject>
 #include <QMap>
 #include <QSet>
 #include <QString>
@@ -69,6 +70,9 @@ const std::vector<Command>& commandTable();
 QString commandDetails(const Command& command);
 const Command* findCommand(const QString& name);
 QString usageText();
+// The help as one JSON document: commands, options, defaults, exit codes;
+// or one command's page.
+QJsonObject helpDocument(const Command* command);
 
 // Splits a command's words into positional arguments and its options and
 // checks them, and that --serial (serial) applies to the command; false

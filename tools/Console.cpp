@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 #include <QStringList>
 
 #include <cerrno>
@@ -117,8 +118,16 @@ void Console::endProgress()
 
 void Console::log(const QString& text)
 {
-    if (!json_)
+    if (!json_) {
         write(styleLogText(text, colour_));
+        return;
+    }
+    // Standard output carries only results: the log goes to standard error,
+    // a JSON line each, its style tag apart from its text.
+    QJsonObject line { { QStringLiteral("log"), styleLogText(text, false) } };
+    if (text.startsWith(QLatin1Char('[')) && text.indexOf(QLatin1Char(']')) > 0)
+        line.insert(QStringLiteral("style"), text.mid(1, text.indexOf(QLatin1Char(']')) - 1));
+    writeAll(stderr, QString::fromUtf8(QJsonDocument(line).toJson(QJsonDocument::Compact)));
 }
 
 void Console::error(const QString& text)

@@ -5,6 +5,8 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonObject>
 
 #include <cstdio>
 #include <dlfcn.h>
@@ -17,15 +19,21 @@
 #include "tools/Doctor.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/InstallLayout.h"
 #include "tools/PluginHost.h"
 
 namespace korux {
 
 namespace {
 
-constexpr char kPluginFile[] = "libVeltraXRayKORUX.so";
-
 enum class Mark { Ok, Fix, Note };
+
+// The checks said so far, for the one JSON document of --json.
+QJsonArray& checksSaid()
+{
+    static QJsonArray checks;
+    return checks;
+}
 
 void say(
     Console& console, Mark mark, const QString& check, const QString& finding, const QString& fix = QString())
@@ -35,6 +43,22 @@ void say(
     if (!fix.isEmpty())
         text += (mark == Mark::Note ? QStringLiteral("; for a sensor: ") : QStringLiteral("; fix: ")) + fix;
     console.out(text);
+    QJsonObject json { { QStringLiteral("name"), check },
+        { QStringLiteral("verdict"), QString::fromLatin1(kMarks[int(mark)]).trimmed() },
+        { QStringLiteral("detail"), finding } };
+    json.insert(QStringLiteral("fix"), fix.isEmpty() ? QJsonValue() : QJsonValue(fix));
+    checksSaid().append(json);
+}
+
+// The last line, and with --json the whole report as one document.
+int conclude(Console& console, const QString& text, int status)
+{
+    console.out(text);
+    console.json({ { QStringLiteral("checks"), checksSaid() },
+        { QStringLiteral("conclusion"), text.mid(QStringLiteral("korux doctor: ").size()) },
+        { QStringLiteral("exit"), status } });
+    checksSaid() = QJsonArray();
+    return status;
 }
 
 QString installRuleFix()
@@ -213,7 +237,7 @@ int enumerate(Session& session)
         return session.host->family()->hardwareUnitVector().size();
     }
     const QString pluginPath = session.options.plugin.isEmpty()
-        ? QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/") + kPluginFile)
+        ? pluginFileFrom(QCoreApplication::applicationDirPath())
         : session.options.plugin;
     PluginHost host(session.console, session.options.verbose, session.transcript);
     if (host.load(pluginPath) != kExitOk)
@@ -238,10 +262,16 @@ int runDoctor(Session& session, const CommandLine& line)
     if (line.has(QStringLiteral("--rules-dirs")))
         roots.rules = line.value(QStringLiteral("--rules-dirs")).split(QLatin1Char(':'), Qt::SkipEmptyParts);
 
+    // On its own, doctor checks what a machine with sensors needs: the
+    // vendor's library unless a bridge is named (--bridge virtual checks the
+    // virtual machine, and says it is one).
+    Options options = session.options;
+    if (options.bridge == QLatin1String("auto"))
+        options.bridge = QStringLiteral("vendor");
     BridgeInfo bridge;
     const int bridgeResult = session.host
         ? (findLoadedBridge(&bridge) ? kExitOk : kExitNoBridge)
-        : loadBridge(session.options, QCoreApplication::applicationDirPath(), console, &bridge);
+        : loadBridge(options, QCoreApplication::applicationDirPath(), console, &bridge);
     if (bridgeResult == kExitUsage)
         return bridgeResult; // a scenario the virtual bridge refused: the command line is wrong
     const bool bridgeLoaded = bridgeResult == kExitOk;
@@ -258,8 +288,7 @@ int runDoctor(Session& session, const CommandLine& line)
             QStringLiteral("%1 (%2)").arg(bridge.file, onVirtual ? "the virtual bridge" : "vendor"));
     else
         say(console, Mark::Fix, QStringLiteral("bridge library"),
-            QStringLiteral("none loaded (--bridge %1)").arg(session.options.bridge),
-            bridgeFix(session.options));
+            QStringLiteral("none loaded (--bridge %1)").arg(options.bridge), bridgeFix(options));
 
     reportRules(console, rules, roots, !devices.isEmpty() || !onVirtual);
 
@@ -296,7 +325,7 @@ int runDoctor(Session& session, const CommandLine& line)
     int sensors = 0;
     if (!bridgeLoaded) {
         say(console, Mark::Fix, QStringLiteral("sensors"),
-            QStringLiteral("not enumerated: no bridge library"), bridgeFix(session.options));
+            QStringLiteral("not enumerated: no bridge library"), bridgeFix(options));
     } else {
         sensors = enumerate(session);
         if (sensors < 0) {
@@ -319,17 +348,17 @@ int runDoctor(Session& session, const CommandLine& line)
         }
     }
 
-    if (sensors > 0 && (devices.isEmpty() || usableDevices > 0)) {
-        console.out(QStringLiteral("korux doctor: a sensor is usable"));
-        return kExitOk;
-    }
-    if (devices.isEmpty()) {
-        console.out(QStringLiteral("korux doctor: no sensor is present"));
-        return kExitNoSensor;
-    }
-    console.out(
-        QStringLiteral("korux doctor: a sensor is present but not usable; mend what the FIX lines say"));
-    return kExitFailure;
+    if (sensors > 0 && (devices.isEmpty() || usableDevices > 0))
+        return conclude(console,
+            onVirtual ? QStringLiteral("korux doctor: a sensor is usable on the virtual bridge; no real "
+                                       "sensor was checked (korux doctor without --bridge checks for one)")
+                      : QStringLiteral("korux doctor: a sensor is usable"),
+            kExitOk);
+    if (devices.isEmpty())
+        return conclude(console, QStringLiteral("korux doctor: no sensor is present"), kExitNoSensor);
+    return conclude(console,
+        QStringLiteral("korux doctor: a sensor is present but not usable; mend what the FIX lines say"),
+        kExitFailure);
 }
 
 } // namespace korux

@@ -1,18 +1,23 @@
 // The commands that map onto one host command each: the acquisition cycle
 // (1, 6, 11, 13, 18, 20) and the service commands (1000 to 3001).
 #include <QDir>
+#include <QFileInfo>
+#include <QHash>
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QLibrary>
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <limits>
 #include <unistd.h>
 
+#include "tools/AtomicFile.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/Folders.h"
 #include "tools/Interrupt.h"
 
 namespace korux {
@@ -26,6 +31,11 @@ constexpr qlonglong kLastFlashPage = 0xFFFF00;
 constexpr int kSettleMs = 50;
 // How long the units may take to end a stop's dummy integration.
 constexpr int kStopTimeoutMs = 5000;
+// Room the family directory needs: the flash files' copies (the FPGA's
+// bitstream, the calibration files).
+constexpr qint64 kFamilyFilesBytes = 16LL << 20;
+// From a Ctrl-C to korux's end when it has a family to stop.
+constexpr int kInterruptedStopMs = 900;
 
 QString orDash(const QString& text)
 {
@@ -73,6 +83,25 @@ int flashServiceCommand(Session& session, hardwareStatus command, bool reports)
     return serviceExit(session, sendUnitCommand(session, command), reports);
 }
 
+// The last line of a cycle command that went as it should: what the family
+// is now, with its units.
+int sayResult(Session& session, int result, const QString& what)
+{
+    if (result != kExitOk)
+        return result;
+    const int units = session.host->family()->hardwareUnitVector().size();
+    const hardwareStatus status = session.host->family()->status();
+    session.console.out(QStringLiteral("%1: %2 unit%3, family in %4")
+                            .arg(what)
+                            .arg(units)
+                            .arg(units == 1 ? QString() : QStringLiteral("s"))
+                            .arg(statusText(status)));
+    session.console.json({ { QStringLiteral("result"), what }, { QStringLiteral("units"), units },
+        { QStringLiteral("status"), int(status) },
+        { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(status) } });
+    return result;
+}
+
 int stopCommand(Session& session, hardwareStatus command, hardwareStatus finalStatus)
 {
     const int ready = ensureFamily(session);
@@ -87,7 +116,8 @@ int stopCommand(Session& session, hardwareStatus command, hardwareStatus finalSt
         session.console.error(QStringLiteral("korux: the units did not stop within %1 s").arg(kStopTimeoutMs / 1000));
         return kExitTimeout;
     }
-    return cycleExit(session, outcome, { finalStatus });
+    return sayResult(session, cycleExit(session, outcome, { finalStatus }),
+        finalStatus == statusAborted ? QStringLiteral("aborted") : QStringLiteral("stopped"));
 }
 
 // A hardwareStatus by number or by its name ("statusArming", "commandArm",
@@ -387,7 +417,30 @@ void stopArmedFamily(Session& session)
         return;
     session.console.error(QStringLiteral("korux: stopping the family"));
     sendFamilyCommand(session, statusStopping);
-    waitForUnitsToStop(session, kStopTimeoutMs, false);
+    // A person who pressed Ctrl-C waits a second at most, the stop included;
+    // a unit still on its way to stopped is named, not waited for.
+    const long long left = kInterruptedStopMs - millisecondsSinceStopRequest();
+    if (waitForUnitsToStop(session, int(std::max(0LL, left)), false))
+        return;
+    PluginHost& host = *session.host;
+    for (const QVeltraHardwareUnit* unit : host.family()->hardwareUnitVector()) {
+        const hardwareStatus status = host.observations().unitStatus.value(unit, unit->status());
+        if (status == statusStopping || status == statusStopped || status == statusError)
+            continue;
+        session.console.error(
+            QStringLiteral("korux: unit %1: the stop was sent; it was still in %2 when korux left")
+                .arg(host.unitName(unit), statusText(status)));
+    }
+}
+
+int checkFamilyDirectory(Session& session)
+{
+    const QString directory = session.host->family()->directory().absolutePath();
+    QString reason;
+    if (prepareFolder(directory, kFamilyFilesBytes, &reason))
+        return kExitOk;
+    session.console.error(QStringLiteral("korux: the family directory (--dir): %1").arg(reason));
+    return kExitUsage;
 }
 
 int interruptedExit()
@@ -468,6 +521,10 @@ int runList(Session& session, const CommandLine&)
             json.insert(QStringLiteral("probeFailure"), probe.failure);
         session.console.json(json);
     }
+    // Where the plug-in copies the flash files (the FPGA's bitstream on
+    // the way to an acquisition, the calibration files).
+    const QString directory = family->directory().absolutePath();
+    session.console.out(QStringLiteral("family directory %1").arg(directory));
     const QString name = family->codeName().isEmpty() ? family->sensorFamily() : family->codeName();
     session.console.out(QStringLiteral("family %1: %2 unit%3, status %4")
                             .arg(orDash(name))
@@ -476,7 +533,8 @@ int runList(Session& session, const CommandLine&)
                             .arg(statusText(family->status())));
     session.console.json({ { QStringLiteral("family"), name }, { QStringLiteral("units"), units.size() },
         { QStringLiteral("status"), int(family->status()) },
-        { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(family->status()) } });
+        { QStringLiteral("statusName"), QVeltraHardwareUnit::hardwareStatusToString(family->status()) },
+        { QStringLiteral("directory"), directory } });
     // In a script the family has moved on since its enumeration: units are
     // what counts.
     if (!units.isEmpty() && family->status() != statusError)
@@ -502,7 +560,8 @@ int runEnumerate(Session& session, const CommandLine&)
         return ready;
     const bool fromAcquired = session.host->family()->status() == statusAcquired;
     const Outcome outcome = sendFamilyCommand(session, statusEnumerating);
-    return cycleExit(session, outcome, { fromAcquired ? statusReady : statusSensorFound });
+    return sayResult(session, cycleExit(session, outcome, { fromAcquired ? statusReady : statusSensorFound }),
+        QStringLiteral("enumerated"));
 }
 
 int runNoop(Session& session, const CommandLine&)
@@ -510,7 +569,9 @@ int runNoop(Session& session, const CommandLine&)
     const int ready = ensureFamily(session);
     if (ready != kExitOk)
         return ready;
-    return cycleExit(session, sendFamilyCommand(session, statusNoOpBegin), { statusNoOpEnd });
+    return sayResult(session,
+        cycleExit(session, sendFamilyCommand(session, statusNoOpBegin), { statusNoOpEnd }),
+        QStringLiteral("no-op done"));
 }
 
 int runFpgaUpdate(Session& session, const CommandLine&)
@@ -518,7 +579,43 @@ int runFpgaUpdate(Session& session, const CommandLine&)
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
-    return cycleExit(session, sendFamilyCommand(session, statusFpgaUpdating), { statusFpgaUpdated });
+    // The plug-in copies the bitstream from flash into the family directory.
+    const int family = checkFamilyDirectory(session);
+    if (family != kExitOk)
+        return family;
+    const int result
+        = cycleExit(session, sendFamilyCommand(session, statusFpgaUpdating), { statusFpgaUpdated });
+    if (result != kExitOk)
+        return result;
+    // What came of it, unit by unit: configured, and from which file, or
+    // nothing to do.
+    PluginHost& host = *session.host;
+    for (const QVeltraHardwareUnit* unit : host.family()->hardwareUnitVector()) {
+        const FpgaUpdate update = host.observations().fpga.value(unit);
+        QString text;
+        QString source;
+        if (update.alreadyConfigured) {
+            text = QStringLiteral("FPGA already configured, nothing sent");
+        } else if (!update.bitstream.isEmpty()) {
+            source = update.bitstream.endsWith(QLatin1String(".BTS"), Qt::CaseInsensitive)
+                ? QStringLiteral("the flash copy")
+                : QFileInfo(update.bitstream).fileName();
+            text = QStringLiteral("FPGA configured from %1").arg(source);
+        } else {
+            text = QStringLiteral("FPGA update ended; the plug-in did not say how (-v shows its log)");
+        }
+        session.console.out(QStringLiteral("unit %1: %2").arg(host.unitName(unit), text));
+        QJsonObject json { { QStringLiteral("unit"), host.unitIndex(unit) },
+            { QStringLiteral("boardSerial"), unit->boardSerial() },
+            { QStringLiteral("fpga"),
+                update.alreadyConfigured ? QStringLiteral("already configured")
+                    : source.isEmpty()   ? QStringLiteral("unknown")
+                                         : QStringLiteral("configured") } };
+        if (!update.bitstream.isEmpty())
+            json.insert(QStringLiteral("bitstream"), update.bitstream);
+        session.console.json(json);
+    }
+    return kExitOk;
 }
 
 int runArm(Session& session, const CommandLine& line)
@@ -526,9 +623,19 @@ int runArm(Session& session, const CommandLine& line)
     const int ready = requireUnits(session);
     if (ready != kExitOk)
         return ready;
+    // After a stop the family keeps the last status of its units' dummy
+    // integration, which no command leaves but a no-op; any other status is
+    // the user's to choose the way out of.
+    const hardwareStatus status = session.host->family()->status();
+    if (status == statusIntegrating || status == statusIntegrated || status == statusAcquiring) {
+        const int prepared = prepareArming(session);
+        if (prepared != kExitOk)
+            return prepared;
+    }
     if (line.has(QStringLiteral("--oscilloscope")))
         session.host->family()->setParameter(QStringLiteral("Oscilloscope"), true);
-    return cycleExit(session, sendFamilyCommand(session, statusArming), { statusArmed });
+    return sayResult(session, cycleExit(session, sendFamilyCommand(session, statusArming), { statusArmed }),
+        QStringLiteral("armed"));
 }
 
 int runStop(Session& session, const CommandLine&)
@@ -550,6 +657,12 @@ bool checkGoto(const CommandLine& line, QString* error)
     return false;
 }
 
+namespace {
+int increaseCounters(Session& session);
+} // namespace
+int confirmIrreversible(
+    Session& session, const CommandLine& line, const QString& command, const QString& action);
+
 int runGoto(Session& session, const CommandLine& line)
 {
     QString error;
@@ -562,6 +675,41 @@ int runGoto(Session& session, const CommandLine& line)
     const int ready = ensureFamily(session);
     if (ready != kExitOk)
         return ready;
+    // The commands that write the flash or the family directory keep the
+    // rules of the commands named for them.
+    const QString name = QStringLiteral("goto %1").arg(int(command));
+    switch (command) {
+    case commandReadFlashFiles:
+    case commandReadAllFlashFiles:
+    case commandRewriteFlashFiles:
+    case commandRewriteAllFlashFiles: {
+        const int units = requireUnits(session);
+        if (units != kExitOk)
+            return units;
+        const int family = checkFamilyDirectory(session);
+        if (family != kExitOk)
+            return family;
+        break;
+    }
+    case commandIncreaseShootCounter:
+    case commandFormatFlash: {
+        const int units = requireUnits(session);
+        if (units != kExitOk)
+            return units;
+        const int confirmed = confirmIrreversible(session, line, name,
+            command == commandFormatFlash
+                ? QStringLiteral("Erase the whole flash, calibration files and counter included,")
+                : QStringLiteral("Add one to the shot counter (it can never be set lower again)"));
+        if (confirmed != kExitOk)
+            return confirmed;
+        if (command == commandIncreaseShootCounter)
+            return increaseCounters(session);
+        openFlashPorts(session);
+        break;
+    }
+    default:
+        break;
+    }
     const Outcome outcome = sendUnitCommand(session, command);
     if (outcome.rejected)
         return cycleExit(session, outcome, {});
@@ -585,26 +733,102 @@ int runSerial(Session& session, const CommandLine&)
 
 namespace {
 
-// Command 1009 for each unit asked for: a unit command, named by the unit's
-// board serial.
-int increaseCounters(Session& session)
+// The counter each unit reads now, by a counter command to each unit; a
+// unit that sent no counter report is missing from the result.
+QHash<QVeltraHardwareUnit*, uint> readCounters(Session& session, const QVector<QVeltraHardwareUnit*>& units)
+{
+    QuietOutput quiet(*session.host);
+    QHash<QVeltraHardwareUnit*, uint> counters;
+    const QString chosen = session.serial;
+    for (QVeltraHardwareUnit* unit : units) {
+        session.serial = unit->boardSerial();
+        sendUnitCommand(session, commandGetShootCounter);
+        const QHash<const QVeltraHardwareUnit*, uint>& seen = session.host->observations().counters;
+        if (seen.contains(unit))
+            counters.insert(unit, seen.value(unit));
+    }
+    session.serial = chosen;
+    return counters;
+}
+
+// The units a counter write goes to, their serials read (the unit commands
+// name them so).
+QVector<QVeltraHardwareUnit*> counterUnits(Session& session)
 {
     QuietOutput quiet(*session.host);
     if (session.serial.isEmpty())
         sendFamilyCommand(session, commandReadSerialNumber);
-    const QVector<QVeltraHardwareUnit*> units = targetUnits(session);
+    return targetUnits(session);
+}
+
+// Command 1009 for each unit asked for: a unit command, named by the unit's
+// board serial. The counter is read before and after: a step that did not
+// add exactly one (a slot that did not take the new value) is a failure,
+// since every later shot would be named as the one before.
+int increaseCounters(Session& session)
+{
+    const QVector<QVeltraHardwareUnit*> units = counterUnits(session);
     if (units.isEmpty())
         return noUnitWithSerial(session);
+    const QHash<QVeltraHardwareUnit*, uint> before = readCounters(session, units);
     const QString chosen = session.serial;
     int result = kExitOk;
-    for (QVeltraHardwareUnit* unit : units) {
-        session.serial = unit->boardSerial();
-        const Outcome outcome = sendUnitCommand(session, commandIncreaseShootCounter);
-        if (outcome.failureLines > 0)
-            result = reportedFailure(session, outcome);
+    {
+        QuietOutput quiet(*session.host);
+        for (QVeltraHardwareUnit* unit : units) {
+            session.serial = unit->boardSerial();
+            const Outcome outcome = sendUnitCommand(session, commandIncreaseShootCounter);
+            if (outcome.failureLines > 0)
+                result = reportedFailure(session, outcome);
+        }
     }
     session.serial = chosen;
+    if (result != kExitOk)
+        return result;
+    const QHash<QVeltraHardwareUnit*, uint> after = readCounters(session, units);
+    for (QVeltraHardwareUnit* unit : units) {
+        const QString name = session.host->unitName(unit);
+        if (!before.contains(unit) || !after.contains(unit)) {
+            session.console.error(
+                QStringLiteral("korux: unit %1: its counter could not be read around the increase")
+                    .arg(name));
+            result = kExitFailure;
+        } else if (after.value(unit) != before.value(unit) + 1) {
+            session.console.error(QStringLiteral("korux: unit %1: the counter went from %2 to %3, not to %4")
+                                      .arg(name)
+                                      .arg(before.value(unit))
+                                      .arg(after.value(unit))
+                                      .arg(before.value(unit) + 1));
+            result = kExitFailure;
+        }
+    }
     return result;
+}
+
+// A value at or below the counter never takes: the flash would AND its bits
+// into the next slot and keep reading the old count. Refused before any write.
+int refuseLowerCounter(Session& session, const QVector<QVeltraHardwareUnit*>& units, unsigned int value)
+{
+    const QHash<QVeltraHardwareUnit*, uint> counters = readCounters(session, units);
+    for (QVeltraHardwareUnit* unit : units) {
+        if (!counters.contains(unit)) {
+            session.console.error(
+                QStringLiteral("korux: unit %1: its counter could not be read; nothing written")
+                    .arg(session.host->unitName(unit)));
+            return kExitFailure;
+        }
+        const uint current = counters.value(unit);
+        if (value <= current) {
+            session.console.error(
+                QStringLiteral("korux: unit %1: the counter reads %2; it can only be set above that, not to "
+                               "%3; nothing written")
+                    .arg(session.host->unitName(unit))
+                    .arg(current)
+                    .arg(value));
+            return kExitUsage;
+        }
+    }
+    return kExitOk;
 }
 
 // No host command sets the counter to a value: the unit class exports its
@@ -748,6 +972,12 @@ int runCounter(Session& session, const CommandLine& line)
         return ready;
     if (set) {
         const unsigned int value = static_cast<unsigned int>(number);
+        const QVector<QVeltraHardwareUnit*> units = counterUnits(session);
+        if (units.isEmpty())
+            return noUnitWithSerial(session);
+        const int refused = refuseLowerCounter(session, units, value);
+        if (refused != kExitOk)
+            return refused;
         const int confirmed = confirmIrreversible(session, line, QStringLiteral("counter --set"),
             QStringLiteral("Set the shot counter to %1 (it can never be set lower again)").arg(value));
         if (confirmed != kExitOk)

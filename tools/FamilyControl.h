@@ -58,6 +58,16 @@ bool waitForUnitsToStop(Session& session, int timeoutMs, bool interruptible = tr
 // no sensor is left armed.
 void stopArmedFamily(Session& session);
 
+// Brings the family to a status that takes command 20 (enumerating, FPGA
+// update, no-op, as the status cycle allows) and port A to a state arming
+// can read: kExitOk, or the exit status having said why.
+int prepareArming(Session& session);
+
+// The family directory checked before the plug-in writes in it (it exists
+// or can be created, can be written, has room): kExitOk, or kExitUsage
+// having said why.
+int checkFamilyDirectory(Session& session);
+
 // The exit status of a command cut short by a stop request.
 int interruptedExit();
 

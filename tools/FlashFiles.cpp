@@ -114,22 +114,24 @@ int verifyCopies(Session& session, bool withProduction)
             QString reason;
             switch (header.state) {
             case FlashFileState::NoData:
-                reason = QStringLiteral("the flash holds no %1 file at %2 (no data to be read!)");
+                reason = QStringLiteral("the flash holds no %1 file at %2 (no data to be read!)")
+                             .arg(file.suffix, hexAddress(file.address));
                 break;
             case FlashFileState::NoFile:
-                reason = QStringLiteral("the flash has an empty %1 entry at %2 (No file present)");
+                reason = QStringLiteral("the flash has an empty %1 entry at %2 (No file present)")
+                             .arg(file.suffix, hexAddress(file.address));
                 break;
             case FlashFileState::InvalidSize:
-                reason = QStringLiteral("the %1 file at %2 gives an impossible size (%3 bytes)");
+                reason = QStringLiteral("the %1 file at %2 gives an impossible size (%3 bytes)")
+                             .arg(file.suffix, hexAddress(file.address))
+                             .arg(header.size);
                 break;
             case FlashFileState::Present:
                 break;
             }
             if (!reason.isEmpty()) {
-                session.console.error(
-                    QStringLiteral("korux: unit %1: %2; %3 is not copied")
-                        .arg(host.unitName(unit),
-                            reason.arg(file.suffix, hexAddress(file.address)).arg(header.size), copy));
+                session.console.error(QStringLiteral("korux: unit %1: %2; %3 is not copied")
+                                          .arg(host.unitName(unit), reason, copy));
                 ++problems;
                 continue;
             }
@@ -171,11 +173,9 @@ int runFlashFiles(Session& session, const CommandLine& line)
         return ready;
     // Before any flash is read: the copies must have somewhere to go.
     const QString directory = session.host->family()->directory().absolutePath();
-    QString reason;
-    if (!directoryIsWritable(directory, &reason)) {
-        session.console.error(QStringLiteral("korux: the family directory (--dir): %1").arg(reason));
-        return kExitUsage;
-    }
+    const int family = checkFamilyDirectory(session);
+    if (family != kExitOk)
+        return family;
     // 1003: the four files, 1004: with the production files, 1005 and 1006:
     // the same, replacing the copies already on disk.
     const bool all = line.has(QStringLiteral("--all"));

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <unistd.h>
 
 namespace korux {
@@ -13,6 +14,8 @@ constexpr int kPathLength = 4096;
 
 volatile sig_atomic_t stopSignal_ = 0;
 void (*volatile stopHook_)() = nullptr;
+// When the stop was asked for (clock_gettime is async-signal-safe).
+timespec stopTime_ = {};
 
 // Written only outside the handler, with used set last on registration and
 // first on removal, so the handler never sees a half-written path.
@@ -25,6 +28,7 @@ TemporarySlot temporaries[kTemporarySlots];
 void onSignal(int signal)
 {
     if (stopSignal_ == 0) {
+        clock_gettime(CLOCK_MONOTONIC, &stopTime_);
         stopSignal_ = signal;
         if (void (*hook)() = stopHook_)
             hook();
@@ -60,8 +64,19 @@ int stopSignal()
 
 void requestStop(int signal)
 {
-    if (stopSignal_ == 0)
+    if (stopSignal_ == 0) {
+        clock_gettime(CLOCK_MONOTONIC, &stopTime_);
         stopSignal_ = signal;
+    }
+}
+
+long long millisecondsSinceStopRequest()
+{
+    if (stopSignal_ == 0)
+        return 0;
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (now.tv_sec - stopTime_.tv_sec) * 1000LL + (now.tv_nsec - stopTime_.tv_nsec) / 1000000;
 }
 
 void clearStopRequest()

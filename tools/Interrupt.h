@@ -18,6 +18,8 @@ inline bool stopRequested()
     return stopSignal() != 0;
 }
 void requestStop(int signal);
+// Time since the stop was asked for, 0 while none was.
+long long millisecondsSinceStopRequest();
 // For korux shell, which goes on after a Ctrl-C.
 void clearStopRequest();
 

@@ -2,9 +2,14 @@
 
 #include <QRegularExpression>
 
+#include <cmath>
+
 namespace korux {
 
 namespace {
+
+// A hundred times the real waits is already a slow-motion sensor.
+constexpr double kLargestTimeScale = 100;
 
 const QStringList kValueOptions = {
     QStringLiteral("--bridge"),
@@ -40,7 +45,8 @@ bool applyValue(const QString& name, const QString& value, Options* options, QSt
     } else if (name == QLatin1String("--dir")) {
         options->directory = value;
     } else if (name == QLatin1String("--serial")) {
-        options->serial = value;
+        // Board serials are hexadecimal, read from flash in capitals.
+        options->serial = value.toUpper();
     } else if (name == QLatin1String("--transcript")) {
         options->transcript = value;
     } else if (name == QLatin1String("--record")) {
@@ -59,8 +65,11 @@ bool applyValue(const QString& name, const QString& value, Options* options, QSt
     } else if (name == QLatin1String("--time-scale")) {
         bool ok = false;
         const double scale = value.toDouble(&ok);
-        if (!ok || scale < 0) {
-            *error = QStringLiteral("--time-scale takes a number of 0 or more, not \"%1\"").arg(value);
+        // nan and inf are numbers to toDouble; a wait stretched by them never ends.
+        if (!ok || !std::isfinite(scale) || scale < 0 || scale > kLargestTimeScale) {
+            *error = QStringLiteral("--time-scale takes a number from 0 to %1, not \"%2\"")
+                         .arg(kLargestTimeScale)
+                         .arg(value);
             return false;
         }
         options->timeScale = scale;
@@ -99,6 +108,12 @@ bool parseOptions(const QStringList& arguments, Options* options, QString* error
             options->version = true;
         } else if (word == QLatin1String("--record-mask-serials")) {
             options->recordMaskSerials = true;
+        } else if (word == QLatin1String("--overwrite")) {
+            // Before the command, korux's own (the transcript); after it,
+            // the command's too.
+            options->overwrite = true;
+            if (!options->command.isEmpty())
+                options->arguments << word;
         } else {
             const int equals = word.indexOf('=');
             const QString name = equals < 0 ? word : word.left(equals);

@@ -11,7 +11,9 @@ namespace korux {
 enum class ColorMode { Auto, Always, Never };
 
 struct Options {
-    QString bridge = QStringLiteral("virtual"); // "virtual", "vendor" or a library path
+    // "auto" (the vendor's library when installed, else the virtual
+    // bridge), "virtual", "vendor" or a library path.
+    QString bridge = QStringLiteral("auto");
     QString scenario; // scenario file for the virtual bridge
     QString plugin; // plug-in library; empty: next to korux
     QString directory; // family directory; empty: the framework's default
@@ -25,6 +27,7 @@ struct Options {
     bool json = false; // results as JSON documents, one a line, nothing else
     bool help = false;
     bool version = false;
+    bool overwrite = false; // an existing transcript may be replaced
     bool timeScaleSet = false;
     double timeScale = 1.0;
     QString command;

@@ -185,6 +185,15 @@ void PluginHost::logLine(const QString& text, bool detailed, const QVeltraHardwa
         if (status.read)
             lastStatus_.insert(unit, status);
     }
+    if (unit) {
+        // What an FPGA update did, as the plug-in tells it: the bitstream it
+        // chose, or that none was needed.
+        const QString plain = styleLogText(text, false).trimmed();
+        if (plain == QLatin1String("The FPGA is already flashed"))
+            observations_.fpga.insert(unit, { true, QString() });
+        else if (plain.startsWith(QLatin1String("Use bitstream ")))
+            observations_.fpga.insert(unit, { false, plain.mid(14) });
+    }
     if (isFailureLine(text)) {
         ++observations_.failureLines;
         const QString plain = styleLogText(text, false).trimmed();

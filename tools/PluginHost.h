@@ -24,6 +24,12 @@ namespace korux {
 
 class Transcript;
 
+// What an FPGA update did to one unit.
+struct FpgaUpdate {
+    bool alreadyConfigured = false; // nothing sent
+    QString bitstream; // the file it came from
+};
+
 // What the plug-in said since the last clearObservations(): what a command's
 // outcome is judged by.
 struct Observations {
@@ -42,6 +48,7 @@ struct Observations {
     // Whether each unit's sensor is built into a generator ("Inside"), as its
     // generator reported when port D was set up.
     QHash<const QVeltraHardwareUnit*, bool> inside;
+    QHash<const QVeltraHardwareUnit*, FpgaUpdate> fpga;
 };
 
 class PluginHost {

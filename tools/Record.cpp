@@ -83,15 +83,15 @@ QString recordingBridgeFileFrom(const QString& executableDirectory)
         executableDirectory, { "../lib/record", KORUX_RECORD_DIR_FROM_BIN }, QStringLiteral("libft4222.so"));
 }
 
-int loadRecordingBridge(
-    const Options& options, const QString& executableDirectory, Console& console, BridgeInfo* info)
+int loadRecordingBridge(const Options& options, const QString& bridge, const QString& executableDirectory,
+    Console& console, BridgeInfo* info)
 {
     const QString recorder = recordingBridgeFileFrom(executableDirectory);
     const QString recorderDirectory = QFileInfo(recorder).absolutePath();
     QString real;
-    if (options.bridge == QLatin1String("virtual")) {
+    if (bridge == QLatin1String("virtual")) {
         real = QFileInfo(virtualBridgeFileFrom(executableDirectory)).absoluteFilePath();
-    } else if (options.bridge == QLatin1String("vendor")) {
+    } else if (bridge == QLatin1String("vendor")) {
         // By its path: the recording bridge carries the vendor's name, so
         // the name alone would give the recorder itself.
         real = findSystemLibrary(QStringLiteral("libft4222.so"), recorderDirectory);
@@ -101,13 +101,13 @@ int loadRecordingBridge(
                                          "nothing to record (korux --bridge vendor doctor says more)"));
             return kExitNoBridge;
         }
-    } else if (options.bridge.contains(QLatin1Char('/'))) {
-        real = QFileInfo(options.bridge).absoluteFilePath();
+    } else if (bridge.contains(QLatin1Char('/'))) {
+        real = QFileInfo(bridge).absoluteFilePath();
     } else {
-        real = findSystemLibrary(options.bridge, recorderDirectory);
+        real = findSystemLibrary(bridge, recorderDirectory);
         if (real.isEmpty()) {
             console.error(
-                QStringLiteral("korux: cannot find the bridge library %1 to record").arg(options.bridge));
+                QStringLiteral("korux: cannot find the bridge library %1 to record").arg(bridge));
             return kExitNoBridge;
         }
     }

@@ -18,10 +18,11 @@ QString findSystemLibrary(const QString& name, const QString& skipDirectory = QS
 
 QString recordingBridgeFileFrom(const QString& executableDirectory);
 
-// Loads the recording bridge with the bridge the options name behind it.
-// Returns kExitOk or the exit status to stop with, having said why.
-int loadRecordingBridge(
-    const Options& options, const QString& executableDirectory, Console& console, BridgeInfo* info);
+// Loads the recording bridge with bridge (virtual, vendor, a name or a path)
+// behind it. Returns kExitOk or the exit status to stop with, having said
+// why.
+int loadRecordingBridge(const Options& options, const QString& bridge, const QString& executableDirectory,
+    Console& console, BridgeInfo* info);
 
 // At the end of a command: a replay that left its recording is one line and
 // a failure; a recording is put in place (a write error is a failure).

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <unistd.h>
 
 #include "tools/ExitCodes.h"
@@ -96,7 +97,8 @@ bool parseLine(const QString& text, ScriptLine* line, QString* error)
     if (options.bridge != defaults.bridge || !options.scenario.isEmpty() || !options.plugin.isEmpty()
         || !options.directory.isEmpty() || !options.transcript.isEmpty() || options.timeScaleSet
         || options.color != defaults.color || options.verbose || options.quiet || options.help
-        || options.version || options.json) {
+        || options.version || options.json
+        || (options.overwrite && !options.arguments.contains(QStringLiteral("--overwrite")))) {
         *error = QStringLiteral("only --serial may be given in a script; korux's other options go on its command line");
         return false;
     }
@@ -182,8 +184,13 @@ int runShell(Session& session, const CommandLine&)
             std::fputs("korux> ", stderr);
             std::fflush(stderr);
         }
-        char buffer[4096];
-        if (!std::fgets(buffer, sizeof buffer, stdin)) {
+        // A line of any length: getline grows the buffer as it reads.
+        char* buffer = nullptr;
+        size_t capacity = 0;
+        const ssize_t length = getline(&buffer, &capacity, stdin);
+        const QString text = length < 0 ? QString() : QString::fromLocal8Bit(buffer, int(length)).trimmed();
+        std::free(buffer);
+        if (length < 0) {
             // Ctrl-C at the prompt drops the line and asks again.
             if (std::ferror(stdin) && errno == EINTR && stopSignal() == SIGINT) {
                 std::clearerr(stdin);
@@ -195,7 +202,6 @@ int runShell(Session& session, const CommandLine&)
                 std::fputs("\n", stderr);
             return last;
         }
-        const QString text = QString::fromLocal8Bit(buffer).trimmed();
         if (text == QLatin1String("exit") || text == QLatin1String("quit"))
             return last;
         ScriptLine scriptLine;

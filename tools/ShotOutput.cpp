@@ -20,16 +20,14 @@ namespace korux {
 
 namespace {
 
-QtMessageHandler qtHandler = nullptr;
-
-void filterMessages(QtMsgType type, const QMessageLogContext& context, const QString& message)
+// Qt's own messages become korux's lines: one line each, on standard error,
+// marked as korux's, never Qt's format.
+void filterMessages(QtMsgType type, const QMessageLogContext&, const QString& message)
 {
     if (message.startsWith(QLatin1String("QStandardPaths: XDG_RUNTIME_DIR not set")))
         return;
-    if (qtHandler)
-        qtHandler(type, context, message);
-    else
-        std::fprintf(stderr, "%s\n", qPrintable(message));
+    const char* kind = type == QtDebugMsg || type == QtInfoMsg ? "" : "warning: ";
+    std::fprintf(stderr, "korux: %s%s\n", kind, message.simplified().toLocal8Bit().constData());
 }
 
 } // namespace
@@ -37,7 +35,7 @@ void filterMessages(QtMsgType type, const QMessageLogContext& context, const QSt
 void prepareHeadlessGui()
 {
     qputenv("QT_QPA_PLATFORM", "minimal:enable_fonts");
-    qtHandler = qInstallMessageHandler(filterMessages);
+    qInstallMessageHandler(filterMessages);
 }
 
 PictureOptions pictureOptions(const CommandLine& line)

@@ -6,6 +6,9 @@
 #include <QDir>
 #include <QGuiApplication>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QStringList>
 
 #include <cerrno>
@@ -18,6 +21,7 @@
 #include "tools/Commands.h"
 #include "tools/Console.h"
 #include "tools/ExitCodes.h"
+#include "tools/Folders.h"
 #include "tools/InstallLayout.h"
 #include "tools/FamilyControl.h"
 #include "tools/Interrupt.h"
@@ -46,11 +50,54 @@ bool wantColour(ColorMode mode)
     return isatty(STDOUT_FILENO) && !(noColour && *noColour);
 }
 
-int usageError(Console& console, const QString& reason)
+// One line of what is wrong, and where to read more: the help of the
+// command when there is one.
+int usageError(Console& console, const QString& reason, const QString& command = QString())
 {
     console.error(QStringLiteral("korux: ") + reason);
-    console.error(usageText());
+    console.error(findCommand(command) ? QStringLiteral("korux: see korux help %1").arg(command)
+                                       : QStringLiteral("korux: see korux help"));
     return kExitUsage;
+}
+
+// The files a transcript must never take the place of: the scenario, and
+// the flash images it names or the default machine keeps.
+QStringList protectedFiles(const Options& options)
+{
+    QStringList files;
+    QString scenario = options.scenario;
+    if (scenario.isEmpty())
+        scenario = qEnvironmentVariable("KORUX_SCENARIO");
+    if (scenario.isEmpty()) {
+        scenario = stateDirectory() + QStringLiteral("/default-machine.json");
+        files << stateDirectory() + QStringLiteral("/default-flash.bin");
+    }
+    files << scenario;
+    QFile file(scenario);
+    if (file.open(QIODevice::ReadOnly)) {
+        const QJsonArray sensors
+            = QJsonDocument::fromJson(file.read(1 << 20)).object().value(QStringLiteral("sensors")).toArray();
+        for (const QJsonValue& sensor : sensors) {
+            const QString image = sensor.toObject()
+                                      .value(QStringLiteral("flash"))
+                                      .toObject()
+                                      .value(QStringLiteral("image"))
+                                      .toString();
+            if (!image.isEmpty())
+                files << QFileInfo(scenario).absoluteDir().filePath(image);
+        }
+    }
+    return files;
+}
+
+// The same file, by what it is on the disk where it exists.
+bool sameFile(const QString& one, const QString& other)
+{
+    const QFileInfo a(one);
+    const QFileInfo b(other);
+    if (a.exists() && b.exists())
+        return a.canonicalFilePath() == b.canonicalFilePath();
+    return a.absoluteFilePath() == b.absoluteFilePath();
 }
 
 // The way out of every command that got as far as running: an interrupted
@@ -112,13 +159,28 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc; ++i)
         words << QString::fromLocal8Bit(argv[i]);
     if (!parseOptions(words, &options, &error))
-        return usageError(console, error);
+        return usageError(console, error, options.command);
+    // The virtual bridge reads it; a value it does not know would be ignored.
+    const QString timing = qEnvironmentVariable("KORUX_TIMING");
+    if (!timing.isEmpty() && timing != QLatin1String("instant") && timing != QLatin1String("realistic")) {
+        console.error(
+            QStringLiteral("korux: KORUX_TIMING takes instant or realistic, not \"%1\"").arg(timing));
+        return kExitUsage;
+    }
     const QString executableDirectory = QCoreApplication::applicationDirPath();
     const QString pluginPath
         = options.plugin.isEmpty() ? pluginFileFrom(executableDirectory) : options.plugin;
+    console.setJsonMode(options.json);
     if (options.version) {
         console.out(QStringLiteral("korux %1").arg(QStringLiteral(KORUX_VERSION)));
         const QFileInfo plugin(pluginPath);
+        QJsonObject version { { QStringLiteral("korux"), QStringLiteral(KORUX_VERSION) },
+            { QStringLiteral("plugin"), plugin.exists() ? plugin.absoluteFilePath() : pluginPath },
+            { QStringLiteral("pluginFound"), plugin.exists() } };
+        if (plugin.exists())
+            version.insert(
+                QStringLiteral("pluginBuilt"), plugin.lastModified().toUTC().toString(Qt::ISODate));
+        console.json(version);
         console.out(plugin.exists()
                 ? QStringLiteral("plug-in %1 (built %2)")
                       .arg(plugin.absoluteFilePath(), plugin.lastModified().toUTC().toString(Qt::ISODate))
@@ -136,6 +198,7 @@ int main(int argc, char** argv)
         } else {
             console.out(usageText());
         }
+        console.json(helpDocument(command));
         return console.outputFailed() ? kExitFailure : kExitOk;
     }
     if (options.command.isEmpty())
@@ -145,7 +208,7 @@ int main(int argc, char** argv)
         return usageError(console, QStringLiteral("unknown command \"%1\"").arg(options.command));
     CommandLine line;
     if (!parseCommandLine(*command, options.arguments, options.serial, &line, &error))
-        return usageError(console, error);
+        return usageError(console, error, options.command);
     // Every korux starts with a freshly enumerated family and ends it after
     // its command: these change nothing that outlives that.
     for (const char* name : { "arm", "stop", "abort", "set" }) {
@@ -173,6 +236,24 @@ int main(int argc, char** argv)
         setSleepTimeScale(options.timeScale);
 
     Transcript transcript;
+    if (!options.transcript.isEmpty()) {
+        for (const QString& file : protectedFiles(options)) {
+            if (sameFile(options.transcript, file)) {
+                console.error(
+                    QStringLiteral("korux: --transcript %1 is the virtual machine's %2; choose another file")
+                        .arg(options.transcript,
+                            file.endsWith(QLatin1String(".json")) ? QStringLiteral("scenario")
+                                                                  : QStringLiteral("flash image")));
+                return kExitUsage;
+            }
+        }
+        // A device (a terminal, /dev/full) is written to, not replaced.
+        if (QFileInfo(options.transcript).isFile() && !options.overwrite) {
+            console.error(QStringLiteral("korux: --transcript %1 exists already; --overwrite replaces it")
+                              .arg(options.transcript));
+            return kExitUsage;
+        }
+    }
     if (!options.transcript.isEmpty() && !transcript.open(options.transcript, &error)) {
         console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
@@ -186,6 +267,19 @@ int main(int argc, char** argv)
             console.error(QStringLiteral("korux: --record: %1 makes no bridge calls; no trace is written")
                               .arg(command->name));
         return finish(session, transcript, runCommand(session, *command, line));
+    }
+
+    // The framework makes the family directory, parents and all: one that
+    // is not there is made only under a folder that is.
+    if (!options.directory.isEmpty() && !QFileInfo::exists(options.directory)) {
+        const QFileInfo parent(QFileInfo(options.directory).absolutePath());
+        if (!parent.isDir()) {
+            console.error(
+                QStringLiteral("korux: the family directory (--dir): %1 cannot be created: %2 does not "
+                               "exist")
+                    .arg(options.directory, parent.filePath()));
+            return finish(session, transcript, kExitUsage);
+        }
     }
 
     // The bridge goes first: the plug-in's "libft4222.so" is bound to
@@ -207,6 +301,8 @@ int main(int argc, char** argv)
     }
     if (!options.directory.isEmpty())
         host.family()->setDirectory(QDir(options.directory));
+    if (options.verbose)
+        console.out(QStringLiteral("family directory %1").arg(host.family()->directory().absolutePath()));
 
     session.host = &host;
     const int result = runCommand(session, *command, line);

@@ -42,10 +42,10 @@ class VbSensorLogic : public VbTest {
 protected:
     // Arm frame: A1 00 CA FE on one line, then mode 4 with threshold 0x1B8
     // and an ACE value on four lines; nothing is read.
-    static void sendArm(FT_HANDLE handle, int modeAndThresholdHigh = 0x41)
+    static void sendArm(FT_HANDLE handle, int modeAndThresholdHigh = 0x41, int thresholdLow = 0xB8)
     {
         std::vector<uint8_t> frame
-            = bytes({ 0xA1, 0x00, 0xCA, 0xFE, modeAndThresholdHigh, 0xB8, 0x00, 0x61, 0xA8 });
+            = bytes({ 0xA1, 0x00, 0xCA, 0xFE, modeAndThresholdHigh, thresholdLow, 0x00, 0x61, 0xA8 });
         uint32_t read = 0;
         ASSERT_EQ(FT4222_SPIMaster_MultiReadWrite(handle, nullptr, frame.data(), 4, 5, 0, &read), FT4222_OK);
     }
@@ -356,4 +356,36 @@ TEST_F(VbSensorLogic, RealisticTimingKeepsTheReadyFlagClearAfterPowerOn)
     EXPECT_EQ(flags(handle) & 0x40, 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(vbridge::kRealisticReadyDelayMs + 20));
     EXPECT_EQ(flags(handle) & 0x40, 0x40);
+}
+
+// A stop arms once more with threshold 400, under the dark level: taken
+// whenever the ready flag is up, the image-ready value 0x48 included.
+TEST_F(VbSensorLogic, StopArmFrameIsTakenWhileAnImageIsHeld)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    armAndExpose(handle);
+    ASSERT_EQ(bridge().lastArm(0).count, 1);
+    sendArm(handle, 0x41, 0x90);
+    EXPECT_EQ(bridge().lastArm(0).count, 2);
+    EXPECT_EQ(bridge().lastArm(0).threshold, 400);
+    EXPECT_EQ(flags(handle), 0x45);
+}
+
+// The dark signal crosses a threshold under the dark level at once: an
+// integration that lasts long enough for a stop's first poll to see it,
+// then the read-out and a dark image held.
+TEST_F(VbSensorLogic, ThresholdUnderTheDarkLevelRunsADummyIntegration)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    bridge().setAutoExposure(0, false);
+    bridge().setSensorDelays(0, 0, 0, 0, 0);
+    sendArm(handle, 0x41, 0x90);
+    EXPECT_EQ(flags(handle), 0x45);
+    // A stop's first poll: up to 250 ms for the armed flag, then 100 ms.
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_EQ(flags(handle), 0x45);
+    std::this_thread::sleep_for(std::chrono::milliseconds(vbridge::SensorLogic::kDummyIntegrationMs));
+    EXPECT_EQ(flags(handle), 0x48);
 }

@@ -12,7 +12,19 @@ for file in include/VeltraXRayHardware/VeltraXRayHardware.h lib/cmake/VeltraXRay
     share/man/man1/korux.1.gz share/bash-completion/completions/korux; do
     [[ -e "$prefix/$file" ]] || { printf 'not installed: %s\n' "$file" >&2; exit 1; }
 done
-out=$(env -u KORUX_SCENARIO -u LD_LIBRARY_PATH KORUX_TIMING=instant "$prefix/bin/korux" -v --time-scale 0 list)
+out=$(env -u KORUX_SCENARIO -u LD_LIBRARY_PATH KORUX_TIMING=instant HOME="$prefix/home" XDG_STATE_HOME="$prefix/state" \
+    XDG_DATA_HOME="$prefix/data" "$prefix/bin/korux" -v --time-scale 0 list)
 printf '%s\n' "$out" | grep -F "plugin $prefix/lib/veltra/hardware/libVeltraXRayKORUX.so"
 printf '%s\n' "$out" | grep -F "bridge $prefix/lib/korux/virtual/libft4222.so (virtual)"
 printf '%s\n' "$out" | grep -F ': 1 unit,'
+# doctor and help use the same lookup as every other command.
+run() {
+    env -u KORUX_SCENARIO -u LD_LIBRARY_PATH KORUX_TIMING=instant HOME="$prefix/home" XDG_STATE_HOME="$prefix/state" \
+        XDG_DATA_HOME="$prefix/data" "$prefix/bin/korux" "$@"
+}
+doctor=$(run --bridge virtual --time-scale 0 doctor)
+printf '%s\n' "$doctor" | grep -F "OK   bridge library: $prefix/lib/korux/virtual/libft4222.so (the virtual bridge)"
+printf '%s\n' "$doctor" | grep -F "OK   sensors: the plug-in's enumeration finds 1"
+help=$(run help)
+printf '%s\n' "$help" | grep -F "$prefix/lib/veltra/hardware/libVeltraXRayKORUX.so"
+printf '%s\n' "$help" | grep -F "$prefix/lib/korux/virtual/libft4222.so"

@@ -49,7 +49,7 @@ TEST_F(Korux, NoCommandIsAUsageError)
 {
     const KoruxRun run = korux({});
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_TRUE(run.err.contains(QStringLiteral("usage: korux"))) << run.err;
+    EXPECT_EQ(run.err, QStringLiteral("korux: no command given\nkorux: see korux help\n"));
 }
 
 TEST_F(Korux, UnknownCommandIsAUsageError)
@@ -57,7 +57,7 @@ TEST_F(Korux, UnknownCommandIsAUsageError)
     const KoruxRun run = korux({ QStringLiteral("frobnicate") });
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_TRUE(run.err.contains(QStringLiteral("unknown command \"frobnicate\""))) << run.err;
-    EXPECT_TRUE(run.err.contains(QStringLiteral("usage: korux"))) << run.err;
+    EXPECT_TRUE(run.err.endsWith(QStringLiteral("\nkorux: see korux help\n"))) << run.err;
     EXPECT_TRUE(run.out.isEmpty()) << run.out;
 }
 
@@ -66,7 +66,7 @@ TEST_F(Korux, UnknownOptionIsAUsageError)
     const KoruxRun run = korux({ QStringLiteral("--frobnicate"), QStringLiteral("list") });
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_TRUE(run.err.contains(QStringLiteral("unknown option \"--frobnicate\""))) << run.err;
-    EXPECT_TRUE(run.err.contains(QStringLiteral("usage: korux"))) << run.err;
+    EXPECT_TRUE(run.err.endsWith(QStringLiteral("\nkorux: see korux help\n"))) << run.err;
 }
 
 TEST_F(Korux, OptionWithoutItsValueIsAUsageError)
@@ -87,7 +87,8 @@ TEST_F(Korux, ExtraArgumentsAreAUsageError)
 {
     const KoruxRun run = korux({ QStringLiteral("list"), QStringLiteral("now") });
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_TRUE(run.err.contains(QStringLiteral("usage: korux"))) << run.err;
+    EXPECT_TRUE(run.err.endsWith(QStringLiteral("\nkorux: see korux help list\n"))) << run.err;
+    EXPECT_EQ(run.err.count(QLatin1Char('\n')), 2) << run.err;
 }
 
 TEST_F(Korux, MalformedScenarioIsNamedAndNothingStarts)
@@ -295,4 +296,46 @@ TEST_F(Korux, DetailedLogOnlyWithVerbose)
     EXPECT_GT(verbose.out.count('\n'), quiet.out.count('\n'));
     EXPECT_TRUE(verbose.out.startsWith(QStringLiteral("bridge "))) << verbose.out;
     EXPECT_TRUE(verbose.out.contains(QStringLiteral("(virtual)"))) << verbose.out;
+}
+
+// Without --bridge korux takes the vendor's library when one is installed,
+// else the virtual bridge, and says once which (not with -q).
+TEST_F(Korux, TheAutomaticBridgeSaysWhichItUses)
+{
+    if (!vendorBridgeKoruxWouldFind().isEmpty())
+        GTEST_SKIP() << "an FT4222 bridge library is installed on this machine";
+    const QStringList list { QStringLiteral("--time-scale"), QStringLiteral("0"), QStringLiteral("--dir"),
+        familyDirectory(), QStringLiteral("list") };
+    const KoruxRun run = korux(list);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.err.count(
+                  QStringLiteral("korux: no vendor bridge library is installed; using the virtual bridge")),
+        1)
+        << run.err;
+    EXPECT_TRUE(run.out.contains(QStringLiteral(": 1 unit,"))) << run.out;
+    const KoruxRun quiet = korux(QStringList { QStringLiteral("-q") } + list);
+    EXPECT_EQ(quiet.exitCode, 0) << quiet.err;
+    EXPECT_TRUE(quiet.err.isEmpty()) << quiet.err;
+}
+
+// Plain doctor checks what a machine with sensors needs: here, without the
+// vendor's library, it does not pass on the virtual bridge's sensor.
+TEST_F(Korux, PlainDoctorDiagnosesTheMachineNotTheVirtualBridge)
+{
+    if (!vendorBridgeKoruxWouldFind().isEmpty())
+        GTEST_SKIP() << "an FT4222 bridge library is installed on this machine";
+    const KoruxRun run = korux({ QStringLiteral("doctor") });
+    EXPECT_NE(run.exitCode, 0) << run.out;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("FIX  bridge library: none loaded"))) << run.out;
+    EXPECT_TRUE(run.out.contains(QStringLiteral("FIX  sensors: not enumerated"))) << run.out;
+    EXPECT_FALSE(run.out.contains(QStringLiteral("is usable"))) << run.out;
+
+    const KoruxRun virtualRun
+        = korux({ QStringLiteral("--bridge"), QStringLiteral("virtual"), QStringLiteral("doctor") });
+    EXPECT_EQ(virtualRun.exitCode, 0) << virtualRun.out;
+    EXPECT_TRUE(virtualRun.out.contains(QStringLiteral("(the virtual bridge)"))) << virtualRun.out;
+    EXPECT_TRUE(
+        virtualRun.out.contains(QStringLiteral("korux doctor: a sensor is usable on the virtual bridge; no "
+                                               "real sensor was checked")))
+        << virtualRun.out;
 }

@@ -62,7 +62,7 @@ TEST_F(Korux, ExitCodesAreListed)
 TEST_F(Korux, BashCompletionOffersCommandsAndTheirOptions)
 {
     QProcess bash;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    QProcessEnvironment environment = koruxEnvironment();
     environment.insert(QStringLiteral("PATH"),
         QFileInfo(koruxPath()).absolutePath() + QLatin1Char(':') + environment.value(QStringLiteral("PATH")));
     bash.setProcessEnvironment(environment);

@@ -80,6 +80,15 @@ protected:
     // directory, without waiting for it.
     void startKorux(QProcess& process, const QStringList& arguments, const QString& program = koruxPath())
     {
+        process.setProcessEnvironment(koruxEnvironment());
+        process.setWorkingDirectory(directory_.path());
+        process.start(program, arguments);
+    }
+
+    // The environment korux runs in, for tests that start it through a
+    // shell or a terminal.
+    QProcessEnvironment koruxEnvironment() const
+    {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.remove(QStringLiteral("KORUX_SCENARIO"));
         // The default machine at instant timing, as a scenario without a
@@ -87,9 +96,14 @@ protected:
         environment.insert(QStringLiteral("KORUX_TIMING"), QStringLiteral("instant"));
         environment.remove(QStringLiteral("LD_LIBRARY_PATH"));
         environment.remove(QStringLiteral("LD_PRELOAD"));
-        process.setProcessEnvironment(environment);
-        process.setWorkingDirectory(directory_.path());
-        process.start(program, arguments);
+        // The user's directories are the test's own: the default machine's
+        // flash image lives in the state directory, the family directory's
+        // default in the data directory.
+        environment.insert(QStringLiteral("HOME"), directory_.filePath(QStringLiteral("home")));
+        environment.insert(
+            QStringLiteral("XDG_STATE_HOME"), directory_.filePath(QStringLiteral("home/state")));
+        environment.insert(QStringLiteral("XDG_DATA_HOME"), directory_.filePath(QStringLiteral("home/data")));
+        return environment;
     }
 
     // Runs the korux binary at program, in the test's directory.
@@ -119,8 +133,9 @@ protected:
         return path;
     }
 
-    // korux on the virtual bridge with the test's family directory and no
-    // waits, on the machine the scenario text describes (default: one sensor).
+    // korux on the virtual bridge (named: no word on the bridge chosen) with
+    // the test's family directory and no waits, on the machine the scenario text describes (default: one
+    // sensor).
     KoruxRun koruxOn(const QStringList& arguments, const QString& scenario = QString())
     {
         return korux(argumentsOn(arguments, scenario));
@@ -129,8 +144,8 @@ protected:
     // korux's arguments for koruxOn (the scenario written to scenario.json).
     QStringList argumentsOn(const QStringList& arguments, const QString& scenario = QString())
     {
-        QStringList words { QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--time-scale"),
-            QStringLiteral("0") };
+        QStringList words { QStringLiteral("--bridge"), QStringLiteral("virtual"), QStringLiteral("--dir"),
+            familyDirectory(), QStringLiteral("--time-scale"), QStringLiteral("0") };
         if (!scenario.isEmpty())
             words << QStringLiteral("--scenario") << writeFile(QStringLiteral("scenario.json"), scenario.toUtf8());
         return words + arguments;

@@ -19,8 +19,9 @@ protected:
     KoruxRun runScript(const QByteArray& text, const QStringList& extra = {})
     {
         const QString script = writeFile(QStringLiteral("procedure.korux"), text);
-        return korux(QStringList { QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--time-scale"),
-                         QStringLiteral("0") }
+        return korux(
+            QStringList { QStringLiteral("--bridge"), QStringLiteral("virtual"), QStringLiteral("--dir"),
+                familyDirectory(), QStringLiteral("--time-scale"), QStringLiteral("0") }
             + extra + QStringList { QStringLiteral("run"), script });
     }
 };
@@ -216,6 +217,7 @@ TEST_F(KoruxScript, ApplicationBitstreamBesideKoruxIsUsedWhenNewer)
         QStringLiteral("Use bitstream %1\n").arg(QFileInfo(path(QStringLiteral("app/bin/KORUX_01.bit"))).absoluteFilePath())))
         << run.out;
     EXPECT_TRUE(run.out.contains(QStringLiteral("\nKORUX3 is now flashed!\n"))) << run.out;
+    EXPECT_TRUE(run.out.endsWith(QStringLiteral("): FPGA configured from KORUX_01.bit\n"))) << run.out;
 }
 
 TEST_F(KoruxScript, ListAfterAShotTakesTheSensorsStatusFromThePlugInsOwnRead)
@@ -234,4 +236,16 @@ TEST_F(KoruxScript, ListAfterASerialReadSaysThePortIsInUse)
     const KoruxRun run = runScript("serial\nlist\n");
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_TRUE(run.out.contains(QStringLiteral(", size -, stand-alone, FPGA unknown (port A is in use), "))) << run.out;
+}
+
+// Every script in examples/ runs as the README shows it, to exit status 0.
+TEST_F(KoruxScript, EveryExampleRuns)
+{
+    const QDir examples(QStringLiteral(KORUX_SOURCE_DIR "/examples"));
+    const QStringList scripts = examples.entryList({ QStringLiteral("*.korux") }, QDir::Files);
+    ASSERT_FALSE(scripts.isEmpty());
+    for (const QString& script : scripts) {
+        const KoruxRun run = koruxOn({ QStringLiteral("run"), examples.filePath(script) });
+        EXPECT_EQ(run.exitCode, 0) << script << run.out << run.err;
+    }
 }
