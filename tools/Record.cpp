@@ -141,10 +141,10 @@ int loadRecordingBridge(const Options& options, const QString& bridge, const QSt
         return kExitNoBridge;
     }
     auto open = reinterpret_cast<int (*)(char*, unsigned long)>(dlsym(info->handle, "krec_open"));
-    auto bridge = reinterpret_cast<void* (*)()>(dlsym(info->handle, "krec_bridge"));
+    auto recordedBridge = reinterpret_cast<void* (*)()>(dlsym(info->handle, "krec_bridge"));
     info->finishRecording = reinterpret_cast<int (*)(char*, unsigned long, unsigned long long*)>(
         dlsym(info->handle, "krec_finish"));
-    if (!open || !bridge || !info->finishRecording) {
+    if (!open || !recordedBridge || !info->finishRecording) {
         console.error(QStringLiteral("korux: %1 is not the recording bridge").arg(recorder));
         return kExitNoBridge;
     }
@@ -154,7 +154,7 @@ int loadRecordingBridge(const Options& options, const QString& bridge, const QSt
         info->finishRecording = nullptr;
         return kExitNoBridge;
     }
-    info->control = bridge();
+    info->control = recordedBridge();
     info->file = real;
     info->recordFile = trace.absoluteFilePath();
     return kExitOk;
