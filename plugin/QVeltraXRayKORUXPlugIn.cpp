@@ -1,5 +1,6 @@
 #include "plugin/QVeltraXRayKORUXPlugIn.h"
 
+#include "plugin/OperationScope.h"
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
 QVeltraXRayKORUXPlugIn::QVeltraXRayKORUXPlugIn()
@@ -16,8 +17,13 @@ QVeltraXRayKORUXPlugIn::QVeltraXRayKORUXPlugIn()
     parameters_.insert(QStringLiteral("FlashAddress"), QVariant(0));
 }
 
-// Units are the family's children and go with it.
-QVeltraXRayKORUXPlugIn::~QVeltraXRayKORUXPlugIn() = default;
+// Units are the family's children and go with it; a host that deletes the
+// family from inside an operation of the plug-in finds them kept until that
+// operation has returned.
+QVeltraXRayKORUXPlugIn::~QVeltraXRayKORUXPlugIn()
+{
+    korux::keepUnitsPastFamily(this);
+}
 
 bool QVeltraXRayKORUXPlugIn::initializeVeltraHardwareFamily()
 {

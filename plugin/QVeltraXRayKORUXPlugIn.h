@@ -24,6 +24,7 @@ public slots:
 
 public:
     bool readFlashFiles(long index, bool withProductionFiles, bool overwrite);
+    bool readFlashFiles(QVeltraXRayKORUXPlugInUnit* unit, bool withProductionFiles, bool overwrite);
 
     void initDeviceList();
     int numberOfKorux3();

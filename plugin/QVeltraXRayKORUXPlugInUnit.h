@@ -111,6 +111,8 @@ private:
     QString familyName() const;
     // Reports a lost sensor on the family's status, not the unit's.
     void setFamilyError();
+    // True once an enumeration gave the unit up (or its family is gone).
+    bool givenUp() const;
     // One tick of the image or oscilloscope polling.
     void pollAcquisition(bool oscilloscopeMode);
     bool readPollingStatus(const char* slot, uint8* flags);
