@@ -22,7 +22,7 @@ QString tickText(const char* slot, hardwareStatus status, uint8 flags, uint8 siz
             QString::number(flags, 2), QString::number(size), QString::number(diode));
 }
 
-}  // namespace
+} // namespace
 
 // A unit that an enumeration gave up polls no further: its tick ends before
 // its next bridge call or log line. Every signal of a tick may run the host's
@@ -171,7 +171,7 @@ void QVeltraXRayKORUXPlugInUnit::pollAcquisition(bool oscilloscopeMode)
         logUser(QStringLiteral("[orange]Stopped"));
     } else {
         QTimer::singleShot(oscilloscopeMode ? kOscilloscopePollMs : kImagePollMs, this,
-                           oscilloscopeMode ? SLOT(waitForOscilloscope()) : SLOT(waitForImage()));
+            oscilloscopeMode ? SLOT(waitForOscilloscope()) : SLOT(waitForImage()));
     }
 }
 

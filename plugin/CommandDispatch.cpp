@@ -20,7 +20,7 @@ bool isOneOf(int status, std::initializer_list<int> allowed)
 
 constexpr unsigned int kAutomaticIncrement = 0xFFFFFFFF;
 
-}  // namespace
+} // namespace
 
 using korux::isFamilyUnit;
 using korux::OperationScope;
@@ -63,7 +63,7 @@ private:
     int position_ = 0;
 };
 
-}  // namespace
+} // namespace
 
 void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
 {
@@ -76,7 +76,7 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
     switch (int(command)) {
     case statusEnumerating:
     case commandEnumerate:
-        if (isOneOf(status_, {0, 2, 3, 4, 5, 7, 8, 9, 17, 19}))
+        if (isOneOf(status_, { 0, 2, 3, 4, 5, 7, 8, 9, 17, 19 }))
             enumKORUXPlugIn(QString());
         else if (status_ == statusAcquired)
             setFamilyStatus(statusReady);
@@ -107,7 +107,7 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
         return;
 
     case statusFpgaUpdating:
-        if (!isOneOf(status_, {statusSensorFound, statusReady, statusAcquired})) {
+        if (!isOneOf(status_, { statusSensorFound, statusReady, statusAcquired })) {
             emit gotoStatusRejected();
             return;
         }
@@ -134,7 +134,7 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
 
     case statusArming:
     case commandArm:
-        if (!isOneOf(status_, {statusReady, statusFpgaUpdated, statusNoOpEnd, statusArmed})) {
+        if (!isOneOf(status_, { statusReady, statusFpgaUpdated, statusNoOpEnd, statusArmed })) {
             emit gotoStatusRejected();
             return;
         }
@@ -184,8 +184,9 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
     case commandRewriteAllFlashFiles: {
         EachUnit units(this);
         while (Unit* unit = units.next())
-            readFlashFiles(unit, command == commandReadAllFlashFiles || command == commandRewriteAllFlashFiles,
-                           command == commandRewriteFlashFiles || command == commandRewriteAllFlashFiles);
+            readFlashFiles(unit,
+                command == commandReadAllFlashFiles || command == commandRewriteAllFlashFiles,
+                command == commandRewriteFlashFiles || command == commandRewriteAllFlashFiles);
         return;
     }
     case commandGetShootCounter: {
@@ -258,7 +259,7 @@ void QVeltraXRayKORUXPlugIn::gotoUnitStatus(QString serial, hardwareStatus comma
     case commandRewriteFlashFiles:
     case commandRewriteAllFlashFiles:
         readFlashFiles(unit, command == commandReadAllFlashFiles || command == commandRewriteAllFlashFiles,
-                       command == commandRewriteFlashFiles || command == commandRewriteAllFlashFiles);
+            command == commandRewriteFlashFiles || command == commandRewriteAllFlashFiles);
         return;
     case commandGetShootCounter: {
         unsigned int scratch = 0;
@@ -283,7 +284,7 @@ void QVeltraXRayKORUXPlugIn::gotoUnitStatus(QString serial, hardwareStatus comma
 // unit's other statuses stay with the unit.
 void QVeltraXRayKORUXPlugIn::forwardToStatusChanged(hardwareStatus status)
 {
-    if (isOneOf(status, {statusIntegrating, statusIntegrated, statusAcquiring, statusAcquired}))
+    if (isOneOf(status, { statusIntegrating, statusIntegrated, statusAcquiring, statusAcquired }))
         setFamilyStatus(status);
 }
 
@@ -294,8 +295,8 @@ bool QVeltraXRayKORUXPlugIn::readFlashFiles(long index, bool withProductionFiles
 
 // Every file read reports and lets the host run: a unit that an enumeration
 // gave up meanwhile reads no further file.
-bool QVeltraXRayKORUXPlugIn::readFlashFiles(QVeltraXRayKORUXPlugInUnit* unit, bool withProductionFiles,
-                                            bool overwrite)
+bool QVeltraXRayKORUXPlugIn::readFlashFiles(
+    QVeltraXRayKORUXPlugInUnit* unit, bool withProductionFiles, bool overwrite)
 {
     const OperationScope scope;
     QString scratch;
