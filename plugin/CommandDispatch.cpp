@@ -33,11 +33,10 @@ using Unit = QVeltraXRayKORUXPlugInUnit;
 // give commands from inside it (its events run in its slots and while a unit
 // waits): an enumeration there gives these units up, and the host may delete
 // the family. The loop goes on with the units that are still the family's,
-// each once, and stops when the family is gone.
+// each once; a family deleted by the host takes all of them out.
 class EachUnit {
 public:
     explicit EachUnit(QVeltraXRayKORUXPlugIn* family)
-        : family_(family)
     {
         for (int i = 0; i < family->numberOfKorux3(); ++i)
             units_.append(QPointer<Unit>(family->deviceUnit(i)));
@@ -46,7 +45,7 @@ public:
     // The next unit still in the vector, or null when none is left.
     Unit* next()
     {
-        while (family_ && position_ < units_.size()) {
+        while (position_ < units_.size()) {
             Unit* unit = units_[position_++];
             if (unit && isFamilyUnit(unit))
                 return unit;
@@ -54,11 +53,7 @@ public:
         return nullptr;
     }
 
-    // False once the host deleted the family: nothing of it may be touched.
-    bool familyAlive() const { return !family_.isNull(); }
-
 private:
-    QPointer<QVeltraXRayKORUXPlugIn> family_;
     QVector<QPointer<Unit>> units_;
     int position_ = 0;
 };
@@ -244,7 +239,7 @@ void QVeltraXRayKORUXPlugIn::gotoUnitStatus(QString serial, hardwareStatus comma
             break;
         }
     }
-    if (!unit || !units.familyAlive() || !isFamilyUnit(unit))
+    if (!unit || !alive || !isFamilyUnit(unit))
         return;
 
     switch (int(command)) {

@@ -1,7 +1,8 @@
 // A host written from the contract alone: it lets its events run in every
 // slot it connects, re-enumerates there, forces the framework's deferred
 // deletions through, and may delete the family. Each test names the guard of
-// the plug-in it pins: with that guard taken out, the test fails.
+// the plug-in it pins: with that guard taken out, the test fails (each was
+// checked so, by removing its guard once).
 #include "support/PluginHarness.h"
 
 #include <QDir>
@@ -297,7 +298,8 @@ class DirectMember : public HostContractTest, public ::testing::WithParamInterfa
 
 // A host (korux's counter setting does this) calls a public member of the
 // unit directly and lets its events run in every slot: at the member's first
-// signal it enumerates anew and forces the deferred deletions through. The
+// signal it enumerates anew, and at every signal it forces the deferred
+// deletions through. The
 // unit must live until the member returns, and go after. (Guard: each public
 // member that reaches the bridge is an operation of the plug-in.)
 TEST_P(DirectMember, UnitLivesUntilTheMemberReturns)
@@ -309,11 +311,12 @@ TEST_P(DirectMember, UnitLivesUntilTheMemberReturns)
     bool enumerated = false;
     bool deletedInside = false;
     const auto hostEvents = [&] {
-        if (enumerated)
-            return;
-        enumerated = true;
-        reenumerate(false);
-        deletedInside = unit.isNull();
+        if (!enumerated) {
+            enumerated = true;
+            reenumerate(false);
+        }
+        forceDeferredDeletes();
+        deletedInside = deletedInside || unit.isNull();
     };
     QObject::connect(unit, &QVeltraHardwareUnit::logText, hostEvents);
     QObject::connect(unit, &QVeltraHardwareUnit::logAdvancedText, hostEvents);
