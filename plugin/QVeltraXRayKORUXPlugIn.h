@@ -6,7 +6,7 @@
 
 class QVeltraXRayKORUXPlugInUnit;
 
-class Q_DECL_EXPORT QVeltraXRayKORUXPlugIn : public QVeltraHardwareFamily {
+class QVeltraXRayKORUXPlugIn : public QVeltraHardwareFamily {
     Q_OBJECT
 
 public:
