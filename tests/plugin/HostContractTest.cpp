@@ -396,3 +396,33 @@ TEST_F(HostContractTest, FamilyDeletedInsideACommandIsSafe)
     EXPECT_TRUE(first.isNull());
     EXPECT_TRUE(second.isNull());
 }
+
+// A host deletes the family from its slot of the family's own status signal:
+// the command stops there (guard: the family checks itself after each status
+// it sends), for the no-op pair and for an arming with a unit.
+TEST_F(HostContractTest, FamilyDeletedInItsStatusSlotStopsTheCommand)
+{
+    for (const hardwareStatus command : { statusNoOpBegin, statusArming }) {
+        host.addSensors(1);
+        QVeltraHardwareFamily* family = getVeltraHardware();
+        family->setDirectory(QDir(host.directory()));
+        ASSERT_TRUE(family->initializeVeltraHardwareFamily());
+        KoruxFamilyAccess::setStatus(*static_cast<QVeltraXRayKORUXPlugIn*>(family), statusReady);
+        const QPointer<QVeltraHardwareUnit> unit = family->hardwareUnitVector().value(0);
+        std::vector<int> statuses;
+        QObject::connect(family, &QVeltraHardwareFamily::statusChanged, [&](hardwareStatus status) {
+            statuses.push_back(status);
+            delete family;
+        });
+        host.bridge().clearTrace();
+
+        family->gotoStatus(command);
+
+        EXPECT_EQ(statuses, std::vector<int> { int(command) }) << command;
+        // Nothing reached the sensor after the family went.
+        EXPECT_TRUE(host.bridge().trace().empty()) << command;
+        forceDeferredDeletes();
+        EXPECT_TRUE(unit.isNull()) << command;
+        host.bridge().reset();
+    }
+}
