@@ -1,5 +1,7 @@
 #include "plugin/QVeltraXRayKORUXPlugIn.h"
 
+#include <QPointer>
+
 #include "plugin/OperationScope.h"
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
@@ -27,7 +29,12 @@ QVeltraXRayKORUXPlugIn::~QVeltraXRayKORUXPlugIn()
 
 bool QVeltraXRayKORUXPlugIn::initializeVeltraHardwareFamily()
 {
+    const korux::OperationScope scope;
+    const QPointer<QVeltraXRayKORUXPlugIn> alive(this);
     emit logAdvancedText(QStringLiteral("KORUX-KORUX² Series initializeVeltraHardwareFamily"));
+    // A host that deleted the family from its log slot gets no enumeration.
+    if (!alive)
+        return true;
     if (!QVeltraHardwareFamily::initializeVeltraHardwareFamily())
         return false;
 

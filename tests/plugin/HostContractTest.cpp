@@ -428,3 +428,33 @@ TEST_F(HostContractTest, FamilyDeletedInItsStatusSlotStopsTheCommand)
         host.bridge().reset();
     }
 }
+
+// A host deletes the family from its log slot in the middle of an
+// enumeration, at the first device, at the last port and at the end: the
+// enumeration stops there (guard: it checks the family after each signal it
+// sends). Without the guard the enumeration goes on in the freed family,
+// which the sanitizers report.
+TEST_F(HostContractTest, FamilyDeletedInsideItsEnumerationStopsIt)
+{
+    for (const char* line : { "GetDeviceInfoDetail of device 0.", "Find KORUX/KORUX² Series port D #2.",
+             "[green]enumKORUXPlugIn OK." }) {
+        host.addSensors(2);
+        QVeltraHardwareFamily* family = getVeltraHardware();
+        family->setDirectory(QDir(host.directory()));
+        bool deleted = false;
+        const auto deleteAt = [&](const QString& text) {
+            if (deleted || text != QString::fromUtf8(line))
+                return;
+            deleted = true;
+            delete family;
+        };
+        QObject::connect(family, &QVeltraHardwareFamily::logText, deleteAt);
+        QObject::connect(family, &QVeltraHardwareFamily::logAdvancedText, deleteAt);
+
+        EXPECT_TRUE(family->initializeVeltraHardwareFamily()) << line;
+
+        EXPECT_TRUE(deleted) << line;
+        forceDeferredDeletes();
+        host.bridge().reset();
+    }
+}
