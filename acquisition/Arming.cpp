@@ -27,6 +27,7 @@ bool armingRetried = false;
 
 bool QVeltraXRayKORUXPlugInUnit::arm(bool oscilloscope)
 {
+    const korux::OperationScope scope;
     logUser(QStringLiteral("arm oscilloscope=%1").arg(oscilloscope ? 1 : 0));
     const int threshold = familyParameter(QStringLiteral("PhdTreshold")).toInt();
     logUser(QStringLiteral("arm photodiode threshold=%1").arg(threshold));
@@ -71,6 +72,7 @@ bool QVeltraXRayKORUXPlugInUnit::arm(bool oscilloscope)
 
 bool QVeltraXRayKORUXPlugInUnit::armSensor(bool acquire, bool oscilloscope)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("armSensor"));
     logTrace(QStringLiteral("CyclesForHundred_us: %1").arg(resetSleepCounter(true)));
     if (!openPorts())

@@ -2,6 +2,8 @@
 // image memory, then one byte swap in place.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
+#include "plugin/OperationScope.h"
+
 #include <QImage>
 
 #include <cstring>
@@ -30,6 +32,7 @@ bool QVeltraXRayKORUXPlugInUnit::readImageBlock(uint8* buffer, int block, uint16
 
 bool QVeltraXRayKORUXPlugInUnit::hasImage()
 {
+    const korux::OperationScope scope;
     std::vector<uint8> block(kImageBlockSize, 0);
     uint32 bytesRead = 0;
     if (!readImageBlock(block.data(), 0, kImageBlockSize, &bytesRead)) {
@@ -50,6 +53,7 @@ bool QVeltraXRayKORUXPlugInUnit::hasImage()
 
 bool QVeltraXRayKORUXPlugInUnit::readImage(bool black)
 {
+    const korux::OperationScope scope;
     logUser(black ? QStringLiteral("readImage black") : QStringLiteral("readImage"));
     // A failed read-out clears the image it was to fill: the host never keeps
     // a stale one.

@@ -1,8 +1,11 @@
 // Everything a unit knows about itself, in one report.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
+#include "plugin/OperationScope.h"
+
 bool QVeltraXRayKORUXPlugInUnit::getParameters()
 {
+    const korux::OperationScope scope;
     long fpgaHigh = 0, fpgaLow = 0, usb = 0, sensor = 0;
     if (!readVoltages(&fpgaHigh, &fpgaLow, &usb, &sensor))
         return false;

@@ -22,7 +22,15 @@ QString tickText(const char* slot, hardwareStatus status, uint8 flags, uint8 siz
             QString::number(flags, 2), QString::number(size), QString::number(diode));
 }
 
-}  // namespace
+} // namespace
+
+// A unit that an enumeration gave up polls no further: its tick ends before
+// its next bridge call or log line. Every signal of a tick may run the host's
+// events, and with them a new enumeration, so the check follows each one.
+bool QVeltraXRayKORUXPlugInUnit::givenUp() const
+{
+    return !isFamilyUnit(this);
+}
 
 // The start of every tick: the status word, the trace line, and the lost
 // link. A failed read is reported on the family, a lost link on the unit.
@@ -31,12 +39,20 @@ bool QVeltraXRayKORUXPlugInUnit::readPollingStatus(const char* slot, uint8* flag
 {
     uint8 size = 0, version = 0;
     uint16 diode = 0;
-    if (!getStatus(flags, &size, &version, &diode)) {
+    if (givenUp())
+        return false;
+    const bool answered = getStatus(flags, &size, &version, &diode);
+    if (givenUp())
+        return false;
+    if (!answered) {
         logUser(QStringLiteral("[red]communication lost"));
-        setFamilyError();
+        if (!givenUp())
+            setFamilyError();
         return false;
     }
     logTrace(tickText(slot, status(), *flags, size, diode));
+    if (givenUp())
+        return false;
     if (*flags & kFlagLinkLost) {
         logUser(QStringLiteral("[red]communication lost"));
         setStatus(statusError);
@@ -46,7 +62,8 @@ bool QVeltraXRayKORUXPlugInUnit::readPollingStatus(const char* slot, uint8* flag
 }
 
 // Each tick is an operation of its own: a host command given from inside it
-// (through a signal) must not delete the unit under it.
+// (through a signal) must not delete the unit under it, and a unit given up
+// meanwhile stops.
 void QVeltraXRayKORUXPlugInUnit::waitForImage()
 {
     const OperationScope scope;
@@ -61,6 +78,8 @@ void QVeltraXRayKORUXPlugInUnit::waitForOscilloscope()
 
 void QVeltraXRayKORUXPlugInUnit::pollAcquisition(bool oscilloscopeMode)
 {
+    if (givenUp())
+        return;
     if (stopRequested) {
         logUser(QStringLiteral("[orange]acquisition stopped"));
         return;
@@ -71,22 +90,33 @@ void QVeltraXRayKORUXPlugInUnit::pollAcquisition(bool oscilloscopeMode)
         return;
     if (flags & kFlagOff) {
         logUser(QStringLiteral("[red]Sensor is off"));
-        setStatus(statusError);
+        if (!givenUp())
+            setStatus(statusError);
         return;
     }
 
-    // One tick may pass through several states.
+    // One tick may pass through several states. Each state's log line and
+    // status change may run the host: the unit is checked before each step.
+    const auto oscilloscopeStep = [&] {
+        if (oscilloscopeMode && !givenUp())
+            fullOscilloscope();
+        return !givenUp();
+    };
     if (status() == statusReady) {
         logUser(QStringLiteral("[cyan]Ready"));
+        if (givenUp())
+            return;
         if (flags == kStatusArmedIdle)
             setStatus(statusArmed);
         else if (flags == kStatusExposing)
             setStatus(statusIntegrating);
     }
+    if (givenUp())
+        return;
     if (status() == statusArmed) {
         logUser(QStringLiteral("[cyan]Armed"));
-        if (oscilloscopeMode)
-            fullOscilloscope();
+        if (!oscilloscopeStep())
+            return;
         if (flags & kFlagExposure) {
             setStatus(statusIntegrating);
         } else if (flags == kStatusImageReady) {
@@ -95,33 +125,43 @@ void QVeltraXRayKORUXPlugInUnit::pollAcquisition(bool oscilloscopeMode)
             setStatus(statusAcquiring);
         }
     }
+    if (givenUp())
+        return;
     if (status() == statusIntegrating) {
         logUser(QStringLiteral("[cyan]Integrating"));
-        if (oscilloscopeMode)
-            fullOscilloscope();
+        if (!oscilloscopeStep())
+            return;
         if (flags == kStatusImageReady)
             setStatus(statusAcquiring);
         else if (flags & kFlagIntegrated)
             setStatus(statusIntegrated);
     }
+    if (givenUp())
+        return;
     if (status() == statusIntegrated) {
         logUser(QStringLiteral("[cyan]Integrated"));
-        if (oscilloscopeMode)
-            fullOscilloscope();
+        if (!oscilloscopeStep())
+            return;
         if (flags == kStatusImageReady && hasImage())
             setStatus(statusAcquiring);
     }
+    if (givenUp())
+        return;
     if (status() == statusAcquiring) {
         logUser(QStringLiteral("[cyan]Acquiring"));
+        if (givenUp())
+            return;
         if (oscilloscopeMode)
             fullOscilloscope();
         else
             readOscilloscope();
-        readImage(false);
-        getPyrelStatus();
-        saveAcquisition();
+        if (givenUp() || (readImage(false), givenUp()) || (getPyrelStatus(), givenUp())
+            || (saveAcquisition(), givenUp()))
+            return;
         setStatus(statusAcquired);
     }
+    if (givenUp())
+        return;
 
     if (status() == statusAcquired) {
         logUser(QStringLiteral("[cyan]Acquired"));
@@ -131,7 +171,7 @@ void QVeltraXRayKORUXPlugInUnit::pollAcquisition(bool oscilloscopeMode)
         logUser(QStringLiteral("[orange]Stopped"));
     } else {
         QTimer::singleShot(oscilloscopeMode ? kOscilloscopePollMs : kImagePollMs, this,
-                           oscilloscopeMode ? SLOT(waitForOscilloscope()) : SLOT(waitForImage()));
+            oscilloscopeMode ? SLOT(waitForOscilloscope()) : SLOT(waitForImage()));
     }
 }
 
@@ -146,38 +186,59 @@ void QVeltraXRayKORUXPlugInUnit::waitForStopping()
         return;
     if (flags & kFlagOff) {
         logUser(QStringLiteral("[red]Sensor is already off"));
-        setStatus(statusStopped);
+        if (!givenUp())
+            setStatus(statusStopped);
         return;
     }
 
     if (status() == statusReady) {
         logUser(QStringLiteral("[cyan]Ready for stopping"));
+        if (givenUp())
+            return;
         if (flags == kStatusArmedIdle)
             setStatus(statusArmed);
         else if (flags == kStatusExposing)
             setStatus(statusIntegrating);
     }
+    if (givenUp())
+        return;
     if (status() == statusArmed) {
         logUser(QStringLiteral("[cyan]Armed before stopping"));
+        if (givenUp())
+            return;
         if (flags & kFlagExposure)
             setStatus(statusIntegrating);
     }
+    if (givenUp())
+        return;
     if (status() == statusIntegrating) {
         logUser(QStringLiteral("[cyan]Integrating before stopping"));
+        if (givenUp())
+            return;
         if (flags == kStatusImageReady)
             setStatus(statusAcquiring);
         else if (flags & kFlagIntegrated)
             setStatus(statusIntegrated);
     }
+    if (givenUp())
+        return;
     if (status() == statusIntegrated) {
         logUser(QStringLiteral("[cyan]Integrated before stopping"));
+        if (givenUp())
+            return;
         if (flags == kStatusImageReady && hasImage())
             setStatus(statusAcquiring);
     }
+    if (givenUp())
+        return;
     if (status() == statusAcquiring) {
         logUser(QStringLiteral("[cyan]Acquiring before stopping"));
+        if (givenUp())
+            return;
         setStatus(statusStopping);
     }
+    if (givenUp())
+        return;
 
     if (status() == statusStopping)
         logUser(QStringLiteral("[orange]Stopping"));

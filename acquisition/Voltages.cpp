@@ -1,6 +1,8 @@
 // The four supply voltages, measured by the converter on port B.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
+#include "plugin/OperationScope.h"
+
 #include "acquisition/AcquisitionProtocol.h"
 
 using namespace korux;
@@ -39,6 +41,7 @@ bool QVeltraXRayKORUXPlugInUnit::readVoltages(long* fpgaHigh, long* fpgaLow, lon
 
 bool QVeltraXRayKORUXPlugInUnit::getVoltages(long* fpgaHigh, long* fpgaLow, long* usb, long* sensor)
 {
+    const korux::OperationScope scope;
     long values[kAdcChannels] = {0, 0, 0, 0};
     fpgaHigh = fpgaHigh ? fpgaHigh : &values[0];
     fpgaLow = fpgaLow ? fpgaLow : &values[1];

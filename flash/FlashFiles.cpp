@@ -85,37 +85,44 @@ QString QVeltraXRayKORUXPlugInUnit::BTSFileName()
 
 bool QVeltraXRayKORUXPlugInUnit::readPRDFile(bool overwrite)
 {
+    const korux::OperationScope scope;
     return readFlashFile(PRDFileName(), kPRDAddress, false, overwrite);
 }
 
 bool QVeltraXRayKORUXPlugInUnit::readASSFile(bool overwrite)
 {
+    const korux::OperationScope scope;
     return readFlashFile(ASSFileName(), kASSAddress, false, overwrite);
 }
 
 bool QVeltraXRayKORUXPlugInUnit::readFFCFile(bool overwrite)
 {
+    const korux::OperationScope scope;
     return readFlashFile(FFCFileName(), kFFCAddress, false, overwrite);
 }
 
 bool QVeltraXRayKORUXPlugInUnit::readBLKFile(bool overwrite)
 {
+    const korux::OperationScope scope;
     return readFlashFile(BLKFileName(), kBLKAddress, false, overwrite);
 }
 
 bool QVeltraXRayKORUXPlugInUnit::readDPLFile(bool overwrite)
 {
+    const korux::OperationScope scope;
     return readFlashFile(DPLFileName(), kDPLAddress, false, overwrite);
 }
 
 bool QVeltraXRayKORUXPlugInUnit::readBTSFile(bool overwrite)
 {
+    const korux::OperationScope scope;
     return readFlashFile(BTSFileName(), kBTSAddress, false, overwrite);
 }
 
 bool QVeltraXRayKORUXPlugInUnit::readFlashFile(QString fileName, unsigned int address,
                                                bool checkOnly, bool overwrite)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("readFlashFile %1 @0x%2").arg(fileName, hexAddress(address)));
     if (!openPorts())
         return false;
@@ -210,6 +217,7 @@ bool QVeltraXRayKORUXPlugInUnit::readFlashFile(QString fileName, unsigned int ad
 // Works on a unit whose ports are open; it neither opens nor closes them.
 bool QVeltraXRayKORUXPlugInUnit::technicReadFlashPage(unsigned int address)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("technicReadFlashPage @0x%1").arg(hexAddress(address)));
     if (!SPI_SetModeQuad(true))
         return false;

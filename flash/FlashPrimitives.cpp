@@ -168,6 +168,7 @@ bool QVeltraXRayKORUXPlugInUnit::eraseFlash(unsigned int address, int size)
 // inverted test is the operation's established behaviour and is kept.
 bool QVeltraXRayKORUXPlugInUnit::formatFlash()
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("formatFlash"));
     if (SPI_SetModeQuad(false) && !SPI_SetWriteMode()) {
         uint8 command[1] = {kFlashChipErase};

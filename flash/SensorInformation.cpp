@@ -2,6 +2,8 @@
 // the status word (size, firmware version) and the information text.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
+#include "plugin/OperationScope.h"
+
 #include <QFile>
 #include <QTextStream>
 
@@ -20,6 +22,7 @@ constexpr unsigned long kReadyPauseMs = 50;
 
 bool QVeltraXRayKORUXPlugInUnit::readSerialNumber(QString& serial)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("readSerialNumber with"));
     serial.clear();
     openPorts();
@@ -53,6 +56,7 @@ bool QVeltraXRayKORUXPlugInUnit::readSerialNumber(QString& serial)
 
 bool QVeltraXRayKORUXPlugInUnit::readInformation(bool resetFirst)
 {
+    const korux::OperationScope scope;
     logUser(QStringLiteral("readInformation"));
     if (resetFirst)
         reset(false);

@@ -2,6 +2,8 @@
 // 4096 big-endian slots, so each shot wears one slot rather than a sector.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
+#include "plugin/OperationScope.h"
+
 #include <vector>
 
 #include "flash/FlashProtocol.h"
@@ -18,6 +20,7 @@ constexpr unsigned long kBusyPollUs = 25;
 
 bool QVeltraXRayKORUXPlugInUnit::getShootCounter(unsigned int* value, int* index)
 {
+    const korux::OperationScope scope;
     *value = 0;
     *index = -1;
     std::vector<unsigned char> area(kShootCounterAreaSize);
@@ -37,6 +40,7 @@ bool QVeltraXRayKORUXPlugInUnit::getShootCounter(unsigned int* value, int* index
 
 bool QVeltraXRayKORUXPlugInUnit::getShootCounter(unsigned int* value)
 {
+    const korux::OperationScope scope;
     int index = -1;
     return getShootCounter(value, &index);
 }
@@ -47,6 +51,7 @@ bool QVeltraXRayKORUXPlugInUnit::getShootCounter(unsigned int* value)
 // counter is meant to grow.
 bool QVeltraXRayKORUXPlugInUnit::setShootCounter(unsigned int value)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("Set shoot counter to %1.").arg(value));
     unsigned int last = 0;
     int lastIndex = -1;

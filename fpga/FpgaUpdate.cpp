@@ -3,6 +3,8 @@
 // kept in the sensor's flash and the one shipped beside the application.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
+#include "plugin/OperationScope.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
@@ -96,6 +98,7 @@ QString QVeltraXRayKORUXPlugInUnit::chooseBitstream()
 
 bool QVeltraXRayKORUXPlugInUnit::flashFPGA(QString fileName)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("flashKorux3FPGA with %1").arg(fileName));
     const RetryRunEnd runEnd;
     QString scratch;

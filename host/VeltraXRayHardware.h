@@ -201,6 +201,12 @@ signals:
     void dataRead(QString json);
 
 protected:
+    // Empties the unit vector. The units given up are disposed of with
+    // deleteLater, never at once: the event loop of their thread deletes them,
+    // by a deferred-delete event, once control is back there. A plug-in may
+    // still be running an operation on such a unit, and may hold that event
+    // back until the operation has returned (an event filter on the unit).
+    // This is part of the framework's contract with plug-ins.
     void clearHardwareUnitVector();
 
     QMap<QString, QVariant> parameters_;

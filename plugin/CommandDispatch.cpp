@@ -5,6 +5,9 @@
 #include "plugin/OperationScope.h"
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
+#include <QPointer>
+#include <QVector>
+
 namespace {
 
 bool isOneOf(int status, std::initializer_list<int> allowed)
@@ -17,24 +20,58 @@ bool isOneOf(int status, std::initializer_list<int> allowed)
 
 constexpr unsigned int kAutomaticIncrement = 0xFFFFFFFF;
 
-}  // namespace
+} // namespace
 
+using korux::isFamilyUnit;
 using korux::OperationScope;
 
-// The host may give commands from inside a command (its events run while a
-// unit waits), and an enumeration there replaces the unit vector: the loops
-// over "each unit" take the vector's size at every step and stop with the
-// units that are left. Units given up meanwhile live on until the outermost
-// operation has returned.
+namespace {
+
+using Unit = QVeltraXRayKORUXPlugInUnit;
+
+// The units of a family-wide command, taken when it starts. The host may
+// give commands from inside it (its events run in its slots and while a unit
+// waits): an enumeration there gives these units up, and the host may delete
+// the family. The loop goes on with the units that are still the family's,
+// each once; a family deleted by the host takes all of them out.
+class EachUnit {
+public:
+    explicit EachUnit(QVeltraXRayKORUXPlugIn* family)
+    {
+        for (int i = 0; i < family->numberOfKorux3(); ++i)
+            units_.append(QPointer<Unit>(family->deviceUnit(i)));
+    }
+
+    // The next unit still in the vector, or null when none is left.
+    Unit* next()
+    {
+        while (position_ < units_.size()) {
+            Unit* unit = units_[position_++];
+            if (unit && isFamilyUnit(unit))
+                return unit;
+        }
+        return nullptr;
+    }
+
+private:
+    QVector<QPointer<Unit>> units_;
+    int position_ = 0;
+};
+
+} // namespace
+
 void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
 {
     const OperationScope scope;
+    const QPointer<QVeltraXRayKORUXPlugIn> alive(this);
     emit logAdvancedText(QStringLiteral("KORUX-KORUX² Series gotoStatus %1").arg(int(command)));
+    if (!alive)
+        return;
 
     switch (int(command)) {
     case statusEnumerating:
     case commandEnumerate:
-        if (isOneOf(status_, {0, 2, 3, 4, 5, 7, 8, 9, 17, 19}))
+        if (isOneOf(status_, { 0, 2, 3, 4, 5, 7, 8, 9, 17, 19 }))
             enumKORUXPlugIn(QString());
         else if (status_ == statusAcquired)
             setFamilyStatus(statusReady);
@@ -48,90 +85,128 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
             emit gotoStatusRejected();
             return;
         }
-        setFamilyStatus(statusStopping);
-        for (int i = 0; i < numberOfKorux3(); ++i)
-            if (!deviceUnit(i)->armSensor(false, false))
-                break;
-        // A failed disarm ends the loop but not the stop.
-        if (status_ == statusStopping)
-            setFamilyStatus(command == statusAborted ? statusAborted : statusStopped);
+        {
+            setFamilyStatus(statusStopping);
+            if (!alive)
+                return;
+            EachUnit units(this);
+            while (Unit* unit = units.next())
+                if (!unit->armSensor(false, false))
+                    break;
+            if (!alive)
+                return;
+            // A failed disarm ends the loop but not the stop.
+            if (status_ == statusStopping)
+                setFamilyStatus(command == statusAborted ? statusAborted : statusStopped);
+        }
         return;
 
     case statusFpgaUpdating:
-        if (!isOneOf(status_, {statusSensorFound, statusReady, statusAcquired})) {
+        if (!isOneOf(status_, { statusSensorFound, statusReady, statusAcquired })) {
             emit gotoStatusRejected();
             return;
         }
-        setFamilyStatus(statusFpgaUpdating);
-        for (int i = 0; i < numberOfKorux3(); ++i)
-            if (!deviceUnit(i)->flashFPGA(QString()))
-                break;
-        if (status_ == statusFpgaUpdating)
-            setFamilyStatus(statusFpgaUpdated);
+        {
+            setFamilyStatus(statusFpgaUpdating);
+            if (!alive)
+                return;
+            EachUnit units(this);
+            while (Unit* unit = units.next())
+                if (!unit->flashFPGA(QString()))
+                    break;
+            if (!alive)
+                return;
+            if (status_ == statusFpgaUpdating)
+                setFamilyStatus(statusFpgaUpdated);
+        }
         return;
 
     case statusNoOpBegin:
         setFamilyStatus(statusNoOpBegin);
-        setFamilyStatus(statusNoOpEnd);
+        if (alive)
+            setFamilyStatus(statusNoOpEnd);
         return;
 
     case statusArming:
     case commandArm:
-        if (!isOneOf(status_, {statusReady, statusFpgaUpdated, statusNoOpEnd, statusArmed})) {
+        if (!isOneOf(status_, { statusReady, statusFpgaUpdated, statusNoOpEnd, statusArmed })) {
             emit gotoStatusRejected();
             return;
         }
-        setFamilyStatus(statusArming);
-        for (int i = 0; i < numberOfKorux3(); ++i) {
-            const bool oscilloscope = getParameter(QStringLiteral("Oscilloscope")).toBool();
-            if (!deviceUnit(i)->armSensor(true, oscilloscope)) {
-                setFamilyStatus(statusError);
-                break;
+        {
+            setFamilyStatus(statusArming);
+            if (!alive)
+                return;
+            EachUnit units(this);
+            while (Unit* unit = units.next()) {
+                const bool oscilloscope = getParameter(QStringLiteral("Oscilloscope")).toBool();
+                if (!unit->armSensor(true, oscilloscope)) {
+                    if (alive)
+                        setFamilyStatus(statusError);
+                    break;
+                }
             }
+            if (!alive)
+                return;
+            if (status_ == statusArming)
+                setFamilyStatus(statusArmed);
         }
-        if (status_ == statusArming)
-            setFamilyStatus(statusArmed);
         return;
 
-    case commandGetParameters:
-        for (int i = 0; i < numberOfKorux3(); ++i)
-            deviceUnit(i)->getParameters();
+    case commandGetParameters: {
+        EachUnit units(this);
+        while (Unit* unit = units.next())
+            unit->getParameters();
         return;
-    case commandGetVoltages:
-        for (int i = 0; i < numberOfKorux3(); ++i)
-            deviceUnit(i)->getVoltages(nullptr, nullptr, nullptr, nullptr);
+    }
+    case commandGetVoltages: {
+        EachUnit units(this);
+        while (Unit* unit = units.next())
+            unit->getVoltages(nullptr, nullptr, nullptr, nullptr);
         return;
-    case commandReadSerialNumber:
-        for (int i = 0; i < numberOfKorux3(); ++i) {
+    }
+    case commandReadSerialNumber: {
+        EachUnit units(this);
+        while (Unit* unit = units.next()) {
             QString scratch;
-            deviceUnit(i)->readSerialNumber(scratch);
+            unit->readSerialNumber(scratch);
         }
         return;
+    }
     case commandReadFlashFiles:
     case commandReadAllFlashFiles:
     case commandRewriteFlashFiles:
-    case commandRewriteAllFlashFiles:
-        for (int i = 0; i < numberOfKorux3(); ++i)
-            readFlashFiles(i, command == commandReadAllFlashFiles || command == commandRewriteAllFlashFiles,
-                           command == commandRewriteFlashFiles || command == commandRewriteAllFlashFiles);
+    case commandRewriteAllFlashFiles: {
+        EachUnit units(this);
+        while (Unit* unit = units.next())
+            readFlashFiles(unit,
+                command == commandReadAllFlashFiles || command == commandRewriteAllFlashFiles,
+                command == commandRewriteFlashFiles || command == commandRewriteAllFlashFiles);
         return;
-    case commandGetShootCounter:
-        for (int i = 0; i < numberOfKorux3(); ++i) {
+    }
+    case commandGetShootCounter: {
+        EachUnit units(this);
+        while (Unit* unit = units.next()) {
             unsigned int scratch = 0;
-            deviceUnit(i)->getShootCounter(&scratch);
+            unit->getShootCounter(&scratch);
         }
         return;
+    }
     case commandFamilyReport:
         sendFamilyReport();
         return;
-    case commandFormatFlash:
-        for (int i = 0; i < numberOfKorux3(); ++i)
-            deviceUnit(i)->formatFlash();
+    case commandFormatFlash: {
+        EachUnit units(this);
+        while (Unit* unit = units.next())
+            unit->formatFlash();
         return;
-    case commandReadFlashPage:
-        for (int i = 0; i < numberOfKorux3(); ++i)
-            deviceUnit(i)->technicReadFlashPage(getParameter(QStringLiteral("FlashAddress")).toUInt());
+    }
+    case commandReadFlashPage: {
+        EachUnit units(this);
+        while (Unit* unit = units.next())
+            unit->technicReadFlashPage(getParameter(QStringLiteral("FlashAddress")).toUInt());
         return;
+    }
     default:
         // Anything else, 1008 and 1009 included, is ignored here.
         return;
@@ -143,24 +218,30 @@ void QVeltraXRayKORUXPlugIn::gotoStatus(hardwareStatus command)
 void QVeltraXRayKORUXPlugIn::gotoUnitStatus(QString serial, hardwareStatus command)
 {
     const OperationScope scope;
+    const QPointer<QVeltraXRayKORUXPlugIn> alive(this);
     // The serial is the host's text and may hold "%2" itself: both values go in
     // one call.
     emit logAdvancedText(
         QStringLiteral("gotoUnitStatus for %1 status %2").arg(serial, QString::number(int(command))));
+    if (!alive)
+        return;
 
-    int index = -1;
-    for (int i = 0; i < numberOfKorux3(); ++i) {
+    // Each serial read sends a report, and the host's events may run in its
+    // slot: the command goes to the unit object that answered, and only if it
+    // is still one of the family's units afterwards. Never to an index.
+    QPointer<Unit> unit;
+    EachUnit units(this);
+    while (Unit* candidate = units.next()) {
         QString unitSerial;
-        deviceUnit(i)->readSerialNumber(unitSerial);
+        candidate->readSerialNumber(unitSerial);
         if (unitSerial == serial) {
-            index = i;
+            unit = candidate;
             break;
         }
     }
-    if (index < 0)
+    if (!unit || !alive || !isFamilyUnit(unit))
         return;
 
-    QVeltraXRayKORUXPlugInUnit* unit = deviceUnit(index);
     switch (int(command)) {
     case commandGetParameters:
         unit->getParameters();
@@ -172,8 +253,8 @@ void QVeltraXRayKORUXPlugIn::gotoUnitStatus(QString serial, hardwareStatus comma
     case commandReadAllFlashFiles:
     case commandRewriteFlashFiles:
     case commandRewriteAllFlashFiles:
-        readFlashFiles(index, command == commandReadAllFlashFiles || command == commandRewriteAllFlashFiles,
-                       command == commandRewriteFlashFiles || command == commandRewriteAllFlashFiles);
+        readFlashFiles(unit, command == commandReadAllFlashFiles || command == commandRewriteAllFlashFiles,
+            command == commandRewriteFlashFiles || command == commandRewriteAllFlashFiles);
         return;
     case commandGetShootCounter: {
         unsigned int scratch = 0;
@@ -198,23 +279,32 @@ void QVeltraXRayKORUXPlugIn::gotoUnitStatus(QString serial, hardwareStatus comma
 // unit's other statuses stay with the unit.
 void QVeltraXRayKORUXPlugIn::forwardToStatusChanged(hardwareStatus status)
 {
-    if (isOneOf(status, {statusIntegrating, statusIntegrated, statusAcquiring, statusAcquired}))
+    if (isOneOf(status, { statusIntegrating, statusIntegrated, statusAcquiring, statusAcquired }))
         setFamilyStatus(status);
 }
 
 bool QVeltraXRayKORUXPlugIn::readFlashFiles(long index, bool withProductionFiles, bool overwrite)
 {
+    return readFlashFiles(deviceUnit(index), withProductionFiles, overwrite);
+}
+
+// Every file read reports and lets the host run: a unit that an enumeration
+// gave up meanwhile reads no further file.
+bool QVeltraXRayKORUXPlugIn::readFlashFiles(
+    QVeltraXRayKORUXPlugInUnit* unit, bool withProductionFiles, bool overwrite)
+{
     const OperationScope scope;
-    QVeltraXRayKORUXPlugInUnit* unit = deviceUnit(index);
     QString scratch;
     unit->readSerialNumber(scratch);
-    if (!unit->readBTSFile(overwrite) || !unit->readFFCFile(overwrite) || !unit->readBLKFile(overwrite)
-        || !unit->readDPLFile(overwrite))
-        return false;
+    using Read = bool (QVeltraXRayKORUXPlugInUnit::*)(bool);
+    for (Read read : { &Unit::readBTSFile, &Unit::readFFCFile, &Unit::readBLKFile, &Unit::readDPLFile })
+        if (!isFamilyUnit(unit) || !(unit->*read)(overwrite))
+            return false;
     if (!withProductionFiles)
         return true;
-    unit->readPRDFile(overwrite);
-    unit->readASSFile(overwrite);
+    for (Read read : { &Unit::readPRDFile, &Unit::readASSFile })
+        if (isFamilyUnit(unit))
+            (unit->*read)(overwrite);
     return true;
 }
 
@@ -223,6 +313,8 @@ void QVeltraXRayKORUXPlugIn::sendFamilyReport()
     ReportMap report;
     report.insert(QStringLiteral("%1").arg(sensorFamily()), parameters_);
     const QString json = reportText(report);
+    const QPointer<QVeltraXRayKORUXPlugIn> alive(this);
     emit dataRead(json);
-    emit logAdvancedText(QStringLiteral("[green]") + json);
+    if (alive)
+        emit logAdvancedText(QStringLiteral("[green]") + json);
 }

@@ -6,6 +6,8 @@
 #include "plugin/QVeltraXRayKORUXPlugIn.h"
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
+#include <QPointer>
+
 #include <cstring>
 
 namespace korux {
@@ -43,8 +45,15 @@ using namespace korux;
 
 void QVeltraXRayKORUXPlugIn::enumKORUXPlugIn(QString argument)
 {
+    // The host may delete the family from any slot of these signals: nothing
+    // of it is touched after that.
+    const QPointer<QVeltraXRayKORUXPlugIn> alive(this);
     emit logAdvancedText(QStringLiteral("enumKORUXPlugIn with %1").arg(argument));
+    if (!alive)
+        return;
     setFamilyStatus(statusEnumerating);
+    if (!alive)
+        return;
     clearHardwareUnitVector();
 
 #if defined(__linux__) || defined(__APPLE__)
@@ -56,16 +65,22 @@ void QVeltraXRayKORUXPlugIn::enumKORUXPlugIn(QString argument)
     DWORD count = 0;
     if (FT_CreateDeviceInfoList(&count) != FT_OK) {
         emit logText(QStringLiteral("[red]Fail to Create Device Info List!"));
+        if (!alive)
+            return;
         setFamilyStatus(statusNoSensor);
         return;
     }
     if (count == 0) {
         emit logText(QStringLiteral("[red]No KORUX/KORUX² Series found!"));
+        if (!alive)
+            return;
         setFamilyStatus(statusNoSensor);
         return;
     }
     if (count % kPortsPerSensor != 0) {
         emit logText(QStringLiteral("[red]Bad number of KORUX/KORUX² Series found: %1!").arg(count));
+        if (!alive)
+            return;
         setFamilyStatus(statusError);
         return;
     }
@@ -78,6 +93,8 @@ void QVeltraXRayKORUXPlugIn::enumKORUXPlugIn(QString argument)
         FT_DEVICE_LIST_INFO_NODE record;
         std::memset(&record, 0, sizeof(record));
         emit logText(QStringLiteral("GetDeviceInfoDetail of device %1.").arg(index));
+        if (!alive)
+            return;
         if (FT_GetDeviceInfoDetail(index, &record.Flags, &record.Type, &record.ID, &record.LocId,
                                    record.SerialNumber, record.Description, &record.ftHandle)
             != FT_OK)
@@ -88,29 +105,45 @@ void QVeltraXRayKORUXPlugIn::enumKORUXPlugIn(QString argument)
 
         const QString description = QString::fromUtf8(record.Description);
         emit logText(QStringLiteral("Description of device: %1.").arg(description));
+        if (!alive)
+            return;
         emit logAdvancedText(QString::fromLatin1(QByteArray(record.Description).toHex()));
+        if (!alive)
+            return;
         emit logAdvancedText(QStringLiteral("Flags: %1 - Type: %2 - ID: %3 - LocId: %4")
                                  .arg(record.Flags, 0, 16)
                                  .arg(record.Type, 0, 16)
                                  .arg(record.ID, 0, 16)
                                  .arg(record.LocId, 0, 16));
+        if (!alive)
+            return;
         emit logAdvancedText(
             QStringLiteral("SerialNumber: %1").arg(QString::fromUtf8(record.SerialNumber)));
+        if (!alive)
+            return;
 
         // These two lines carry no placeholders: the numbers never show.
         if (record.ID != kAcceptedDeviceId) {
             emit logText(QStringLiteral("[red]Not a KORUX/KORUX² Series: @1 <> @2!"));
+            if (!alive)
+                return;
             continue;
         }
         const QString upper = description.toUpper();
         if (!hasSeriesPrefix(upper)) {
             emit logText(QStringLiteral("[red]Not a KORUX/KORUX² Series port!"));
+            if (!alive)
+                return;
             continue;
         }
         const int port = portOfDescription(upper);
         if (port < 0) {
             emit logText(QStringLiteral("Unknow interface for description @1."));
+            if (!alive)
+                return;
             emit logText(QStringLiteral("[red]Not a KORUX/KORUX² Series port!"));
+            if (!alive)
+                return;
             continue;
         }
 
@@ -122,12 +155,18 @@ void QVeltraXRayKORUXPlugIn::enumKORUXPlugIn(QString argument)
         emit logText(QStringLiteral("Find KORUX/KORUX² Series port %1 #%2.")
                          .arg(QLatin1Char(static_cast<char>('A' + port)))
                          .arg(found[port]));
+        if (!alive)
+            return;
     }
 
     if (found[0] != found[1] || found[0] != found[2] || found[0] != found[3]) {
         emit logAdvancedText(QStringLiteral("[red]inconsitent number of ports!"));
+        if (!alive)
+            return;
         clearHardwareUnitVector();
         emit logText(QStringLiteral("[red]No KORUX/KORUX² Series found!"));
+        if (!alive)
+            return;
         setFamilyStatus(statusError);
         return;
     }
@@ -141,5 +180,7 @@ void QVeltraXRayKORUXPlugIn::enumKORUXPlugIn(QString argument)
     }
 
     setFamilyStatus(hardwareUnitVector_.isEmpty() ? statusNoSensor : statusSensorFound);
+    if (!alive)
+        return;
     emit logAdvancedText(QStringLiteral("[green]enumKORUXPlugIn OK."));
 }

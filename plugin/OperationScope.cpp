@@ -6,6 +6,8 @@
 #include <QPointer>
 #include <QVector>
 
+#include "host/VeltraXRayHardware.h"
+
 namespace korux {
 
 namespace {
@@ -19,50 +21,26 @@ QVector<QPointer<QObject>>& heldUnits()
     return units;
 }
 
-// Takes the deferred deletion of a unit that arrives while an operation of
-// the plug-in is running, and keeps the unit for later.
+// Takes the deferred deletion of its unit that arrives while an operation of
+// the plug-in is running, and notes the unit for later. One per unit, as its
+// child: it lives on the unit's thread and goes with the unit.
 class DeletionKeeper : public QObject {
+public:
+    explicit DeletionKeeper(QObject* unit)
+        : QObject(unit)
+    {
+        setObjectName(QStringLiteral("korux-deletion-keeper"));
+    }
+
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override
     {
         if (event->type() != QEvent::DeferredDelete || operationDepth == 0)
             return false;
-        heldUnits().append(QPointer<QObject>(watched));
+        if (!heldUnits().contains(watched))
+            heldUnits().append(QPointer<QObject>(watched));
         return true;
     }
-};
-
-DeletionKeeper* keeper()
-{
-    // Made once, on the plug-in's thread, and kept for the process: units
-    // may still point at it when the plug-in's statics go.
-    static DeletionKeeper* const instance = new DeletionKeeper;
-    return instance;
-}
-
-// Deletes a held unit when the event loop deletes this object: Qt does so
-// only once control is back in a loop below the level that asked, so nothing
-// that called into the plug-in from there is on the stack any more. A unit
-// that the family took with it in the meantime is left alone.
-class HeldUnitDeletion : public QObject {
-public:
-    explicit HeldUnitDeletion(QObject* unit)
-        : unit_(unit)
-    {
-    }
-
-    ~HeldUnitDeletion() override
-    {
-        if (!unit_)
-            return;
-        if (operationDepth > 0)
-            heldUnits().append(unit_);
-        else
-            delete unit_.data();
-    }
-
-private:
-    QPointer<QObject> unit_;
 };
 
 } // namespace
@@ -72,6 +50,10 @@ OperationScope::OperationScope()
     ++operationDepth;
 }
 
+// The held deletions go back to the event loop: Qt carries them out once
+// control is back in a loop below the level that posts them, so nothing that
+// called into the plug-in from there is on the stack any more. A deletion
+// that arrives while a new operation runs is held again.
 OperationScope::~OperationScope()
 {
     if (--operationDepth > 0)
@@ -80,7 +62,7 @@ OperationScope::~OperationScope()
     units.swap(heldUnits());
     for (const QPointer<QObject>& unit : units)
         if (unit)
-            (new HeldUnitDeletion(unit.data()))->deleteLater();
+            unit->deleteLater();
 }
 
 int OperationScope::depth()
@@ -96,7 +78,27 @@ void letHostRun()
 
 void holdDeletionDuringOperations(QObject* unit)
 {
-    unit->installEventFilter(keeper());
+    unit->installEventFilter(new DeletionKeeper(unit));
+}
+
+bool isFamilyUnit(const QVeltraHardwareUnit* unit)
+{
+    const QVeltraHardwareFamily* owner = unit->family();
+    return owner && owner->hardwareUnitVector().contains(const_cast<QVeltraHardwareUnit*>(unit));
+}
+
+void keepUnitsPastFamily(QObject* family)
+{
+    if (operationDepth == 0)
+        return;
+    const QList<QVeltraHardwareUnit*> units
+        = family->findChildren<QVeltraHardwareUnit*>(QString(), Qt::FindDirectChildrenOnly);
+    for (QVeltraHardwareUnit* unit : units) {
+        unit->resetFamily();
+        unit->setParent(nullptr);
+        // Held by the unit's keeper until the outermost operation returns.
+        unit->deleteLater();
+    }
 }
 
 } // namespace korux

@@ -1,5 +1,8 @@
 #include "plugin/QVeltraXRayKORUXPlugIn.h"
 
+#include <QPointer>
+
+#include "plugin/OperationScope.h"
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
 QVeltraXRayKORUXPlugIn::QVeltraXRayKORUXPlugIn()
@@ -16,12 +19,22 @@ QVeltraXRayKORUXPlugIn::QVeltraXRayKORUXPlugIn()
     parameters_.insert(QStringLiteral("FlashAddress"), QVariant(0));
 }
 
-// Units are the family's children and go with it.
-QVeltraXRayKORUXPlugIn::~QVeltraXRayKORUXPlugIn() = default;
+// Units are the family's children and go with it; a host that deletes the
+// family from inside an operation of the plug-in finds them kept until that
+// operation has returned.
+QVeltraXRayKORUXPlugIn::~QVeltraXRayKORUXPlugIn()
+{
+    korux::keepUnitsPastFamily(this);
+}
 
 bool QVeltraXRayKORUXPlugIn::initializeVeltraHardwareFamily()
 {
+    const korux::OperationScope scope;
+    const QPointer<QVeltraXRayKORUXPlugIn> alive(this);
     emit logAdvancedText(QStringLiteral("KORUX-KORUX² Series initializeVeltraHardwareFamily"));
+    // A host that deleted the family from its log slot gets no enumeration.
+    if (!alive)
+        return true;
     if (!QVeltraHardwareFamily::initializeVeltraHardwareFamily())
         return false;
 

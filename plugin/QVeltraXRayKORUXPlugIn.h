@@ -6,7 +6,7 @@
 
 class QVeltraXRayKORUXPlugInUnit;
 
-class Q_DECL_EXPORT QVeltraXRayKORUXPlugIn : public QVeltraHardwareFamily {
+class QVeltraXRayKORUXPlugIn : public QVeltraHardwareFamily {
     Q_OBJECT
 
 public:
@@ -24,6 +24,7 @@ public slots:
 
 public:
     bool readFlashFiles(long index, bool withProductionFiles, bool overwrite);
+    bool readFlashFiles(QVeltraXRayKORUXPlugInUnit* unit, bool withProductionFiles, bool overwrite);
 
     void initDeviceList();
     int numberOfKorux3();

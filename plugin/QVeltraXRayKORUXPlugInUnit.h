@@ -11,7 +11,7 @@
 #include "plugin/JsonReport.h"
 #include "transport/BridgeApi.h"
 
-class Q_DECL_EXPORT QVeltraXRayKORUXPlugInUnit : public QVeltraHardwareUnit {
+class QVeltraXRayKORUXPlugInUnit : public QVeltraHardwareUnit {
     Q_OBJECT
 
 public:
@@ -68,9 +68,10 @@ public:
     QString BTSFileName();
     bool getShootCounter(unsigned int* value, int* index);
     bool getShootCounter(unsigned int* value);
-    // Exported with the class: a host without this header (a service tool)
-    // resolves it from the library to set the counter after a board exchange.
-    bool setShootCounter(unsigned int value);
+    // The one member the library exports besides the factory: a host without
+    // this header (a service tool) resolves it from the library to set the
+    // counter after a board exchange.
+    Q_DECL_EXPORT bool setShootCounter(unsigned int value);
     bool readSerialNumber(QString& serial);
     bool readInformation(bool resetFirst);
 
@@ -111,6 +112,8 @@ private:
     QString familyName() const;
     // Reports a lost sensor on the family's status, not the unit's.
     void setFamilyError();
+    // True once an enumeration gave the unit up (or its family is gone).
+    bool givenUp() const;
     // One tick of the image or oscilloscope polling.
     void pollAcquisition(bool oscilloscopeMode);
     bool readPollingStatus(const char* slot, uint8* flags);

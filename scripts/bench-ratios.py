@@ -80,10 +80,11 @@ def pair(name, baseline_name, label, limit=None, strict=False):
         rows[-1]["status"] = "ERROR" if known(baseline_name) else "SKIPPED"
 
 
-# The read-out against the ideal one over the same bridge calls, and against
-# a plain copy and swap of the same bytes.
-pair("BM_ImageReadout", "BM_ImageReadout_Ideal", "BM_ImageReadout (1300x1706, 68 blocks) vs ideal", 1.25)
-pair("BM_ImageReadout", "BM_ImageReadout_Baseline", "BM_ImageReadout vs memcpy and swap", 2.0)
+# The read-out against the least work its block reads allow (a fresh image,
+# the same bridge calls, one swap); a plain copy and swap of the same bytes
+# only for reference.
+pair("BM_ImageReadout", "BM_ImageReadout_Baseline", "BM_ImageReadout (1300x1706, 68 blocks) vs least work", 1.25)
+pair("BM_ImageReadout", "BM_ImageReadout_CopyAndSwap", "BM_ImageReadout vs memcpy and swap")
 # The flash-file copy against what it cannot avoid: the same flash reads and
 # one write of the bytes to a fresh file; the warm memcpy only for reference.
 pair("BM_FlashFileCopy", "BM_FlashFileCopy_Unavoidable", "BM_FlashFileCopy (0x3FFFFF bytes) vs unavoidable", 1.5)

@@ -5,7 +5,7 @@
 KORUX_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # The build tree; KORUX_BUILD overrides it (for example to keep a second one).
 KORUX_BUILD=${KORUX_BUILD:-$KORUX_ROOT/build}
-KORUX_PACKAGES=(cmake ninja-build g++ qtbase5-dev zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev pkg-config valgrind bsdutils libpng-dev libdcmtk-dev dicom3tools orthanc)
+KORUX_PACKAGES=(cmake ninja-build g++ qtbase5-dev zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev pkg-config valgrind bsdutils libpng-dev libdcmtk-dev dicom3tools orthanc abigail-tools)
 
 korux_say() {
     printf '==> %s\n' "$*"

@@ -246,6 +246,9 @@ ListEntry findInterface(const Bridge& bridge, void* arg, DWORD flags)
 
 } // namespace
 
+// The vendor's C functions are what the library is for: exported, while the
+// rest of the library is hidden.
+#pragma GCC visibility push(default)
 extern "C" {
 
 FT_STATUS WINAPI FT_CreateDeviceInfoList(DWORD* numDevs)
@@ -766,3 +769,4 @@ FT4222_STATUS FT4222_GPIO_Write(FT_HANDLE handle, GPIO_Port portNum, BOOL bValue
 }
 
 } // extern "C"
+#pragma GCC visibility pop

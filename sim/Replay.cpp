@@ -1,4 +1,5 @@
 #include "sim/Replay.h"
+#include "sim/VirtualBridge.h"
 
 #include <QByteArray>
 #include <QDir>
@@ -440,12 +441,12 @@ std::string replayDivergence()
 
 // A host that tells the divergence itself (korux) turns the bridge's own
 // line off.
-extern "C" void vbridge_replay_report_on_stderr(int on)
+extern "C" VBRIDGE_EXPORT void vbridge_replay_report_on_stderr(int on)
 {
     vbridge::reportOnStderr = on != 0;
 }
 
-extern "C" int vbridge_replay_divergence(char* error, unsigned long errorSize)
+extern "C" VBRIDGE_EXPORT int vbridge_replay_divergence(char* error, unsigned long errorSize)
 {
     const std::string text = vbridge::replayDivergence();
     if (text.empty())

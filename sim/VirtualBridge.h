@@ -461,21 +461,25 @@ public:
 
 } // namespace vbridge
 
+// The controls below leave the library with the bridge's C functions; the
+// library hides everything else.
+#define VBRIDGE_EXPORT __attribute__((visibility("default")))
+
 // C entry point for hosts that load the virtual bridge at run time.
 // Returns 0 on success; otherwise writes the reason into error.
-extern "C" int vbridge_load_scenario(const char* path, char* error, unsigned long errorSize);
+extern "C" VBRIDGE_EXPORT int vbridge_load_scenario(const char* path, char* error, unsigned long errorSize);
 
 // Returns 1 and writes the reason into error when a flash image could not be
 // saved (VirtualBridge::flashImageFailure), 0 when every image is up to date.
-extern "C" int vbridge_flash_image_failure(char* error, unsigned long errorSize);
+extern "C" VBRIDGE_EXPORT int vbridge_flash_image_failure(char* error, unsigned long errorSize);
 
 // What the pictures of the sensor with board serial boardSerial (its flash's
 // unique ID, 16 hexadecimal digits) show: returns 1 and writes the phantom's
 // anatomy (phantom::kAnatomy) into text for a sensor showing the phantom, 0
 // for a pattern, a file's pixels or no such sensor.
-extern "C" int vbridge_picture_anatomy(const char* boardSerial, char* text, unsigned long textSize);
+extern "C" VBRIDGE_EXPORT int vbridge_picture_anatomy(const char* boardSerial, char* text, unsigned long textSize);
 
 // Ends a wait for a flash image that another process holds: the load that
 // waits fails with "interrupted". Safe to call from a signal handler (it only
 // sets a flag); a call while nothing waits makes the next wait end at once.
-extern "C" void vbridge_interrupt_wait(void);
+extern "C" VBRIDGE_EXPORT void vbridge_interrupt_wait(void);

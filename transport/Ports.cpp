@@ -1,6 +1,8 @@
 // Opening, closing and setting up the four interfaces of a sensor's bridge.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
 
+#include "plugin/OperationScope.h"
+
 #include <cstdint>
 
 #include "transport/SensorProtocol.h"
@@ -22,6 +24,7 @@ constexpr unsigned long kPortDSettleMs = 100;
 
 bool QVeltraXRayKORUXPlugInUnit::openPorts()
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("openPorts"));
     if (theHandleA() && theHandleB() && theHandleC() && theHandleD()) {
         logTrace(QStringLiteral("Ports already opened"));
@@ -88,6 +91,7 @@ bool QVeltraXRayKORUXPlugInUnit::openPorts()
 
 bool QVeltraXRayKORUXPlugInUnit::closePorts()
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("closePorts"));
     for (FT_DEVICE_LIST_INFO_NODE& record : portInfo)
         cleanClose(record.ftHandle);
@@ -97,6 +101,7 @@ bool QVeltraXRayKORUXPlugInUnit::closePorts()
 
 void QVeltraXRayKORUXPlugInUnit::cleanClose(FT_HANDLE& handle)
 {
+    const korux::OperationScope scope;
     if (!handle)
         return;
     logTrace(QStringLiteral("cleanClose with %1")
@@ -110,6 +115,7 @@ void QVeltraXRayKORUXPlugInUnit::cleanClose(FT_HANDLE& handle)
 
 bool QVeltraXRayKORUXPlugInUnit::initPortA(bool prog_mode)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("initPortA with prog_mode %1").arg(prog_mode ? 1 : 0));
     FT_HANDLE handle = theHandleA();
     if (!handle) {
@@ -147,6 +153,7 @@ bool QVeltraXRayKORUXPlugInUnit::initPortA(bool prog_mode)
 
 bool QVeltraXRayKORUXPlugInUnit::initPortB()
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("initPortB"));
     FT_HANDLE handle = theHandleB();
     if (!handle) {
@@ -179,6 +186,7 @@ bool QVeltraXRayKORUXPlugInUnit::initPortB()
 // logged.
 bool QVeltraXRayKORUXPlugInUnit::initPortC(bool prog_mode)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("initPortC with prog_mode %1").arg(prog_mode ? 1 : 0));
     FT_HANDLE handle = theHandleC();
     if (!handle) {
@@ -216,6 +224,7 @@ bool QVeltraXRayKORUXPlugInUnit::initPortC(bool prog_mode)
 
 bool QVeltraXRayKORUXPlugInUnit::initPortD(bool* solo)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("initPortD"));
     FT_HANDLE handle = theHandleD();
     if (!handle) {

@@ -1,6 +1,8 @@
 // The sensor logic's status word, the generator block of an "Inside" sensor,
 // the reset of the sensor channel and the image geometry.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
+
+#include "plugin/OperationScope.h"
 #include "transport/SensorProtocol.h"
 
 #include <QTime>
@@ -16,6 +18,7 @@ constexpr int kSlowStatusMs = 500;
 bool QVeltraXRayKORUXPlugInUnit::getStatus(uint8* status, uint8* size, uint8* version,
                                            uint16* diode)
 {
+    const korux::OperationScope scope;
     const QTime start = QTime::currentTime();
     logTrace(QStringLiteral("status call time: %1.").arg(start.toString(QStringLiteral("[hh:mm:ss.zzz]"))));
 
@@ -45,6 +48,7 @@ bool QVeltraXRayKORUXPlugInUnit::getStatus(uint8* status, uint8* size, uint8* ve
 
 bool QVeltraXRayKORUXPlugInUnit::getPyrelStatus()
 {
+    const korux::OperationScope scope;
     QVeltraGenerator* owner = generator();
     if (!owner || !owner->isInside) {
         logUser(QStringLiteral("[yellow]Sensor is standalone"));
@@ -99,6 +103,7 @@ bool QVeltraXRayKORUXPlugInUnit::getPyrelStatus()
 // Reopens the sensor channel; ports B and C are set up by their own users.
 bool QVeltraXRayKORUXPlugInUnit::reset(bool prog_mode)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("reset with %1").arg(prog_mode ? 1 : 0));
     bool solo = true;
     const bool done = closePorts() && openPorts() && initPortA(prog_mode) && initPortD(&solo);

@@ -1,6 +1,8 @@
 // Byte transfers over the bridge: sensor commands on port A, line mode and
 // write enable of the flash on port C.
 #include "plugin/QVeltraXRayKORUXPlugInUnit.h"
+
+#include "plugin/OperationScope.h"
 #include "transport/StatusTexts.h"
 
 namespace {
@@ -39,6 +41,7 @@ QString QVeltraXRayKORUXPlugInUnit::ftStatusToString(uint32 status)
 bool QVeltraXRayKORUXPlugInUnit::FT4222_SPI_MRW(uint8* readBuffer, uint8* command,
                                                 uint16 readLength, uint32* bytesRead)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("FT4222_SPI_MRW %1").arg(frameText(command)));
     if (FT4222_SPIMaster_SetLines(theHandleA(), SPI_IO_QUAD) != FT4222_OK)
         logTrace(QStringLiteral("[red]Unable to set Lines in QUAD!"));
@@ -58,6 +61,7 @@ bool QVeltraXRayKORUXPlugInUnit::FT4222_SPI_MRW(uint8* readBuffer, uint8* comman
 bool QVeltraXRayKORUXPlugInUnit::FT4222_SPI_SRW(uint8* readBuffer, uint8* command,
                                                 uint16 readLength, uint16* bytesRead)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("FT4222_SPI_SRW %1").arg(frameText(command)));
     FT4222_STATUS status = FT4222_SPIMaster_SetLines(theHandleA(), SPI_IO_SINGLE);
     if (status != FT4222_OK)
@@ -85,6 +89,7 @@ bool QVeltraXRayKORUXPlugInUnit::FT4222_SPI_SRW(uint8* readBuffer, uint8* comman
 
 bool QVeltraXRayKORUXPlugInUnit::SPI_SetModeQuad(bool quad)
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("SPI_SetModeQuad %2").arg(quad ? 1 : 0));
     Sleep_us(kLineSwitchPauseUs);
     const FT4222_STATUS status =
@@ -101,6 +106,7 @@ bool QVeltraXRayKORUXPlugInUnit::SPI_SetModeQuad(bool quad)
 // status bytes read back are not looked at.
 bool QVeltraXRayKORUXPlugInUnit::SPI_SetWriteMode()
 {
+    const korux::OperationScope scope;
     logTrace(QStringLiteral("SPI_SetWriteMode"));
     uint8 readStatus[2] = {kFlashReadStatus, 0x00};
     uint8 writeEnable[1] = {kFlashWriteEnable};
