@@ -1,10 +1,6 @@
-# What `cmake --install` puts where, in four components that are also the
-# Debian packages (see cmake/Packaging.cmake):
-#   runtime      the framework library a host links
-#   development  its header, CMake package and pkg-config file
-#   plugin       the plug-in a host loads
-#   tool         korux, the virtual bridge, the udev rule, the manual page,
-#                the bash completion and the documentation
+# What `cmake --install` puts where (the Debian packages of debian/ split it
+# into the framework library, its development files, the plug-in, the virtual
+# bridge and korux).
 include(CMakePackageConfigHelpers)
 
 install(TARGETS VeltraXRayHardware EXPORT VeltraXRayHardwareTargets
@@ -16,7 +12,7 @@ install(TARGETS VeltraXRayKORUX
   LIBRARY DESTINATION ${KORUX_INSTALL_PLUGINDIR} COMPONENT plugin NAMELINK_SKIP)
 
 install(TARGETS virtualbridge
-  LIBRARY DESTINATION ${KORUX_INSTALL_BRIDGEDIR} COMPONENT tool NAMELINK_SKIP)
+  LIBRARY DESTINATION ${KORUX_INSTALL_BRIDGEDIR} COMPONENT bridge NAMELINK_SKIP)
 # The recording bridge, beside it (korux --record).
 install(TARGETS recordbridge
   LIBRARY DESTINATION ${KORUX_INSTALL_RECORDDIR} COMPONENT tool NAMELINK_SKIP)
@@ -42,6 +38,7 @@ if(EXISTS ${CMAKE_SOURCE_DIR}/packaging/bash-completion/korux)
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tool)
 endif()
 install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/scenario.md ${CMAKE_SOURCE_DIR}/docs/trace.md
+  ${CMAKE_SOURCE_DIR}/LICENSE
   DESTINATION ${KORUX_INSTALL_DOCDIR} COMPONENT tool)
 
 # The CMake package: the framework as an imported target, and where the
@@ -60,13 +57,30 @@ install(FILES ${CMAKE_BINARY_DIR}/cmake/VeltraXRayHardwareConfig.cmake
   ${CMAKE_BINARY_DIR}/cmake/VeltraXRayHardwareConfigVersion.cmake
   DESTINATION ${KORUX_INSTALL_CMAKEDIR} COMPONENT development)
 
-# pkg-config, with paths relative to its own directory (${pcfiledir}).
-file(RELATIVE_PATH KORUX_PC_TO_PREFIX
-  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
-string(REGEX REPLACE "/$" "" KORUX_PC_TO_PREFIX "${KORUX_PC_TO_PREFIX}")
+# pkg-config, with the installed paths written out in full below ${prefix}
+# (a directory given as an absolute path stays as it is). The prefix is the
+# one of the install itself (cmake --install --prefix), so the file is
+# written then; a tree moved after it takes --define-variable=prefix=….
+foreach(dir LIBDIR INCLUDEDIR)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
+    set(KORUX_PC_${dir} "${CMAKE_INSTALL_${dir}}")
+  else()
+    set(KORUX_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
+  endif()
+endforeach()
+foreach(dir PLUGINDIR BRIDGEDIR)
+  if(IS_ABSOLUTE "${KORUX_INSTALL_${dir}}")
+    set(KORUX_PC_${dir} "${KORUX_INSTALL_${dir}}")
+  else()
+    set(KORUX_PC_${dir} "\${prefix}/${KORUX_INSTALL_${dir}}")
+  endif()
+endforeach()
+set(KORUX_PC_PREFIX "@KORUX_PC_PREFIX@")
 configure_file(${CMAKE_SOURCE_DIR}/packaging/veltraxrayhardware.pc.in
-  ${CMAKE_BINARY_DIR}/packaging/veltraxrayhardware.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/packaging/veltraxrayhardware.pc
+  ${CMAKE_BINARY_DIR}/packaging/veltraxrayhardware.pc.in @ONLY)
+install(CODE "set(KORUX_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
+  configure_file(\"${CMAKE_BINARY_DIR}/packaging/veltraxrayhardware.pc.in\"
+    \"${CMAKE_BINARY_DIR}/packaging/install/veltraxrayhardware.pc\" @ONLY)"
+  COMPONENT development)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/install/veltraxrayhardware.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
-
-include(${CMAKE_SOURCE_DIR}/cmake/Packaging.cmake)

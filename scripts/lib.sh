@@ -5,7 +5,35 @@
 KORUX_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # The build tree; KORUX_BUILD overrides it (for example to keep a second one).
 KORUX_BUILD=${KORUX_BUILD:-$KORUX_ROOT/build}
-KORUX_PACKAGES=(cmake ninja-build g++ qtbase5-dev zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev pkg-config valgrind bsdutils libpng-dev libdcmtk-dev dicom3tools orthanc abigail-tools)
+# The Debian packages the build and the tests need: debian/control's
+# Build-Depends (the one list of them), and build-essential, which Debian
+# build dependencies take for granted.
+korux_build_depends() {
+    local arch
+    arch=$(dpkg --print-architecture 2>/dev/null || true)
+    awk -v arch="$arch" '
+        /^$/ { exit }
+        /^Build-Depends:/ { field = 1; sub(/^Build-Depends:/, ""); }
+        /^[^ \t#]/ && !/^Build-Depends:/ { field = 0 }
+        field && !/^#/ { list = list " " $0 }
+        END {
+            n = split(list, items, ",")
+            for (i = 1; i <= n; i++) {
+                item = items[i]
+                sub(/\|.*/, "", item)
+                # An architecture list leaves the package out elsewhere.
+                if (match(item, /\[[^]]*\]/)) {
+                    archs = " " substr(item, RSTART + 1, RLENGTH - 2) " "
+                    if (arch != "" && index(archs, " " arch " ") == 0) continue
+                }
+                gsub(/\[[^]]*\]|<[^>]*>|\([^)]*\)/, "", item)
+                gsub(/[ \t]/, "", item)
+                if (item == "debhelper-compat") item = "debhelper"
+                if (item != "") print item
+            }
+        }' "$KORUX_ROOT/debian/control"
+}
+mapfile -t KORUX_PACKAGES < <(printf 'build-essential\n'; korux_build_depends)
 
 korux_say() {
     printf '==> %s\n' "$*"
