@@ -80,43 +80,57 @@ QString defaultMachineScenario(QString* error)
     return path;
 }
 
+QString chosenBridge(const Options& options, Console& console, void** vendorHandle)
+{
+    if (options.bridge != QLatin1String("auto"))
+        return options.bridge;
+    const int flags = RTLD_NOW | RTLD_GLOBAL;
+    const bool scenarioNamed
+        = !options.scenario.isEmpty() || !qEnvironmentVariable("KORUX_SCENARIO").isEmpty();
+    // The vendor's library when one is installed: a machine with one is
+    // a machine for sensors. A scenario asks for the virtual bridge.
+    void* vendor = scenarioNamed ? nullptr : dlopen(kBridgeName, flags);
+    if (vendor && dlsym(vendor, kScenarioEntry)) {
+        // The system path leads to a virtual bridge: it is one all the same.
+        dlclose(vendor);
+        vendor = nullptr;
+    }
+    if (vendor) {
+        const QString file = loadedFile(vendor, QString::fromLatin1(kBridgeName));
+        if (vendorHandle)
+            *vendorHandle = vendor;
+        else
+            dlclose(vendor);
+        if (!options.quiet)
+            console.error(QStringLiteral("korux: using the vendor's bridge library %1 (--bridge virtual "
+                                         "for the virtual bridge)")
+                              .arg(file));
+        return QStringLiteral("vendor");
+    }
+    if (!options.quiet && !scenarioNamed)
+        console.error(QStringLiteral("korux: no vendor bridge library is installed; using the virtual "
+                                     "bridge (--bridge virtual or vendor chooses)"));
+    return QStringLiteral("virtual");
+}
+
 int loadBridge(const Options& options, const QString& executableDirectory, Console& console, BridgeInfo* info)
 {
     const int flags = RTLD_NOW | RTLD_GLOBAL;
     QString requested;
-    QString bridge = options.bridge;
-    const bool scenarioNamed
-        = !options.scenario.isEmpty() || !qEnvironmentVariable("KORUX_SCENARIO").isEmpty();
-    if (bridge == QLatin1String("auto")) {
-        // The vendor's library when one is installed: a machine with one is
-        // a machine for sensors. A scenario asks for the virtual bridge.
-        void* vendor = scenarioNamed ? nullptr : dlopen(kBridgeName, flags);
-        if (vendor && dlsym(vendor, kScenarioEntry)) {
-            // The system path leads to a virtual bridge: it is one all the same.
-            dlclose(vendor);
-            vendor = nullptr;
-        }
-        if (vendor) {
-            const QString file = loadedFile(vendor, QString::fromLatin1(kBridgeName));
-            if (options.record.isEmpty()) {
-                info->handle = vendor;
-                info->file = file;
-            } else {
-                // The recording bridge loads it again, behind itself.
-                dlclose(vendor);
-            }
-            if (!options.quiet)
-                console.error(QStringLiteral("korux: using the vendor's bridge library %1 (--bridge virtual "
-                                             "for the virtual bridge)")
-                                  .arg(file));
-            bridge = QStringLiteral("vendor");
-        } else {
-            if (!options.quiet && !scenarioNamed)
-                console.error(
-                    QStringLiteral("korux: no vendor bridge library is installed; using the virtual "
-                                   "bridge (--bridge virtual or vendor chooses)"));
-            bridge = QStringLiteral("virtual");
-        }
+    // A trace that cannot be written is a usage error, told before the
+    // bridge is chosen or loaded.
+    if (!options.record.isEmpty()) {
+        const int target = checkRecordTarget(options, console);
+        if (target != kExitOk)
+            return target;
+    }
+    // With --record the recording bridge loads the vendor's library again,
+    // behind itself.
+    void* vendor = nullptr;
+    const QString bridge = chosenBridge(options, console, options.record.isEmpty() ? &vendor : nullptr);
+    if (vendor) {
+        info->handle = vendor;
+        info->file = loadedFile(vendor, QString::fromLatin1(kBridgeName));
     }
     if (!options.record.isEmpty()) {
         const int recording = loadRecordingBridge(options, bridge, executableDirectory, console, info);

@@ -37,6 +37,13 @@ QString flashImageFailure(const BridgeInfo& bridge);
 // it); empty with the reason in error when it cannot be.
 QString defaultMachineScenario(QString* error);
 
+// The bridge the options ask for; --bridge auto becomes "vendor" when the
+// vendor's library is installed (and no scenario is named), else "virtual",
+// said in one line on the console unless quiet or a scenario is named. The
+// vendor's library chosen is handed over open in vendorHandle, or closed
+// when that is null.
+QString chosenBridge(const Options& options, Console& console, void** vendorHandle = nullptr);
+
 // Loads the bridge the options name and, with --scenario, hands the scenario
 // to the virtual bridge. Returns kExitOk or the exit status to stop with,
 // having said why on the console.

@@ -83,6 +83,24 @@ QString recordingBridgeFileFrom(const QString& executableDirectory)
         executableDirectory, { "../lib/record", KORUX_RECORD_DIR_FROM_BIN }, QStringLiteral("libft4222.so"));
 }
 
+int checkRecordTarget(const Options& options, Console& console)
+{
+    // The trace is written beside its final name and renamed at the end.
+    const QFileInfo trace(options.record);
+    const QFileInfo folder(trace.absolutePath());
+    if (!folder.isDir() || !folder.isWritable()) {
+        console.error(QStringLiteral("korux: --record %1: the folder %2 cannot be written")
+                          .arg(options.record, folder.absoluteFilePath()));
+        return kExitUsage;
+    }
+    if (trace.isDir()) {
+        console.error(
+            QStringLiteral("korux: --record %1 is a folder; give the trace a file name").arg(options.record));
+        return kExitUsage;
+    }
+    return kExitOk;
+}
+
 int loadRecordingBridge(const Options& options, const QString& bridge, const QString& executableDirectory,
     Console& console, BridgeInfo* info)
 {
@@ -106,8 +124,7 @@ int loadRecordingBridge(const Options& options, const QString& bridge, const QSt
     } else {
         real = findSystemLibrary(bridge, recorderDirectory);
         if (real.isEmpty()) {
-            console.error(
-                QStringLiteral("korux: cannot find the bridge library %1 to record").arg(bridge));
+            console.error(QStringLiteral("korux: cannot find the bridge library %1 to record").arg(bridge));
             return kExitNoBridge;
         }
     }
@@ -115,19 +132,10 @@ int loadRecordingBridge(const Options& options, const QString& bridge, const QSt
         console.error(QStringLiteral("korux: cannot load the bridge library %1: no such file").arg(real));
         return kExitNoBridge;
     }
-    // The trace is written beside its final name and renamed at the end.
+    const int target = checkRecordTarget(options, console);
+    if (target != kExitOk)
+        return target;
     const QFileInfo trace(options.record);
-    const QFileInfo folder(trace.absolutePath());
-    if (!folder.isDir() || !folder.isWritable()) {
-        console.error(QStringLiteral("korux: --record %1: the folder %2 cannot be written")
-                          .arg(options.record, folder.absoluteFilePath()));
-        return kExitUsage;
-    }
-    if (trace.isDir()) {
-        console.error(
-            QStringLiteral("korux: --record %1 is a folder; give the trace a file name").arg(options.record));
-        return kExitUsage;
-    }
     qputenv("KORUX_RECORD_LIBRARY", QFile::encodeName(real));
     qputenv("KORUX_RECORD_FILE", QFile::encodeName(trace.absoluteFilePath()));
     qputenv("KORUX_RECORD_MASK_SERIALS", options.recordMaskSerials ? "1" : "0");

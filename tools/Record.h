@@ -18,6 +18,10 @@ QString findSystemLibrary(const QString& name, const QString& skipDirectory = QS
 
 QString recordingBridgeFileFrom(const QString& executableDirectory);
 
+// Whether the trace of --record can be written where it is named: kExitOk,
+// or kExitUsage having said why.
+int checkRecordTarget(const Options& options, Console& console);
+
 // Loads the recording bridge with bridge (virtual, vendor, a name or a path)
 // behind it. Returns kExitOk or the exit status to stop with, having said
 // why.

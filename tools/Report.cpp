@@ -20,7 +20,9 @@
 
 #include <zlib.h>
 
+#include "host/VeltraXRayHardware.h"
 #include "tools/AtomicFile.h"
+#include "tools/BridgeLoader.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
 #include "tools/PluginHost.h"
@@ -129,11 +131,12 @@ struct Child {
 
 // korux itself, with the session's bridge, scenario, plug-in and family
 // directory, on one command.
-Child runKorux(const Session& session, const QStringList& arguments)
+Child runKorux(const Session& session, const QString& bridge, const QStringList& arguments)
 {
     QStringList words;
     const Options& options = session.options;
-    words << QStringLiteral("--bridge") << options.bridge;
+    if (!bridge.isEmpty())
+        words << QStringLiteral("--bridge") << bridge;
     if (!options.scenario.isEmpty())
         words << QStringLiteral("--scenario") << options.scenario;
     if (!options.plugin.isEmpty())
@@ -143,12 +146,15 @@ Child runKorux(const Session& session, const QStringList& arguments)
     if (options.timeScaleSet)
         words << QStringLiteral("--time-scale") << QString::number(options.timeScale);
     QProcess process;
+    // Nothing to read: a child that asked would wait for ever.
+    process.setStandardInputFile(QProcess::nullDevice());
     process.start(QCoreApplication::applicationFilePath(), words + arguments);
     Child child;
     if (!process.waitForFinished(300000)) {
         process.kill();
         process.waitForFinished();
-        child.err = "korux did not finish in 5 minutes\n";
+        child.out = process.readAllStandardOutput();
+        child.err = process.readAllStandardError() + "korux did not finish in 5 minutes\n";
         return child;
     }
     child.out = process.readAllStandardOutput();
@@ -202,26 +208,40 @@ int runSupportReport(Session& session, const CommandLine& line)
             add(name + QStringLiteral(".stderr"), child.err);
     };
 
-    const QString family = session.host && session.host->family() ? session.host->family()->directory().path()
-                                                                  : session.options.directory;
+    // The bundle holds no bridge and no plug-in of its own: its korux
+    // children do, one after the other. Held here, the virtual machine's
+    // flash image would be locked while they wait for it. The automatic
+    // choice is made once, here, and the bridge chosen is what every child
+    // runs on and the bundle describes.
+    const QString bridge = chosenBridge(session.options, session.console);
+    QString family = session.options.directory;
+    if (family.isEmpty())
+        family = session.host && session.host->family() ? session.host->family()->directory().path()
+                                                        : QVeltraHardwareFamily().directory().path();
     QString versions;
     versions += QStringLiteral("report written %1\n").arg(now.toString(Qt::ISODate));
-    versions += runKorux(session, { QStringLiteral("--version") }).out;
+    versions += runKorux(session, bridge, { QStringLiteral("--version") }).out;
     versions += QStringLiteral("korux %1\n").arg(QCoreApplication::applicationFilePath());
-    versions += QStringLiteral("bridge %1\n").arg(session.options.bridge);
+    versions += session.options.bridge == QLatin1String("auto")
+        ? QStringLiteral("bridge %1 (chosen by --bridge auto)\n").arg(bridge)
+        : QStringLiteral("bridge %1\n").arg(bridge);
     versions += QStringLiteral("family directory %1\n").arg(family);
     versions += QStringLiteral("system %1, kernel %2 %3\n")
                     .arg(QSysInfo::prettyProductName(), QSysInfo::kernelType(), QSysInfo::kernelVersion());
     add(QStringLiteral("versions.txt"), versions.toUtf8());
 
     session.console.out(QStringLiteral("report: korux doctor"));
-    addChild(QStringLiteral("doctor.txt"), runKorux(session, { QStringLiteral("doctor") }));
-    const Child doctorJson = runKorux(session, { QStringLiteral("--json"), QStringLiteral("doctor") });
+    // The plain doctor checks what real sensors need (the vendor's
+    // library); on the virtual bridge it checks that bridge instead.
+    const QString doctorBridge = bridge == QLatin1String("vendor") ? QString() : bridge;
+    addChild(QStringLiteral("doctor.txt"), runKorux(session, doctorBridge, { QStringLiteral("doctor") }));
+    const Child doctorJson
+        = runKorux(session, doctorBridge, { QStringLiteral("--json"), QStringLiteral("doctor") });
     if (!doctorJson.out.isEmpty())
         add(QStringLiteral("doctor.json"), doctorJson.out);
     session.console.out(QStringLiteral("report: korux list"));
-    addChild(
-        QStringLiteral("list.json"), runKorux(session, { QStringLiteral("--json"), QStringLiteral("list") }));
+    addChild(QStringLiteral("list.json"),
+        runKorux(session, bridge, { QStringLiteral("--json"), QStringLiteral("list") }));
     session.console.out(QStringLiteral("report: korux selftest%1").arg(images ? " --expose" : ""));
     const QString trace = work.filePath(QStringLiteral("selftest.trace"));
     QStringList selftest { QStringLiteral("--json"), QStringLiteral("--record"), trace,
@@ -229,7 +249,7 @@ int runSupportReport(Session& session, const CommandLine& line)
     if (images)
         selftest << QStringLiteral("--expose") << QStringLiteral("--out")
                  << work.filePath(QStringLiteral("shot"));
-    addChild(QStringLiteral("selftest.json"), runKorux(session, selftest));
+    addChild(QStringLiteral("selftest.json"), runKorux(session, bridge, selftest));
     QFile traceFile(trace);
     if (traceFile.open(QIODevice::ReadOnly))
         add(QStringLiteral("selftest.trace"), traceFile.readAll());
@@ -265,12 +285,17 @@ int runSupportReport(Session& session, const CommandLine& line)
     return kExitOk;
 }
 
+bool supportBundle(const Options& options, const CommandLine& line)
+{
+    return options.command == QLatin1String("report") && !line.has(QStringLiteral("--family"));
+}
+
 int runReportCommand(Session& session, const CommandLine& line)
 {
     // In a script or the shell, and with --family, report is the family's
     // parameter report (command 1010); on korux's own command line, the
     // support bundle.
-    if (line.has(QStringLiteral("--family")) || session.options.command != QLatin1String("report"))
+    if (!supportBundle(session.options, line))
         return runReport(session, line);
     return runSupportReport(session, line);
 }

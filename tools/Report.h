@@ -25,6 +25,10 @@ QByteArray gzipBytes(const QByteArray& bytes);
 // One line per regular file of directory, by name: SHA-256, size, name.
 QString fileListing(const QString& directory);
 
+// True for the support bundle: report on korux's own command line without
+// --family. It runs without bridge and plug-in (its korux children load them).
+bool supportBundle(const Options& options, const CommandLine& line);
+
 // report: the support bundle on korux's command line; in a script, in the
 // shell or with --family, the family's parameter report.
 int runReportCommand(Session& session, const CommandLine& line);

@@ -28,6 +28,7 @@
 #include "tools/Options.h"
 #include "tools/PluginHost.h"
 #include "tools/Record.h"
+#include "tools/Report.h"
 #include "tools/Selftest.h"
 #include "tools/ShotOutput.h"
 #include "tools/Transcript.h"
@@ -261,7 +262,7 @@ int main(int argc, char** argv)
     Session session { options, console, nullptr, nullptr, QString(), false, 0, 0, QString() };
     if (transcript.isOpen())
         session.transcript = &transcript;
-    if (!command->needsPlugin) {
+    if (!command->needsPlugin || supportBundle(options, line)) {
         // No bridge is loaded: there is nothing to record.
         if (!options.record.isEmpty())
             console.error(QStringLiteral("korux: --record: %1 makes no bridge calls; no trace is written")

@@ -114,3 +114,24 @@ TEST_F(KoruxReport, FamilyGivesTheFamilysParameterReport)
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_TRUE(run.out.contains(QStringLiteral("\"family\":true"))) << run.out;
 }
+
+TEST_F(KoruxReport, TheBundleDescribesTheBridgeTheAutomaticChoiceMade)
+{
+    const QString bundle = path(QStringLiteral("auto.tar.gz"));
+    const KoruxRun run = korux({ QStringLiteral("--dir"), familyDirectory(), QStringLiteral("--time-scale"),
+        QStringLiteral("0"), QStringLiteral("report"), QStringLiteral("--out"), bundle });
+    if (run.err.contains(QStringLiteral("using the vendor's bridge library")))
+        GTEST_SKIP() << "a vendor bridge library is installed here";
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    // The choice is made and told once: the children run on the bridge chosen.
+    EXPECT_EQ(
+        run.err.count(QStringLiteral("korux: no vendor bridge library is installed; using the virtual")), 1)
+        << run.err;
+    EXPECT_TRUE(member(bundle, QStringLiteral("korux-report/versions.txt"))
+                    .contains("bridge virtual (chosen by --bridge auto)"));
+    EXPECT_TRUE(member(bundle, QStringLiteral("korux-report/doctor.txt")).contains("(the virtual bridge)"));
+    EXPECT_TRUE(
+        member(bundle, QStringLiteral("korux-report/selftest.json")).contains("\"selftest\":\"PASS\""));
+    for (const QString& name : listing(bundle))
+        EXPECT_FALSE(name.endsWith(QLatin1String(".stderr"))) << name;
+}
