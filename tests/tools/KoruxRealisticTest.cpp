@@ -14,7 +14,6 @@ using namespace korux_test;
 
 namespace {
 
-const QString kRealistic = QStringLiteral(R"({"timing": "realistic", "sensors": [{}]})");
 const QString kRealisticNoExposure
     = QStringLiteral(R"({"timing": "realistic", "sensors": [{"exposure": {"auto": false}}]})");
 
@@ -25,6 +24,7 @@ protected:
         Korux::SetUp();
         if (qEnvironmentVariable("KORUX_TIMING") != QLatin1String("realistic"))
             GTEST_SKIP() << "realistic timing: ctest -L realistic";
+        defaultMachineTiming_ = QStringLiteral("realistic");
     }
 
     // korux's arguments on the machine of scenario, with no time scale.
@@ -38,13 +38,15 @@ protected:
 
 } // namespace
 
-// A stop arms once more with a threshold under the dark level; the units end
-// its dummy integration, the image held by an automatic exposure or not.
+// On the default machine a stop arms once more with a threshold under the
+// dark level, and reaches the sensor before its operator fires; the units end
+// its dummy integration.
 TEST_F(KoruxRealistic, ArmThenStopOrAbortEnds)
 {
     for (const char* text : { "fpga-update\narm\nstop\narm\nabort\n", "fpga-update\narm\nabort\n" }) {
         const QString script = writeFile(QStringLiteral("s.korux"), text);
-        const KoruxRun run = korux(realArguments({ QStringLiteral("run"), script }, kRealistic));
+        const KoruxRun run = korux({ QStringLiteral("--bridge"), QStringLiteral("virtual"), QStringLiteral("--dir"),
+            familyDirectory(), QStringLiteral("run"), script });
         EXPECT_EQ(run.exitCode, 0) << text << run.out << run.err;
         EXPECT_FALSE(run.err.contains(QStringLiteral("did not stop"))) << run.err;
     }

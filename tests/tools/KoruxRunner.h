@@ -93,7 +93,7 @@ protected:
         environment.remove(QStringLiteral("KORUX_SCENARIO"));
         // The default machine at instant timing, as a scenario without a
         // "timing" is: the tests need no device delays.
-        environment.insert(QStringLiteral("KORUX_TIMING"), QStringLiteral("instant"));
+        environment.insert(QStringLiteral("KORUX_TIMING"), defaultMachineTiming_);
         environment.remove(QStringLiteral("LD_LIBRARY_PATH"));
         environment.remove(QStringLiteral("LD_PRELOAD"));
         // The user's directories are the test's own: the default machine's
@@ -171,6 +171,8 @@ protected:
     QString familyDirectory() const { return directory_.filePath(QStringLiteral("family")); }
 
     QTemporaryDir directory_;
+    // KORUX_TIMING for korux: the default machine's timing.
+    QString defaultMachineTiming_ = QStringLiteral("instant");
 };
 
 } // namespace korux_test
