@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/FreePort.h"
+
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -30,17 +32,7 @@ namespace {
 
 quint16 freePort()
 {
-    const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (probe < 0 || ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0
-        || ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        address.sin_port = 0;
-    if (probe >= 0)
-        ::close(probe);
-    return ntohs(address.sin_port);
+    return korux_test::freeLoopbackPort();
 }
 
 // A store SCP for one association that answers each C-STORE with status

@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/FreePort.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -31,20 +33,9 @@ namespace {
 
 const QString kArchiveAe = QStringLiteral("KORUXPACS");
 
-// A loopback port nothing listens on now.
 quint16 freePort()
 {
-    const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (probe < 0 || ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0
-        || ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        address.sin_port = 0;
-    if (probe >= 0)
-        ::close(probe);
-    return ntohs(address.sin_port);
+    return korux_test::freeLoopbackPort();
 }
 
 // One HTTP/1.0 GET on 127.0.0.1: the body, or null when nothing answers.

@@ -15,29 +15,7 @@ class KoruxSelftest : public Korux {
 protected:
     KoruxRun selftest(const QStringList& extra, const QString& scenario = QString())
     {
-        QProcess process;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.remove(QStringLiteral("KORUX_SCENARIO"));
-        environment.remove(QStringLiteral("LD_LIBRARY_PATH"));
-        environment.remove(QStringLiteral("LD_PRELOAD"));
-        environment.insert(QStringLiteral("KORUX_TIMING"), QStringLiteral("instant"));
-        environment.insert(QStringLiteral("HOME"), directory_.path());
-        environment.insert(QStringLiteral("XDG_STATE_HOME"), path(QStringLiteral("state")));
-        environment.insert(QStringLiteral("XDG_DATA_HOME"), path(QStringLiteral("data")));
-        process.setProcessEnvironment(environment);
-        process.setWorkingDirectory(directory_.path());
-        process.start(koruxPath(), argumentsOn(QStringList { QStringLiteral("selftest") } + extra, scenario));
-        KoruxRun run;
-        if (!process.waitForFinished(60000)) {
-            process.kill();
-            process.waitForFinished();
-            ADD_FAILURE() << "korux did not finish";
-            return run;
-        }
-        run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        run.out = QString::fromUtf8(process.readAllStandardOutput());
-        run.err = QString::fromUtf8(process.readAllStandardError());
-        return run;
+        return korux(argumentsOn(QStringList { QStringLiteral("selftest") } + extra, scenario));
     }
 
     static QStringList resultLines(const QString& out)
@@ -83,12 +61,12 @@ TEST_F(KoruxSelftest, AHealthySensorPassesEveryStepAndTheTrafficIsRecorded)
     EXPECT_TRUE(QDir(familyDirectory()).entryList(QDir::Files).isEmpty());
 
     const QStringList traces
-        = QDir(path(QStringLiteral("state/korux"))).entryList({ QStringLiteral("selftest-*.trace") });
+        = QDir(path(QStringLiteral("home/state/korux"))).entryList({ QStringLiteral("selftest-*.trace") });
     ASSERT_EQ(traces.size(), 1) << run.err;
     ktrace::Trace trace;
     std::string error;
     ASSERT_TRUE(ktrace::readTraceFile(
-        path(QStringLiteral("state/korux/") + traces.first()).toStdString(), &trace, &error))
+        path(QStringLiteral("home/state/korux/") + traces.first()).toStdString(), &trace, &error))
         << error;
     EXPECT_TRUE(trace.complete);
     // Read-only: nothing programmed or erased in the flash (no write enable,
@@ -107,8 +85,8 @@ TEST_F(KoruxSelftest, ExposeTakesOneShot)
     EXPECT_EQ(lineOf(run.out, QStringLiteral("one shot")), QStringLiteral("PASS  one shot: image delivered"));
     // --no-trace: no trace in the state directory, where the default
     // machine's flash image is kept all the same.
-    EXPECT_TRUE(QFile::exists(path(QStringLiteral("state/korux/default-flash.bin"))));
-    EXPECT_TRUE(QDir(path(QStringLiteral("state/korux")))
+    EXPECT_TRUE(QFile::exists(path(QStringLiteral("home/state/korux/default-flash.bin"))));
+    EXPECT_TRUE(QDir(path(QStringLiteral("home/state/korux")))
                     .entryList({ QStringLiteral("*.trace"), QStringLiteral("*.trace.*") }, QDir::Files)
                     .isEmpty());
 }
