@@ -124,7 +124,7 @@ const ktrace::TraceCall* Replay::take(ktrace::TraceCall& came)
 
 void Replay::copyRead(const ktrace::TraceCall& recorded, uint8_t* buffer, size_t size)
 {
-    if (buffer)
+    if (buffer && !recorded.read.empty())
         std::memcpy(buffer, recorded.read.data(), std::min(size, recorded.read.size()));
 }
 

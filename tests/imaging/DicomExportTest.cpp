@@ -90,7 +90,7 @@ protected:
         return errors;
     }
 
-    static std::string text(DcmDataset* data, const DcmTagKey& tag)
+    static std::string text(DcmItem* data, const DcmTagKey& tag)
     {
         OFString value;
         data->findAndGetOFStringArray(tag, value);
@@ -233,12 +233,12 @@ TEST_F(DicomExport, AnatomyIsTheUsersInSnomedCtCodes)
     EXPECT_EQ(text(data, DCM_PatientOrientation), "P\\F");
     DcmItem* region = nullptr;
     ASSERT_TRUE(data->findAndGetSequenceItem(DCM_AnatomicRegionSequence, region, 0).good());
-    EXPECT_EQ(text(static_cast<DcmDataset*>(region), DCM_CodeValue), "91609006");
-    EXPECT_EQ(text(static_cast<DcmDataset*>(region), DCM_CodingSchemeDesignator), "SCT");
+    EXPECT_EQ(text(region, DCM_CodeValue), "91609006");
+    EXPECT_EQ(text(region, DCM_CodingSchemeDesignator), "SCT");
     DcmItem* tooth = nullptr;
     ASSERT_TRUE(data->findAndGetSequenceItem(DCM_PrimaryAnatomicStructureSequence, tooth, 0).good());
-    EXPECT_EQ(text(static_cast<DcmDataset*>(tooth), DCM_CodeValue), "89625000");
-    EXPECT_EQ(text(static_cast<DcmDataset*>(tooth), DCM_CodeMeaning), "Mandibular left first molar tooth");
+    EXPECT_EQ(text(tooth, DCM_CodeValue), "89625000");
+    EXPECT_EQ(text(tooth, DCM_CodeMeaning), "Mandibular left first molar tooth");
     EXPECT_FALSE(data->findAndGetSequenceItem(DCM_PrimaryAnatomicStructureSequence, tooth, 1).good());
     EXPECT_TRUE(validationErrors(path).isEmpty());
 }
@@ -255,7 +255,7 @@ TEST_F(DicomExport, RegionWithoutTeethCarriesItsSideAsModifier)
     ASSERT_TRUE(file.getDataset()->findAndGetSequenceItem(DCM_AnatomicRegionSequence, region, 0).good());
     DcmItem* modifier = nullptr;
     ASSERT_TRUE(region->findAndGetSequenceItem(DCM_AnatomicRegionModifierSequence, modifier, 0).good());
-    EXPECT_EQ(text(static_cast<DcmDataset*>(modifier), DCM_CodeValue), "24028007");
+    EXPECT_EQ(text(modifier, DCM_CodeValue), "24028007");
     const QStringList errors = validationErrors(path);
     EXPECT_TRUE(errors.isEmpty()) << errors.join('\n').toStdString();
 }

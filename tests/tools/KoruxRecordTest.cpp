@@ -300,9 +300,15 @@ TEST_F(KoruxRecord, RecordsInFrontOfABridgeFoundAsTheVendorsIs)
 
 TEST_F(KoruxRecord, AnyHostGetsTheRecordingBridgeByTheLibraryPath)
 {
+    // Under the sanitizers, LeakSanitizer's own tracer crashes at exit on the
+    // dynamic thread-local storage of a library found through the library
+    // path (it reads a stale entry); the child runs with every other check.
+    const QString sanitizerOptions
+        = qEnvironmentVariable("ASAN_OPTIONS") + QStringLiteral(":detect_leaks=0");
     const KoruxRun recorded
         = run(session({ QStringLiteral("--bridge"), QStringLiteral("vendor"), QStringLiteral("list") }),
-            { QStringLiteral("LD_LIBRARY_PATH=") + buildDirectory() + QStringLiteral("/lib/record"),
+            { QStringLiteral("ASAN_OPTIONS=") + sanitizerOptions,
+                QStringLiteral("LD_LIBRARY_PATH=") + buildDirectory() + QStringLiteral("/lib/record"),
                 QStringLiteral("KORUX_RECORD_LIBRARY=") + buildDirectory()
                     + QStringLiteral("/lib/virtual/libft4222.so"),
                 QStringLiteral("KORUX_RECORD_FILE=") + path(QStringLiteral("host.trace")) });
