@@ -199,10 +199,37 @@ bool readPngHeader(const QByteArray& bytes, PngHeader* header)
     return true;
 }
 
+namespace {
+
+// Whether every chunk's declared length stays inside the file. libpng reads a
+// chunk other than the image data whole into memory, allocated from that
+// length: a damaged one must not ask for gigabytes.
+bool chunksFitTheFile(const QByteArray& bytes)
+{
+    const auto* data = reinterpret_cast<const unsigned char*>(bytes.constData());
+    const qint64 size = bytes.size();
+    qint64 at = 8;
+    while (at + 12 <= size) {
+        const qint64 length = (qint64(data[at]) << 24) | (data[at + 1] << 16) | (data[at + 2] << 8) | data[at + 3];
+        if (length > size - at - 12)
+            return false;
+        if (std::memcmp(data + at + 4, "IEND", 4) == 0)
+            return true;
+        at += 12 + length;
+    }
+    return at == size;
+}
+
+} // namespace
+
 QImage decodeSensorPng(const QByteArray& bytes, PngText* text, QString* error)
 {
     if (bytes.size() < 8 || png_sig_cmp(reinterpret_cast<png_const_bytep>(bytes.constData()), 0, 8) != 0) {
         *error = QStringLiteral("not a PNG file");
+        return QImage();
+    }
+    if (!chunksFitTheFile(bytes)) {
+        *error = QStringLiteral("the PNG file is damaged: a chunk runs past the end of the file");
         return QImage();
     }
     PngState state;

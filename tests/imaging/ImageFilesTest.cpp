@@ -136,6 +136,20 @@ TEST(SensorPng, TextChunksComeBack)
     EXPECT_EQ(back, text);
 }
 
+TEST(SensorPng, AChunkLongerThanTheFileIsRefusedBeforeAnythingIsRead)
+{
+    PngText text;
+    text.insert(QStringLiteral("Software"), QStringLiteral("korux"));
+    QString error;
+    QByteArray png = encodeSensorPng(grey16(4, 4, [](int, int) { return 7; }), text, &error);
+    const int at = png.indexOf("tEXt") - 4;
+    ASSERT_GT(at, 8);
+    // A damaged length of almost 2 GiB: libpng would allocate it.
+    png[at] = char(0x70);
+    EXPECT_TRUE(decodeSensorPng(png, nullptr, &error).isNull());
+    EXPECT_EQ(error, QStringLiteral("the PNG file is damaged: a chunk runs past the end of the file"));
+}
+
 TEST(SensorPng, WhatIsNoGreyPngIsRefusedWithTheReason)
 {
     QString error;
