@@ -64,16 +64,17 @@ QString defaultMachineScenario(QString* error)
     }
     // The machine a host meets without a scenario, at its timing, with the
     // flash image beside this file. Its operator fires the generator two
-    // seconds after the sensor is armed: a stop given at once reaches the
-    // sensor well before the beam, as the sensor ignores an arm frame while
-    // it reads an image out.
+    // seconds after the sensor is armed (half a second on the instant
+    // machine): a stop given at once reaches the sensor well before the
+    // beam, as the sensor ignores an arm frame while it reads an image out.
     const bool instant = qEnvironmentVariable("KORUX_TIMING") == QLatin1String("instant");
     const QByteArray text
         = QByteArrayLiteral("{\n  \"comment\": \"korux's default virtual machine; its flash, "
                             "counter included, is kept in default-flash.bin\",\n  \"timing\": \"")
         + (instant ? "instant" : "realistic")
         + QByteArrayLiteral("\",\n  \"sensors\": [ { \"flash\": { \"image\": \"default-flash.bin\" },\n"
-                            "      \"exposure\": { \"delayMs\": 2000 } } ]\n}\n");
+                            "      \"exposure\": { \"delayMs\": ")
+        + (instant ? "500" : "2000") + QByteArrayLiteral(" } } ]\n}\n");
     const QString path = directory + QStringLiteral("/default-machine.json");
     QFile current(path);
     if (current.open(QIODevice::ReadOnly) && current.readAll() == text)
