@@ -766,10 +766,8 @@ namespace {
 void applyFigures(const ScenarioSensor& s, VirtualSensor& sensor)
 {
     SensorLogic& logic = sensor.logic;
-    if (s.readyMs) {
-        logic.readyDelayMs = *s.readyMs;
-        logic.powerOn(SensorLogic::Clock::now());
-    }
+    if (s.readyMs)
+        logic.setReadyDelay(*s.readyMs);
     if (s.armMs)
         logic.armDelayMs = *s.armMs;
     if (s.imageLeadMs)

@@ -100,10 +100,11 @@ void SensorLogic::setImageSizeCode(int code)
     imageBytes_[0] = static_cast<uint8_t>((imageBytes_[0] & 0x3F) | (imageCode_ << 6));
 }
 
-void SensorLogic::trigger(const Exposure& exposure)
+void SensorLogic::trigger(const Exposure& exposure, Clock::time_point now)
 {
     pendingTrigger_ = true;
     pending_ = exposure;
+    pendingAt_ = now;
 }
 
 // The ready flag is clear while the logic starts up after power-on or a
@@ -143,7 +144,14 @@ SensorLogic::Clock::time_point SensorLogic::armedAt() const
 
 void SensorLogic::powerOn(Clock::time_point now)
 {
+    poweredAt_ = now;
     readyAt_ = now + std::chrono::milliseconds(readyDelayMs);
+}
+
+void SensorLogic::setReadyDelay(uint32_t ms)
+{
+    readyDelayMs = ms;
+    readyAt_ = poweredAt_ + std::chrono::milliseconds(ms);
 }
 
 void SensorLogic::startExposure(Clock::time_point start, uint32_t durationMs, uint16_t level)
@@ -241,7 +249,7 @@ void SensorLogic::update(Clock::time_point now)
         if (pendingTrigger_) {
             pendingTrigger_ = false;
             if (pending_.doseRate > arm.threshold)
-                startExposure(now, pending_.durationMs, pending_.doseRate);
+                startExposure(std::max(armed, pendingAt_), pending_.durationMs, pending_.doseRate);
         } else if (arm.threshold < kDarkLevel) {
             startExposure(armed, kDummyIntegrationMs, kDarkLevel);
         } else if (autoExposure) {

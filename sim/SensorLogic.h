@@ -69,6 +69,8 @@ public:
     uint32_t configSettleUs = 0;
     uint32_t programLowMinUs = 0;
     void powerOn(Clock::time_point now);
+    // A new start-up delay counts from the last power-on.
+    void setReadyDelay(uint32_t ms);
     bool off = false;
     bool linkLost = false;
     int imageSizeCodeOverride = -1;
@@ -82,7 +84,9 @@ public:
     void configurationReset(); // PROGRAMN pulse or power cycle
     std::vector<uint8_t> loadedBitstream;
 
-    void trigger(const Exposure& exposure);
+    // X-rays reach the sensor at `now`: the exposure starts then, or when the
+    // sensor is armed if that comes later.
+    void trigger(const Exposure& exposure, Clock::time_point now);
     // Size code written into images from now on, and into the one held.
     void setImageSizeCode(int code);
     // Holds a dark image unless an image is there already.
@@ -140,6 +144,7 @@ private:
     uint32_t seed_;
     Phase phase_ = Phase::Idle;
     Clock::time_point armTime_ {};
+    Clock::time_point poweredAt_ {};
     Clock::time_point readyAt_ {};
     Clock::time_point exposureStart_ {};
     Clock::time_point exposureEnd_ {};
@@ -147,6 +152,7 @@ private:
     uint16_t exposureLevel_ = kDarkLevel;
     bool pendingTrigger_ = false;
     Exposure pending_;
+    Clock::time_point pendingAt_ {};
 
     std::shared_ptr<Rendering> rendering_;
 

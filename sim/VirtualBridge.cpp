@@ -256,7 +256,7 @@ void VirtualBridge::setImageSource(int sensor, const ImageSource& source)
 void VirtualBridge::triggerExposure(int sensor, const Exposure& exposure)
 {
     Locked locked;
-    locked.bridge.sensor(sensor).logic.trigger(exposure);
+    locked.bridge.sensor(sensor).logic.trigger(exposure, SensorLogic::Clock::now());
 }
 
 void VirtualBridge::switchOff(int sensor, bool off)
@@ -591,7 +591,7 @@ void VirtualBridge::setSensorDelays(
 {
     Locked locked;
     SensorLogic& logic = locked.bridge.sensor(sensor).logic;
-    logic.readyDelayMs = readyDelayMs;
+    logic.setReadyDelay(readyDelayMs);
     logic.armDelayMs = armDelayMs;
     logic.imageLeadMs = imageLeadMs;
     logic.readoutMs = readoutMs;

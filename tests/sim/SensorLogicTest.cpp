@@ -389,3 +389,52 @@ TEST_F(VbSensorLogic, ThresholdUnderTheDarkLevelRunsADummyIntegration)
     std::this_thread::sleep_for(std::chrono::milliseconds(vbridge::SensorLogic::kDummyIntegrationMs));
     EXPECT_EQ(flags(handle), 0x48);
 }
+
+// X-rays that came and went between two status reads: the next read finds
+// the image, not an exposure that started with the read.
+TEST_F(VbSensorLogic, TriggeredExposureStartsWhenTheXRaysCome)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    bridge().setAutoExposure(0, false);
+    bridge().setSensorDelays(0, 0, 0, 0, 0);
+    sendArm(handle);
+    ASSERT_EQ(flags(handle), 0x44);
+    vbridge::Exposure shot;
+    shot.durationMs = 5;
+    bridge().triggerExposure(0, shot);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(flags(handle), 0x48);
+    EXPECT_EQ(bridge().exposureCount(0), 1);
+}
+
+// X-rays before the armed flag are integrated from the moment it comes.
+TEST_F(VbSensorLogic, ExposureTriggeredBeforeTheArmedFlagStartsWithIt)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    bridge().setAutoExposure(0, false);
+    bridge().setSensorDelays(0, 0, 200, 0, 0);
+    sendArm(handle);
+    vbridge::Exposure shot;
+    shot.durationMs = 5;
+    bridge().triggerExposure(0, shot);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(flags(handle), 0x40);
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    EXPECT_EQ(flags(handle), 0x48);
+}
+
+// A start-up delay set after power-on counts from the power-on: a sensor
+// powered long ago is ready at once with a shorter one.
+TEST_F(VbSensorLogic, ReadyDelaySetLaterCountsFromThePowerOn)
+{
+    bridge().setTiming(vbridge::Timing::Realistic);
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    ASSERT_EQ(flags(handle) & 0x40, 0);
+    bridge().setSensorDelays(0, 0, 0, 0, 0);
+    EXPECT_EQ(flags(handle) & 0x40, 0x40);
+    bridge().setSensorDelays(0, 60000, 0, 0, 0);
+    EXPECT_EQ(flags(handle) & 0x40, 0);
+}
