@@ -137,7 +137,10 @@ TEST_F(DispatchTest, FailingUnitStopsTheArmingOfTheOthers)
     host.family().gotoStatus(statusFpgaUpdating);
     ASSERT_EQ(host.family().status(), statusFpgaUpdated);
     host.seen().clear();
-    // The second sensor never gets ready.
+    // The second sensor never gets ready. No X-rays come: the first unit
+    // stays armed while the second is waited for.
+    for (int sensor = 0; sensor < 4; ++sensor)
+        host.bridge().setAutoExposure(sensor, false);
     host.bridge().setStatusWord(1, {0x00, 428, 2, 1});
     host.family().gotoStatus(statusArming);
     EXPECT_EQ(host.seen().statuses, (std::vector<int>{statusArming, statusError}));
@@ -316,14 +319,19 @@ TEST_F(DispatchTest, ArmingAgainWhileArmedIsAccepted)
 TEST_F(DispatchTest, FailingStopEndsTheLoopButReachesStopped)
 {
     start(2);
+    host.bridge().setAutoExposure(0, false);
+    host.bridge().setAutoExposure(1, false);
     host.family().gotoStatus(statusFpgaUpdating);
     host.family().gotoStatus(statusArming);
     ASSERT_EQ(host.family().status(), statusArmed);
     ASSERT_EQ(host.bridge().lastArm(1).count, 1);
     host.seen().clear();
-    // The first unit's sensor has gone: its stop fails and the second unit
-    // is not stopped, yet the family reaches its final status.
-    host.bridge().unplug(0);
+    // The first unit's sensor no longer reports itself ready: its stop fails
+    // and the second unit is not stopped, yet the family reaches its final
+    // status. (Its polling meanwhile sees nothing wrong; an unplugged sensor
+    // would put the family in error from the first tick that comes during
+    // the stop's waits.)
+    host.bridge().setStatusWord(0, {0x00, 428, 2, 1});
     host.family().gotoStatus(statusStopping);
     ASSERT_GE(host.seen().statuses.size(), 2u);
     EXPECT_EQ(std::vector<int>(host.seen().statuses.begin(), host.seen().statuses.begin() + 2),

@@ -118,13 +118,15 @@ TEST_F(EdgeCaseTest, EnergyOfSum100WithDivisor7Is14)
     vbridge::SensorConfig config;
     // One sample per exposure: the ramp's first step, (1028 - 428) / 6 = 100
     // above the dark level, give or take the photodiode's noise of 2.
-    config.exposure.delayMs = 0;
-    config.exposure.durationMs = 1;
-    config.exposure.doseRate = 1028;
-    // No read-out time: the sensor is ready again (and takes the next arm
-    // frame) as soon as the exposure ends.
-    config.readoutMs = 0;
+    vbridge::Exposure xrays;
+    xrays.durationMs = 1;
+    xrays.doseRate = 1028;
+    config.autoExposure = false;
     start(1, config);
+    // Ready from the start, armed a millisecond after the frame, and no
+    // read-out time: the sensor is ready again (and takes the next arm frame)
+    // as soon as the exposure ends.
+    host.bridge().setSensorDelays(0, 0, 1, 0, 0);
     unit->setFirmware("0");
     host.family().setParameter("ACECoeff", 7);
     host.family().setParameter("ACECoeffCSI", 7);
@@ -132,7 +134,9 @@ TEST_F(EdgeCaseTest, EnergyOfSum100WithDivisor7Is14)
     bool found = false;
     for (int shot = 0; shot < 100 && !found; ++shot) {
         ASSERT_TRUE(unit->arm(false));
-        // The exposure starts at the arming and lasts a millisecond.
+        // X-rays at once: the exposure starts with the armed flag and lasts
+        // a millisecond.
+        host.bridge().triggerExposure(0, xrays);
         std::this_thread::sleep_for(std::chrono::milliseconds(3));
         ASSERT_TRUE(KoruxUnitAccess::readOscilloscope(*unit));
         found = host.bridge().lastOscilloscope(0) == std::vector<uint16_t> { 428 + 100 };

@@ -28,18 +28,25 @@ protected:
 // 250 ms. The armed flag comes a little after the frame; an exposure that has
 // started and ended before the first wait is over leaves no armed flag to see,
 // and the arming fails although the sensor holds the image. (Waits scaled to
-// a tenth here: 25 ms, with the flag 10 ms after the frame.)
+// a tenth here: 25 ms, with the flag 20 ms after the frame and X-rays
+// from the moment the frame is sent.)
 TEST_F(SensorPhaseTest, ExposureOverBeforeTheFirstArmedCheckFailsTheArming)
 {
     vbridge::SensorConfig config;
-    config.armDelayMs = 10;
-    config.exposure.delayMs = 0;
-    config.exposure.durationMs = 1;
+    config.armDelayMs = 20;
+    config.autoExposure = false;
     config.readoutMs = 0;
     start(config);
-    setSleepTimeScale(0.1);
-    host.family().gotoStatus(statusArming);
-    setSleepTimeScale(0.0);
+    vbridge::Exposure shot;
+    shot.durationMs = 1;
+    QObject::connect(host.unit(), &QVeltraHardwareUnit::logText, [&](const QString& text) {
+        if (text == "Sensor is arming")
+            host.bridge().triggerExposure(0, shot);
+    });
+    {
+        const ScopedSleepScale tenth(0.1);
+        host.family().gotoStatus(statusArming);
+    }
     EXPECT_EQ(host.family().status(), statusError);
     EXPECT_TRUE(host.seen().hasAdvanced("[red]Unable to arm sensor"));
     EXPECT_EQ(host.bridge().exposureCount(0), 1);
@@ -56,9 +63,10 @@ TEST_F(SensorPhaseTest, ArmedFlagAfterTheFrameIsSeenAtTheNextWait)
     config.exposure.durationMs = 50;
     config.readoutMs = 0;
     start(config);
-    setSleepTimeScale(0.1);
-    host.family().gotoStatus(statusArming);
-    setSleepTimeScale(0.0);
+    {
+        const ScopedSleepScale tenth(0.1);
+        host.family().gotoStatus(statusArming);
+    }
     EXPECT_EQ(host.family().status(), statusArmed);
     EXPECT_TRUE(host.runUntil([&] { return host.family().status() == statusAcquired; }, 5000));
 }

@@ -91,10 +91,12 @@ public:
     // KORUX_TIMING=realistic (the CTest label "realistic"): the devices take
     // their datasheet times, and the plug-in's own waits are real too.
     static bool realisticTiming() { return qgetenv("KORUX_TIMING") == "realistic"; }
+    // The host's sleeps: real with the realistic machine, none otherwise.
+    static double hostSleepScale() { return realisticTiming() ? 1.0 : 0.0; }
 
     PluginHarness()
     {
-        setSleepTimeScale(realisticTiming() ? 1.0 : 0.0);
+        setSleepTimeScale(hostSleepScale());
         bridge().reset();
         if (realisticTiming())
             bridge().setTiming(vbridge::Timing::Realistic);
@@ -260,6 +262,16 @@ private:
     std::unique_ptr<QVeltraXRayKORUXPlugIn> family_;
     SignalLog signals_;
     QVector<QPointer<QVeltraHardwareUnit>> connected_;
+};
+
+// A host whose sleep functions run at another speed (an uncalibrated busy
+// wait, say) for the life of this object; then the harness's own again.
+class ScopedSleepScale {
+public:
+    explicit ScopedSleepScale(double scale) { setSleepTimeScale(scale); }
+    ~ScopedSleepScale() { setSleepTimeScale(PluginHarness::hostSleepScale()); }
+    ScopedSleepScale(const ScopedSleepScale&) = delete;
+    ScopedSleepScale& operator=(const ScopedSleepScale&) = delete;
 };
 
 }  // namespace testing_support
