@@ -110,9 +110,10 @@ bool parseOptions(const QStringList& arguments, Options* options, QString* error
             options->recordMaskSerials = true;
         } else if (word == QLatin1String("--overwrite")) {
             // Before the command, korux's own (the transcript); after it,
-            // the command's too.
-            options->overwrite = true;
-            if (!options->command.isEmpty())
+            // the command's alone.
+            if (options->command.isEmpty())
+                options->overwrite = true;
+            else
                 options->arguments << word;
         } else {
             const int equals = word.indexOf('=');

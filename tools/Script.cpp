@@ -97,8 +97,7 @@ bool parseLine(const QString& text, ScriptLine* line, QString* error)
     if (options.bridge != defaults.bridge || !options.scenario.isEmpty() || !options.plugin.isEmpty()
         || !options.directory.isEmpty() || !options.transcript.isEmpty() || options.timeScaleSet
         || options.color != defaults.color || options.verbose || options.quiet || options.help
-        || options.version || options.json
-        || (options.overwrite && !options.arguments.contains(QStringLiteral("--overwrite")))) {
+        || options.version || options.json || options.overwrite) {
         *error = QStringLiteral("only --serial may be given in a script; korux's other options go on its command line");
         return false;
     }

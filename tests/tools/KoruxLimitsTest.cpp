@@ -109,6 +109,14 @@ TEST_F(KoruxLimits, ATranscriptReplacesNoFileUnlessTold)
     EXPECT_EQ(file.readAll(), QByteArray("kept\n"));
     file.close();
 
+    // After the command, --overwrite is the command's (its pictures) alone.
+    const KoruxRun commands = koruxOn(
+        { QStringLiteral("--transcript"), kept, QStringLiteral("acquire"), QStringLiteral("--overwrite") });
+    EXPECT_EQ(commands.exitCode, 2) << commands.err;
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(file.readAll(), QByteArray("kept\n"));
+    file.close();
+
     const KoruxRun replaced = koruxOn(
         { QStringLiteral("--overwrite"), QStringLiteral("--transcript"), kept, QStringLiteral("list") });
     EXPECT_EQ(replaced.exitCode, 0) << replaced.err;
