@@ -767,7 +767,7 @@ void applyFigures(const ScenarioSensor& s, VirtualSensor& sensor)
 {
     SensorLogic& logic = sensor.logic;
     if (s.readyMs)
-        logic.setReadyDelay(*s.readyMs);
+        logic.readyDelayMs = *s.readyMs;
     if (s.armMs)
         logic.armDelayMs = *s.armMs;
     if (s.imageLeadMs)

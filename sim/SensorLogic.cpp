@@ -102,6 +102,8 @@ void SensorLogic::setImageSizeCode(int code)
 
 void SensorLogic::trigger(const Exposure& exposure, Clock::time_point now)
 {
+    if (phase_ != Phase::Armed)
+        return;
     pendingTrigger_ = true;
     pending_ = exposure;
     pendingAt_ = now;
@@ -115,7 +117,7 @@ uint8_t SensorLogic::flags(Clock::time_point now) const
     uint8_t value = 0x40;
     switch (phase_) {
     case Phase::Idle:
-        value = now < readyAt_ ? 0x00 : 0x40;
+        value = now < poweredAt_ + std::chrono::milliseconds(readyDelayMs) ? 0x00 : 0x40;
         break;
     case Phase::Armed:
         value = now < armedAt() ? 0x40 : 0x44;
@@ -145,13 +147,6 @@ SensorLogic::Clock::time_point SensorLogic::armedAt() const
 void SensorLogic::powerOn(Clock::time_point now)
 {
     poweredAt_ = now;
-    readyAt_ = now + std::chrono::milliseconds(readyDelayMs);
-}
-
-void SensorLogic::setReadyDelay(uint32_t ms)
-{
-    readyDelayMs = ms;
-    readyAt_ = poweredAt_ + std::chrono::milliseconds(ms);
 }
 
 void SensorLogic::startExposure(Clock::time_point start, uint32_t durationMs, uint16_t level)
@@ -248,8 +243,13 @@ void SensorLogic::update(Clock::time_point now)
         const auto armed = armedAt();
         if (pendingTrigger_) {
             pendingTrigger_ = false;
-            if (pending_.doseRate > arm.threshold)
-                startExposure(std::max(armed, pendingAt_), pending_.durationMs, pending_.doseRate);
+            // What came before the armed flag is lost.
+            const auto start = std::max(armed, pendingAt_);
+            const auto end = pendingAt_ + std::chrono::milliseconds(pending_.durationMs);
+            if (pending_.doseRate > arm.threshold && end > start)
+                startExposure(start,
+                    static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::milliseconds>(end - start).count()),
+                    pending_.doseRate);
         } else if (arm.threshold < kDarkLevel) {
             startExposure(armed, kDummyIntegrationMs, kDarkLevel);
         } else if (autoExposure) {

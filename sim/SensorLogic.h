@@ -69,8 +69,6 @@ public:
     uint32_t configSettleUs = 0;
     uint32_t programLowMinUs = 0;
     void powerOn(Clock::time_point now);
-    // A new start-up delay counts from the last power-on.
-    void setReadyDelay(uint32_t ms);
     bool off = false;
     bool linkLost = false;
     int imageSizeCodeOverride = -1;
@@ -84,8 +82,9 @@ public:
     void configurationReset(); // PROGRAMN pulse or power cycle
     std::vector<uint8_t> loadedBitstream;
 
-    // X-rays reach the sensor at `now`: the exposure starts then, or when the
-    // sensor is armed if that comes later.
+    // X-rays reach the sensor at `now` for the exposure's duration. A sensor
+    // that has taken an arm frame integrates what comes after its armed
+    // flag; one that has not sees nothing.
     void trigger(const Exposure& exposure, Clock::time_point now);
     // Size code written into images from now on, and into the one held.
     void setImageSizeCode(int code);
@@ -145,7 +144,6 @@ private:
     Phase phase_ = Phase::Idle;
     Clock::time_point armTime_ {};
     Clock::time_point poweredAt_ {};
-    Clock::time_point readyAt_ {};
     Clock::time_point exposureStart_ {};
     Clock::time_point exposureEnd_ {};
     uint32_t exposureMs_ = 0;

@@ -134,7 +134,6 @@ int VirtualBridge::addSensor(const SensorConfig& config)
             sensor->logic.readyDelayMs = chosen.readyDelayMs;
         if (chosen.armDelayMs)
             sensor->logic.armDelayMs = chosen.armDelayMs;
-        sensor->logic.powerOn(SensorLogic::Clock::now());
     }
     if (chosen.defaultFlash) {
         DefaultFlash content;
@@ -591,7 +590,7 @@ void VirtualBridge::setSensorDelays(
 {
     Locked locked;
     SensorLogic& logic = locked.bridge.sensor(sensor).logic;
-    logic.setReadyDelay(readyDelayMs);
+    logic.readyDelayMs = readyDelayMs;
     logic.armDelayMs = armDelayMs;
     logic.imageLeadMs = imageLeadMs;
     logic.readoutMs = readoutMs;

@@ -320,9 +320,9 @@ public:
     void setAutoExposure(int sensor, bool automatic, const Exposure& exposure = Exposure());
     // What the next images show (the image held stays as it is).
     void setImageSource(int sensor, const ImageSource& source);
-    // X-rays reach the sensor now: the exposure starts at once, or when the
-    // armed flag comes if the sensor is still arming (an arm frame must have
-    // been taken).
+    // X-rays reach the sensor now, for the exposure's duration. An armed
+    // sensor integrates them; one still arming integrates what comes after
+    // its armed flag; one not armed sees nothing.
     void triggerExposure(int sensor, const Exposure& exposure = Exposure());
     // The sensor reports itself off (flag 0x10) or its link lost (0x20).
     void switchOff(int sensor, bool off = true);
@@ -429,7 +429,7 @@ public:
     Timing timing() const;
     // The sensor logic's delays (SensorConfig's readyDelayMs, armDelayMs,
     // imageLeadMs and readoutMs), 0 included. The start-up delay counts from
-    // the sensor's last power-on.
+    // the sensor's last power-on or configuration.
     void setSensorDelays(
         int sensor, uint32_t readyDelayMs, uint32_t armDelayMs, uint32_t imageLeadMs, uint32_t readoutMs);
     // The FPGA's settling time after 0xC6 and 0x26, and the shortest

@@ -134,8 +134,8 @@ TEST_F(EdgeCaseTest, EnergyOfSum100WithDivisor7Is14)
     bool found = false;
     for (int shot = 0; shot < 100 && !found; ++shot) {
         ASSERT_TRUE(unit->arm(false));
-        // X-rays at once: the exposure starts with the armed flag and lasts
-        // a millisecond.
+        // X-rays for a millisecond once the armed flag is up.
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
         host.bridge().triggerExposure(0, xrays);
         std::this_thread::sleep_for(std::chrono::milliseconds(3));
         ASSERT_TRUE(KoruxUnitAccess::readOscilloscope(*unit));

@@ -28,8 +28,9 @@ protected:
 // 250 ms. The armed flag comes a little after the frame; an exposure that has
 // started and ended before the first wait is over leaves no armed flag to see,
 // and the arming fails although the sensor holds the image. (Waits scaled to
-// a tenth here: 25 ms, with the flag 20 ms after the frame and X-rays
-// from the moment the frame is sent.)
+// a tenth here: 25 ms, with the flag 20 ms after the frame and X-rays for
+// 21 ms from the moment the frame is sent: the sensor integrates their last
+// millisecond.)
 TEST_F(SensorPhaseTest, ExposureOverBeforeTheFirstArmedCheckFailsTheArming)
 {
     vbridge::SensorConfig config;
@@ -38,7 +39,7 @@ TEST_F(SensorPhaseTest, ExposureOverBeforeTheFirstArmedCheckFailsTheArming)
     config.readoutMs = 0;
     start(config);
     vbridge::Exposure shot;
-    shot.durationMs = 1;
+    shot.durationMs = 21;
     QObject::connect(host.unit(), &QVeltraHardwareUnit::logText, [&](const QString& text) {
         if (text == "Sensor is arming")
             host.bridge().triggerExposure(0, shot);

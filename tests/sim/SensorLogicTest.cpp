@@ -408,8 +408,9 @@ TEST_F(VbSensorLogic, TriggeredExposureStartsWhenTheXRaysCome)
     EXPECT_EQ(bridge().exposureCount(0), 1);
 }
 
-// X-rays before the armed flag are integrated from the moment it comes.
-TEST_F(VbSensorLogic, ExposureTriggeredBeforeTheArmedFlagStartsWithIt)
+// X-rays while the sensor is still arming: what comes after the armed flag
+// is integrated, what came before is lost.
+TEST_F(VbSensorLogic, ExposureTriggeredBeforeTheArmedFlagIsIntegratedFromIt)
 {
     addSensor();
     FT_HANDLE handle = openPortA();
@@ -417,12 +418,45 @@ TEST_F(VbSensorLogic, ExposureTriggeredBeforeTheArmedFlagStartsWithIt)
     bridge().setSensorDelays(0, 0, 200, 0, 0);
     sendArm(handle);
     vbridge::Exposure shot;
-    shot.durationMs = 5;
+    shot.durationMs = 300;
     bridge().triggerExposure(0, shot);
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(flags(handle), 0x40);
-    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    std::this_thread::sleep_for(std::chrono::milliseconds(220));
+    EXPECT_EQ(flags(handle), 0x45);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
     EXPECT_EQ(flags(handle), 0x48);
+    EXPECT_EQ(bridge().exposureCount(0), 1);
+}
+
+TEST_F(VbSensorLogic, ExposureOverBeforeTheArmedFlagIsNotSeen)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    bridge().setAutoExposure(0, false);
+    bridge().setSensorDelays(0, 0, 100, 0, 0);
+    sendArm(handle);
+    vbridge::Exposure shot;
+    shot.durationMs = 5;
+    bridge().triggerExposure(0, shot);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ(flags(handle), 0x44);
+    EXPECT_EQ(bridge().exposureCount(0), 0);
+}
+
+TEST_F(VbSensorLogic, SensorNotArmedSeesNoXRays)
+{
+    addSensor();
+    FT_HANDLE handle = openPortA();
+    bridge().setAutoExposure(0, false);
+    bridge().setSensorDelays(0, 0, 0, 0, 0);
+    vbridge::Exposure shot;
+    shot.durationMs = 500;
+    bridge().triggerExposure(0, shot);
+    sendArm(handle);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(flags(handle), 0x44);
+    EXPECT_EQ(bridge().exposureCount(0), 0);
 }
 
 // A start-up delay set after power-on counts from the power-on: a sensor
