@@ -94,24 +94,6 @@ bool parseHandle(const std::string& text, uint64_t* value)
     return true;
 }
 
-std::string handleText(uint64_t handle)
-{
-    char text[24];
-    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(handle));
-    return text;
-}
-
-std::string numberList(const std::vector<int64_t>& numbers)
-{
-    std::string text;
-    for (size_t i = 0; i < numbers.size(); ++i) {
-        if (i)
-            text += ',';
-        text += std::to_string(numbers[i]);
-    }
-    return text;
-}
-
 std::vector<std::string> split(const std::string& text, char separator)
 {
     std::vector<std::string> parts;
@@ -238,6 +220,24 @@ bool parseCall(const std::vector<std::string>& words, uint64_t expected, TraceCa
 }
 
 } // namespace
+
+std::string handleText(uint64_t handle)
+{
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(handle));
+    return text;
+}
+
+std::string numberList(const std::vector<int64_t>& numbers)
+{
+    std::string text;
+    for (size_t i = 0; i < numbers.size(); ++i) {
+        if (i)
+            text += ',';
+        text += std::to_string(numbers[i]);
+    }
+    return text;
+}
 
 std::string escapeText(const std::string& text)
 {

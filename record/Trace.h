@@ -74,6 +74,9 @@ bool readTraceFile(const std::string& path, Trace* trace, std::string* error);
 // One line of a call for people: what was recorded or what came, in a
 // divergence report.
 std::string describeCall(const TraceCall& call);
+// A handle as the trace writes it ("0x..."), and numbers as "1,2,3".
+std::string handleText(uint64_t handle);
+std::string numberList(const std::vector<int64_t>& numbers);
 
 // Text escapes: %XX for space, '%', ',', '=' and every byte outside 0x21-0x7E.
 std::string escapeText(const std::string& text);

@@ -29,19 +29,9 @@ std::atomic<Replay*> active { nullptr };
 std::string lastDivergence;
 std::atomic<bool> reportOnStderr { true };
 
-std::string handleText(uint64_t handle)
-{
-    char text[24];
-    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(handle));
-    return text;
-}
-
 std::string numbers(const std::vector<int64_t>& values)
 {
-    std::string text;
-    for (size_t i = 0; i < values.size(); ++i)
-        text += (i ? "," : "") + std::to_string(values[i]);
-    return "[" + text + "]";
+    return "[" + ktrace::numberList(values) + "]";
 }
 
 } // namespace
@@ -51,7 +41,7 @@ std::string callDifference(const ktrace::TraceCall& recorded, const ktrace::Trac
     if (recorded.function != came.function)
         return "another function";
     if (recorded.handle != came.handle)
-        return "another handle (" + handleText(came.handle) + " where " + handleText(recorded.handle)
+        return "another handle (" + ktrace::handleText(came.handle) + " where " + ktrace::handleText(recorded.handle)
             + " was recorded)";
     if (recorded.hasText != came.hasText || recorded.text != came.text)
         return "another text (\"" + ktrace::escapeText(came.text) + "\" where \""

@@ -34,6 +34,9 @@ struct Session {
     int scriptLine = 0;
     // The command being run, for korux's messages.
     QString command = QString();
+    // The bridge library that answers the plug-in's calls, as loaded (the
+    // vendor's or the virtual one, also behind a recording bridge).
+    QString bridgeFile;
 };
 
 // A command's own words after korux's options are taken out, checked and

@@ -242,7 +242,7 @@ int enumerate(Session& session)
     PluginHost host(session.console, session.options.verbose, session.transcript);
     if (host.load(pluginPath) != kExitOk)
         return -1;
-    Session inner { session.options, session.console, &host, session.transcript, QString(), false, 0, 0 };
+    Session inner { session.options, session.console, &host, session.transcript, QString(), false, 0, 0, QString(), QString() };
     QuietStandardOutput quiet(!session.options.verbose);
     if (ensureFamily(inner) != kExitOk)
         return -1;

@@ -771,6 +771,14 @@ int increaseCounters(Session& session)
     if (units.isEmpty())
         return noUnitWithSerial(session);
     const QHash<QVeltraHardwareUnit*, uint> before = readCounters(session, units);
+    // Without the count before, the step cannot be checked: nothing is sent.
+    for (QVeltraHardwareUnit* unit : units) {
+        if (!before.contains(unit)) {
+            session.console.error(QStringLiteral("korux: unit %1: its counter could not be read; nothing written")
+                                      .arg(session.host->unitName(unit)));
+            return kExitFailure;
+        }
+    }
     const QString chosen = session.serial;
     int result = kExitOk;
     {
@@ -788,9 +796,9 @@ int increaseCounters(Session& session)
     const QHash<QVeltraHardwareUnit*, uint> after = readCounters(session, units);
     for (QVeltraHardwareUnit* unit : units) {
         const QString name = session.host->unitName(unit);
-        if (!before.contains(unit) || !after.contains(unit)) {
+        if (!after.contains(unit)) {
             session.console.error(
-                QStringLiteral("korux: unit %1: its counter could not be read around the increase")
+                QStringLiteral("korux: unit %1: its counter could not be read after the increase")
                     .arg(name));
             result = kExitFailure;
         } else if (after.value(unit) != before.value(unit) + 1) {

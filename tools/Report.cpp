@@ -25,6 +25,7 @@
 #include "tools/BridgeLoader.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/Folders.h"
 #include "tools/PluginHost.h"
 
 namespace korux {
@@ -168,14 +169,6 @@ QFileInfoList newest(const QString& directory, const QStringList& patterns, int 
 {
     QFileInfoList files = QDir(directory).entryInfoList(patterns, QDir::Files, QDir::Time);
     return files.mid(0, count);
-}
-
-QString stateDirectory()
-{
-    QString state = qEnvironmentVariable("XDG_STATE_HOME");
-    if (state.isEmpty())
-        state = QDir::homePath() + QStringLiteral("/.local/state");
-    return state + QStringLiteral("/korux");
 }
 
 } // namespace

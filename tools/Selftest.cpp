@@ -13,11 +13,11 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
-#include <dlfcn.h>
 
 #include "tools/Commands.h"
 #include "tools/ExitCodes.h"
 #include "tools/FamilyControl.h"
+#include "tools/Folders.h"
 #include "tools/PluginHost.h"
 #include "tools/SensorProbe.h"
 #include "tools/Selftest.h"
@@ -85,16 +85,6 @@ private:
     Session& session_;
     int failures_ = 0;
 };
-
-// The library that answers the bridge's functions in this process.
-QString bridgeFile()
-{
-    void* function = dlsym(RTLD_DEFAULT, "FT_OpenEx");
-    Dl_info info {};
-    if (!function || !dladdr(function, &info) || !info.dli_fname)
-        return QString();
-    return QString::fromLocal8Bit(info.dli_fname);
-}
 
 // The plug-in's failure lines that speak of one port ("Port B ...",
 // "... port B ...").
@@ -183,7 +173,7 @@ int runSelftest(Session& session, const CommandLine& line)
     QuietOutput quiet(host);
 
     // 1. The bridge library.
-    const QString library = bridgeFile();
+    const QString library = session.bridgeFile;
     report.pass(QStringLiteral("bridge library"),
         library.isEmpty() ? QStringLiteral("loaded") : QStringLiteral("loaded from %1").arg(library));
 
@@ -351,10 +341,7 @@ int runSelftest(Session& session, const CommandLine& line)
 
 QString defaultSelftestTrace()
 {
-    QString state = qEnvironmentVariable("XDG_STATE_HOME");
-    if (state.isEmpty())
-        state = QDir::homePath() + QStringLiteral("/.local/state");
-    const QString directory = state + QStringLiteral("/korux");
+    const QString directory = stateDirectory();
     QDir().mkpath(directory);
     return QStringLiteral("%1/selftest-%2.trace")
         .arg(directory, QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd-HHmmss")));

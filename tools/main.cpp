@@ -259,7 +259,7 @@ int main(int argc, char** argv)
         console.error(QStringLiteral("korux: ") + error);
         return kExitUsage;
     }
-    Session session { options, console, nullptr, nullptr, QString(), false, 0, 0, QString() };
+    Session session { options, console, nullptr, nullptr, QString(), false, 0, 0, QString(), QString() };
     if (transcript.isOpen())
         session.transcript = &transcript;
     if (!command->needsPlugin || supportBundle(options, line)) {
@@ -306,6 +306,7 @@ int main(int argc, char** argv)
         console.out(QStringLiteral("family directory %1").arg(host.family()->directory().absolutePath()));
 
     session.host = &host;
+    session.bridgeFile = bridge.file;
     const int result = runCommand(session, *command, line);
     return finish(session, transcript, result, &bridge);
 }
