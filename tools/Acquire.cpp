@@ -207,7 +207,7 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
     // can be; the first claims the name for the set (a process that finds it
     // taken a moment after the check leaves the rest to the other). Then the
     // files people open: preview, oscilloscope plot, DICOM.
-    auto writeSet = [&](const QString& stem, AtomicFile::Existing existing, bool quietFailures) {
+    auto writeSet = [&](const QString& stem, AtomicFile::Existing existing) {
         QStringList failures;
         auto writeAll = [&](const QVector<ShotFile>& files) {
             for (const ShotFile& output : files) {
@@ -227,7 +227,7 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
             return SetWritten::Written;
         };
         const SetWritten images = writeAll(imageFiles(stem));
-        if (images == SetWritten::Failed && !quietFailures)
+        if (images == SetWritten::Failed)
             for (const QString& failure : failures)
                 session.console.error(QStringLiteral("korux: ") + failure);
         if (images != SetWritten::Written || image.isNull())
@@ -248,20 +248,19 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
         return SetWritten::Written;
     };
 
-    const AtomicFile::Existing existing
-        = settings.overwrite ? AtomicFile::Existing::Replace : AtomicFile::Existing::Keep;
-    // The first free name, and the set written under it; on a write failure
-    // the rest goes to the rescue folder.
-    auto writeFreeName = [&](const QDir& directory, bool quietFailures, QString* written) {
+    // The first free name (or the name itself, when overwrite), and the set
+    // written under it; on a write failure the rest goes to the rescue folder.
+    auto writeFreeName = [&](const QDir& directory, bool overwrite, QString* written) {
+        const AtomicFile::Existing existing = overwrite ? AtomicFile::Existing::Replace : AtomicFile::Existing::Keep;
         for (int suffix = 1; suffix <= kLastNameSuffix; ++suffix) {
             const QString stem
                 = directory.filePath(suffix == 1 ? base : QStringLiteral("%1-%2").arg(base).arg(suffix));
             bool taken = false;
             for (const QString& path : allNames(stem))
-                taken = taken || (!settings.overwrite && QFileInfo::exists(path));
+                taken = taken || (!overwrite && QFileInfo::exists(path));
             if (taken)
                 continue;
-            const SetWritten result = writeSet(stem, existing, quietFailures);
+            const SetWritten result = writeSet(stem, existing);
             if (result == SetWritten::Taken)
                 continue;
             *written = stem;
@@ -270,7 +269,7 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
         return SetWritten::Taken;
     };
     QString stem;
-    const SetWritten result = writeFreeName(settings.directory, false, &stem);
+    const SetWritten result = writeFreeName(settings.directory, settings.overwrite, &stem);
     if (result == SetWritten::Written) {
         if (QFileInfo(stem).fileName() != base)
             session.console.error(
@@ -282,7 +281,7 @@ bool writeShot(Session& session, const ShotSettings& settings, QVeltraHardwareUn
     const QString why = result == SetWritten::Taken
         ? QStringLiteral("every name from %1 to %1-%2 is taken").arg(base).arg(kLastNameSuffix)
         : QStringLiteral("it could not be written to %1").arg(settings.directory.path());
-    QString reason;
+    // A rescued shot never replaces one rescued before.
     const QString rescue = rescueDirectory();
     QString kept;
     if (QDir().mkpath(rescue) && writeFreeName(QDir(rescue), false, &kept) == SetWritten::Written) {

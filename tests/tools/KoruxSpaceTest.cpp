@@ -67,14 +67,18 @@ TEST_F(KoruxSpace, AFullDiskIsRefusedBeforeArming)
 }
 
 // The disk filled while the sensor waited for X-rays: the shot is kept in
-// the rescue folder, named on stderr, exit status 1.
+// the rescue folder, named on stderr, exit status 1. --overwrite is for the
+// folder asked for: a shot rescued before keeps its name.
 TEST_F(KoruxSpace, AShotThatCannotBeWrittenGoesToTheRescueFolder)
 {
     if (!mountSmallDisk(QStringLiteral("32m")))
         GTEST_SKIP() << "needs a small file system of its own (root)";
+    const QString rescue = path(QStringLiteral("home/state/korux/rescue"));
+    ASSERT_TRUE(QDir().mkpath(rescue));
+    const QString earlier = writeFile(QStringLiteral("home/state/korux/rescue/59881DA3846E4A89-001235.png"), "earlier");
     QProcess process;
     startKorux(process,
-        argumentsOn({ QStringLiteral("acquire"), QStringLiteral("--out"), disk() },
+        argumentsOn({ QStringLiteral("acquire"), QStringLiteral("--out"), disk(), QStringLiteral("--overwrite") },
             QStringLiteral(R"({"sensors": [{"exposure": {"delayMs": 1500}}]})")));
     QString out;
     QElapsedTimer timer;
@@ -94,14 +98,16 @@ TEST_F(KoruxSpace, AShotThatCannotBeWrittenGoesToTheRescueFolder)
     out += QString::fromUtf8(process.readAllStandardOutput());
     const QString err = QString::fromUtf8(process.readAllStandardError());
     EXPECT_EQ(process.exitCode(), 1) << err;
-    const QString rescue = path(QStringLiteral("home/state/korux/rescue"));
     EXPECT_TRUE(
         err.contains(QStringLiteral("korux: the shot of unit 0 (59881DA3846E4A89) is kept in the rescue "
-                                    "folder as %1/59881DA3846E4A89-001235.png: it could not be written to %2")
+                                    "folder as %1/59881DA3846E4A89-001235-2.png: it could not be written to %2")
                          .arg(rescue, disk())))
         << err;
-    EXPECT_TRUE(QFile::exists(rescue + QStringLiteral("/59881DA3846E4A89-001235.png")));
-    EXPECT_TRUE(QFile::exists(rescue + QStringLiteral("/59881DA3846E4A89-001235.txt")));
+    EXPECT_TRUE(QFile::exists(rescue + QStringLiteral("/59881DA3846E4A89-001235-2.png")));
+    EXPECT_TRUE(QFile::exists(rescue + QStringLiteral("/59881DA3846E4A89-001235-2.txt")));
+    QFile kept(earlier);
+    ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
+    EXPECT_EQ(kept.readAll(), QByteArray("earlier"));
 }
 
 // Every command that makes the plug-in write in the family directory
