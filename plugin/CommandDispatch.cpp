@@ -8,6 +8,8 @@
 #include <QPointer>
 #include <QVector>
 
+#include <algorithm>
+
 namespace {
 
 bool isOneOf(int status, std::initializer_list<int> allowed)
@@ -277,9 +279,17 @@ void QVeltraXRayKORUXPlugIn::gotoUnitStatus(QString serial, hardwareStatus comma
 
 // The family follows a unit through an acquisition once it is armed; the
 // unit's other statuses stay with the unit.
+// The framework hands a unit's status on after the unit's own signal, whose
+// slot may have made the host enumerate anew: a status no unit of the family
+// holds comes from a unit given up, and is not the family's.
 void QVeltraXRayKORUXPlugIn::forwardToStatusChanged(hardwareStatus status)
 {
-    if (isOneOf(status, { statusIntegrating, statusIntegrated, statusAcquiring, statusAcquired }))
+    if (!isOneOf(status, { statusIntegrating, statusIntegrated, statusAcquiring, statusAcquired }))
+        return;
+    const QVector<QVeltraHardwareUnit*>& units = hardwareUnitVector();
+    if (std::any_of(units.begin(), units.end(), [status](const QVeltraHardwareUnit* unit) {
+            return unit->status() == status;
+        }))
         setFamilyStatus(status);
 }
 

@@ -269,6 +269,33 @@ INSTANTIATE_TEST_SUITE_P(EveryPollingSlot, PollingTick,
         PollingSlot { "waitForStopping", "[green]waitForImage", false, true }),
     [](const ::testing::TestParamInfo<PollingSlot>& info) { return std::string(info.param.name); });
 
+// The host enumerates anew from its slot of a unit's status change, as the
+// unit enters integration. The given-up unit's status, which the framework
+// hands to the family after that slot, is not the family's: the family is
+// the new enumeration's (guard: the family takes a unit's status only from
+// a unit it holds).
+TEST_F(HostContractTest, StatusOfAUnitGivenUpInItsStatusSlotIsNotTheFamilys)
+{
+    start(1, PluginHarness::twoTickSensor());
+    host.family().gotoStatus(statusFpgaUpdating);
+    host.family().gotoStatus(statusArming);
+    ASSERT_EQ(host.family().status(), statusArmed);
+    bool enumerated = false;
+    QObject::connect(host.unit(), &QVeltraHardwareUnit::statusChanged, [&](hardwareStatus status) {
+        if (enumerated || status != statusIntegrating)
+            return;
+        enumerated = true;
+        // An armed family refuses an enumeration; after another sensor's
+        // error it takes one.
+        KoruxFamilyAccess::setStatus(host.family(), statusError);
+        reenumerate(false);
+    });
+    ASSERT_TRUE(host.runUntil([&] { return enumerated; }, 5000));
+    EXPECT_EQ(host.family().status(), statusSensorFound);
+    ASSERT_FALSE(host.seen().statuses.empty());
+    EXPECT_EQ(host.seen().statuses.back(), statusSensorFound);
+}
+
 // After a stop the image slot's late tick only logs that the acquisition
 // stopped; a given-up unit does not even log that (guard: the image and
 // oscilloscope ticks check their unit before the stop test).
