@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iterator>
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -217,6 +218,28 @@ bool parseCall(const std::vector<std::string>& words, uint64_t expected, TraceCa
         return false;
     }
     return true;
+}
+
+
+// fsync of a file or folder by its name.
+bool syncToDisk(const std::string& path)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool synced = ::fsync(fd) == 0;
+    const int saved = errno;
+    ::close(fd);
+    errno = saved;
+    return synced;
+}
+
+std::string directoryOf(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 } // namespace
@@ -551,7 +574,13 @@ bool TraceWriter::finish(std::string* error)
     file_ = nullptr;
     if (closed != Z_OK && error_.empty())
         error_ = partial_ + ": write failed (" + std::strerror(errno ? errno : EIO) + ")";
+    // On the disk before it takes the name, and the name with it: a power
+    // cut leaves the old trace, the partial one, or the whole new one.
+    if (error_.empty() && !syncToDisk(partial_))
+        error_ = partial_ + ": write failed (" + std::strerror(errno) + ")";
     if (error_.empty() && std::rename(partial_.c_str(), path_.c_str()) != 0)
+        error_ = path_ + ": cannot be put in place (" + std::strerror(errno) + ")";
+    if (error_.empty() && !syncToDisk(directoryOf(path_)))
         error_ = path_ + ": cannot be put in place (" + std::strerror(errno) + ")";
     if (!error_.empty()) {
         *error = error_;

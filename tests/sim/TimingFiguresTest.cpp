@@ -97,8 +97,10 @@ TEST_F(VbTimingFigures, DelaysNamingOneFigureKeepTheOthers)
     const auto armed = Clock::now();
     arm(handle);
     // The armed flag comes after the realistic 50 ms, not at once.
-    while (!(statusFlags(handle) & 0x04) && Clock::now() - armed < std::chrono::seconds(2))
+    bool seen = false;
+    while (!(seen = statusFlags(handle) & 0x04) && Clock::now() - armed < std::chrono::seconds(2))
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_TRUE(seen);
     EXPECT_GE(Clock::now() - armed, std::chrono::milliseconds(vbridge::kRealisticArmDelayMs));
 }
 
@@ -106,8 +108,10 @@ TEST_F(VbTimingFigures, TheDocumentsExampleKeepsTheReadyDelay)
 {
     load(R"({"timing": "realistic", "sensors": [{"delays": {"armMs": 80, "imageLeadMs": 20}}]})");
     FT_HANDLE handle = openPortA();
-    // Just powered: the realistic 300 ms before the ready flag.
+    // Just powered: the realistic 300 ms before the ready flag, then ready.
     EXPECT_EQ(statusFlags(handle) & 0x40, 0x00);
+    std::this_thread::sleep_for(std::chrono::milliseconds(vbridge::kRealisticReadyDelayMs + 20));
+    EXPECT_EQ(statusFlags(handle) & 0x40, 0x40);
 }
 
 TEST_F(VbTimingFigures, FlashTimingNamingTheEraseKeepsTheChipErase)
@@ -132,6 +136,7 @@ TEST_F(VbTimingFigures, FlashEraseFigureIsTakenAsItIs)
         FT4222_SPIMaster_Init(handle, SPI_IO_SINGLE, CLK_DIV_2, CLK_IDLE_LOW, CLK_LEADING, 2), FT4222_OK);
     flashFrame(handle, bytes({ 0x06 }));
     flashFrame(handle, bytes({ 0x20, 0x00, 0x10, 0x00 }));
+    EXPECT_EQ(flashStatus(handle) & 0x01, 0x01);
     // Not drawn up to the 400 ms maximum: 1 ms as given.
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(flashStatus(handle), 0x00);
