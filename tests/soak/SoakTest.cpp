@@ -88,19 +88,18 @@ void soak(int sensors, int shots)
     EXPECT_EQ(delivered, sensors * shots);
     for (int i = 0; i < sensors; ++i)
         EXPECT_EQ(PluginHarness::storedCounter(i), before[i] + static_cast<uint32_t>(shots)) << "sensor " << i;
-    // The smallest reading of the first half against the smallest of the
-    // second: a leak raises every reading, the smallest too, while a buffer
-    // that happens to be alive at one reading does not count.
-    ASSERT_GE(resident.size(), 20u);
-    const auto half = resident.begin() + static_cast<std::ptrdiff_t>(resident.size() / 2);
-    const long warm = *std::min_element(resident.begin(), half);
-    const long last = *std::min_element(half, resident.end());
-    const int middle = kWarmUpShots + static_cast<int>(resident.size() / 2);
+    // The smallest of the first ten readings against the smallest of the
+    // last ten: a leak raises every reading, the smallest too, while a
+    // buffer that happens to be alive at one reading does not count.
+    constexpr std::ptrdiff_t kReadings = 10;
+    ASSERT_GE(resident.size(), static_cast<size_t>(2 * kReadings));
+    const long warm = *std::min_element(resident.begin(), resident.begin() + kReadings);
+    const long last = *std::min_element(resident.end() - kReadings, resident.end());
     EXPECT_LT(last - warm, kGrowthLimitBytes) << "resident at least " << warm << " bytes over shots "
-                                               << kWarmUpShots << " to " << middle - 1 << ", " << last
-                                               << " over shots " << middle << " to " << shots;
-    std::printf("resident memory at least %ld KiB over shots %d to %d, %ld KiB over shots %d to %d\n",
-        warm / 1024, kWarmUpShots, middle - 1, last / 1024, middle, shots);
+                                               << kWarmUpShots << " to " << kWarmUpShots + kReadings - 1
+                                               << ", " << last << " over the last " << kReadings;
+    std::printf("resident memory at least %ld KiB after shot %d, %ld KiB by shot %d\n", warm / 1024,
+        kWarmUpShots, last / 1024, shots);
 }
 
 } // namespace
